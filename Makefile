@@ -1,0 +1,35 @@
+# One command each for a fresh machine: `make demo` and `make check`.
+JOBS ?= 2
+BUILD_DIR ?= build
+CHECK_DIR ?= build-check
+TSAN_DIR ?= build-tsan
+
+.PHONY: deps build demo check check-tsan bench clean
+
+deps:
+	scripts/install-deps
+
+build: deps
+	cmake -S . -B $(BUILD_DIR) -G Ninja -DCMAKE_BUILD_TYPE=Release
+	cmake --build $(BUILD_DIR) -j $(JOBS)
+
+demo: build
+	scripts/demo $(BUILD_DIR)/bin
+
+check: deps
+	cmake -S . -B $(CHECK_DIR) -G Ninja -DCMAKE_BUILD_TYPE=Debug -DZARVO_SANITIZE=ON -DZARVO_BUILD_BENCHMARKS=OFF
+	cmake --build $(CHECK_DIR) -j $(JOBS)
+	cd $(CHECK_DIR) && ctest --output-on-failure -j $(JOBS) -LE tsan
+	$(MAKE) check-tsan
+
+# The runtime's concurrency tests, again under ThreadSanitizer.
+check-tsan: deps
+	cmake -S . -B $(TSAN_DIR) -G Ninja -DCMAKE_BUILD_TYPE=Debug -DZARVO_TSAN=ON -DZARVO_BUILD_BENCHMARKS=OFF
+	cmake --build $(TSAN_DIR) -j $(JOBS)
+	cd $(TSAN_DIR) && ctest --output-on-failure -j $(JOBS) -L tsan
+
+bench: build
+	scripts/bench $(BUILD_DIR)/bin
+
+clean:
+	rm -rf $(BUILD_DIR) $(CHECK_DIR) $(TSAN_DIR)

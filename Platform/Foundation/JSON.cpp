@@ -1,0 +1,143 @@
+#include "Platform/Foundation/JSON.h"
+
+#include "Platform/Foundation/Error.h"
+
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <cmath>
+
+namespace platform {
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+constexpr std::int64_t kWriteInvalidCode = 3851;  // the platform's "could not write" code
+constexpr std::int64_t kReadCorruptCode = 3840;   // the platform's "could not read" code
+
+bool isValidElement(const Value& value)
+{
+    switch (value.kind()) {
+    case Value::Kind::Null:
+    case Value::Kind::Boolean:
+    case Value::Kind::Integer:
+    case Value::Kind::String:
+        return true;
+    case Value::Kind::Double:
+        return std::isfinite(*value.doubleValue());
+    case Value::Kind::Array:
+        return std::all_of(value.array()->begin(), value.array()->end(), isValidElement);
+    case Value::Kind::Dictionary:
+        return std::all_of(value.dictionary()->begin(), value.dictionary()->end(),
+                           [](const Dictionary::Entry& entry) { return isValidElement(entry.second); });
+    default:
+        return false;
+    }
+}
+
+Json toJson(const Value& value, bool sortKeys)
+{
+    switch (value.kind()) {
+    case Value::Kind::Boolean:
+        return *value.boolValue();
+    case Value::Kind::Integer:
+        return *value.integerValue();
+    case Value::Kind::Double:
+        return *value.doubleValue();
+    case Value::Kind::String:
+        return *value.string();
+    case Value::Kind::Array: {
+        auto array = Json::array();
+        for (const auto& element : *value.array()) {
+            array.push_back(toJson(element, sortKeys));
+        }
+        return array;
+    }
+    case Value::Kind::Dictionary: {
+        auto object = Json::object();
+        auto keys = value.dictionary()->keys();
+        if (sortKeys) {
+            std::sort(keys.begin(), keys.end());
+        }
+        for (const auto& key : keys) {
+            object[key] = toJson(*value.dictionary()->find(key), sortKeys);
+        }
+        return object;
+    }
+    default:
+        return nullptr;
+    }
+}
+
+Value fromJson(const Json& json)
+{
+    switch (json.type()) {
+    case Json::value_t::boolean:
+        return Value(json.get<bool>());
+    case Json::value_t::number_integer:
+        return Value(json.get<std::int64_t>());
+    case Json::value_t::number_unsigned: {
+        const auto number = json.get<std::uint64_t>();
+        return number <= static_cast<std::uint64_t>(INT64_MAX) ? Value(static_cast<std::int64_t>(number))
+                                                                : Value(static_cast<double>(number));
+    }
+    case Json::value_t::number_float:
+        return Value(json.get<double>());
+    case Json::value_t::string:
+        return Value(json.get<std::string>());
+    case Json::value_t::array: {
+        Array array;
+        array.reserve(json.size());
+        for (const auto& element : json) {
+            array.push_back(fromJson(element));
+        }
+        return Value(std::move(array));
+    }
+    case Json::value_t::object: {
+        Dictionary dictionary;
+        for (const auto& [key, element] : json.items()) {
+            dictionary.set(key, fromJson(element));
+        }
+        return Value(std::move(dictionary));
+    }
+    default:
+        return Value::null();
+    }
+}
+
+bool isContainer(const Value& value)
+{
+    return value.kind() == Value::Kind::Array || value.kind() == Value::Kind::Dictionary;
+}
+
+}  // namespace
+
+bool JSONSerialization::isValidJSONObject(const Value& value, unsigned options)
+{
+    return (isContainer(value) || (options & FragmentsAllowed)) && isValidElement(value);
+}
+
+std::optional<std::string> JSONSerialization::stringWithValue(const Value& value, unsigned options, ErrorRef* error)
+{
+    if (!isValidJSONObject(value, options)) {
+        setError(error, Error::create(std::string(NSCocoaErrorDomain), kWriteInvalidCode,
+                                      Dictionary{{NSLocalizedDescriptionKey, "Invalid type in JSON write."}}));
+        return std::nullopt;
+    }
+    const auto json = toJson(value, (options & SortedKeys) != 0);
+    // Invalid UTF-8 in a string is replaced rather than failing the write.
+    return json.dump((options & PrettyPrinted) ? 2 : -1, ' ', false, Json::error_handler_t::replace);
+}
+
+std::optional<Value> JSONSerialization::valueWithString(std::string_view text, unsigned options, ErrorRef* error)
+{
+    auto json = Json::parse(text.begin(), text.end(), nullptr, false);
+    if (json.is_discarded() || (!json.is_structured() && !(options & AllowFragments))) {
+        setError(error, Error::create(std::string(NSCocoaErrorDomain), kReadCorruptCode,
+                                      Dictionary{{NSLocalizedDescriptionKey, "The data couldn\u2019t be read because it isn\u2019t in the correct format."}}));
+        return std::nullopt;
+    }
+    return fromJson(json);
+}
+
+}  // namespace platform

@@ -1,0 +1,142 @@
+#define PCRE2_CODE_UNIT_WIDTH 8
+#include "Platform/Foundation/RegularExpression.h"
+
+#include "Platform/Foundation/Error.h"
+
+#include <pcre2.h>
+
+namespace platform {
+namespace {
+
+constexpr std::string_view kErrorDomain = "NSCocoaErrorDomain";
+constexpr std::int64_t kPatternErrorCode = 2048;  // the platform's "invalid pattern" code
+
+std::uint32_t compileOptions(unsigned options)
+{
+    std::uint32_t flags = PCRE2_UTF | PCRE2_UCP | PCRE2_MATCH_INVALID_UTF;
+    if (options & RegularExpression::CaseInsensitive) {
+        flags |= PCRE2_CASELESS;
+    }
+    if (options & RegularExpression::AllowCommentsAndWhitespace) {
+        flags |= PCRE2_EXTENDED;
+    }
+    if (options & RegularExpression::IgnoreMetacharacters) {
+        flags |= PCRE2_LITERAL;
+    }
+    if (options & RegularExpression::DotMatchesLineSeparators) {
+        flags |= PCRE2_DOTALL;
+    }
+    if (options & RegularExpression::AnchorsMatchLines) {
+        flags |= PCRE2_MULTILINE;
+    }
+    return flags;
+}
+
+std::string compilerMessage(int code)
+{
+    PCRE2_UCHAR buffer[256];
+    const int length = pcre2_get_error_message(code, buffer, sizeof buffer);
+    return length < 0 ? "unknown error" : std::string(reinterpret_cast<const char*>(buffer), static_cast<std::size_t>(length));
+}
+
+struct MatchDataDeleter {
+    void operator()(pcre2_match_data* data) const { pcre2_match_data_free(data); }
+};
+
+}  // namespace
+
+struct RegularExpression::Code {
+    pcre2_code* compiled = nullptr;
+    ~Code() { pcre2_code_free(compiled); }
+};
+
+std::optional<std::string> RegularExpressionMatch::substring(std::string_view subject, std::size_t group) const
+{
+    if (group >= ranges.size() || !ranges[group]) {
+        return std::nullopt;
+    }
+    return std::string(subject.substr(ranges[group]->location, ranges[group]->length));
+}
+
+RegularExpression::RegularExpression(std::string pattern, unsigned options, std::unique_ptr<Code> code)
+    : pattern_(std::move(pattern)), options_(options), code_(std::move(code))
+{
+}
+
+RegularExpression::~RegularExpression() = default;
+
+RegularExpressionRef RegularExpression::create(std::string_view pattern, unsigned options, ErrorRef* error)
+{
+    int errorCode = 0;
+    PCRE2_SIZE errorOffset = 0;
+    auto code = std::make_unique<Code>();
+    code->compiled = pcre2_compile(reinterpret_cast<PCRE2_SPTR>(pattern.data()), pattern.size(),
+                                   compileOptions(options), &errorCode, &errorOffset, nullptr);
+    if (code->compiled == nullptr) {
+        if (error != nullptr) {
+            const auto description = "The value \u201c" + std::string(pattern) + "\u201d is invalid: "
+                + compilerMessage(errorCode) + " at offset " + std::to_string(errorOffset) + ".";
+            *error = Error::create(std::string(kErrorDomain), kPatternErrorCode,
+                                   Dictionary{{NSLocalizedDescriptionKey, description}, {"NSInvalidValue", pattern}});
+        }
+        return nullptr;
+    }
+    return RegularExpressionRef(new RegularExpression(std::string(pattern), options, std::move(code)));
+}
+
+RegularExpressionRef RegularExpression::literal(std::string_view text, unsigned options)
+{
+    return create(text, options | IgnoreMetacharacters);
+}
+
+std::size_t RegularExpression::numberOfCaptureGroups() const
+{
+    std::uint32_t count = 0;
+    pcre2_pattern_info(code_->compiled, PCRE2_INFO_CAPTURECOUNT, &count);
+    return count;
+}
+
+std::optional<RegularExpressionMatch> RegularExpression::firstMatch(std::string_view subject) const
+{
+    std::unique_ptr<pcre2_match_data, MatchDataDeleter> data(pcre2_match_data_create_from_pattern(code_->compiled, nullptr));
+    const int result = pcre2_match(code_->compiled, reinterpret_cast<PCRE2_SPTR>(subject.data()), subject.size(), 0, 0,
+                                   data.get(), nullptr);
+    if (result < 0) {
+        return std::nullopt;
+    }
+    const auto* offsets = pcre2_get_ovector_pointer(data.get());
+    RegularExpressionMatch match;
+    const auto groups = numberOfCaptureGroups() + 1;
+    match.ranges.resize(groups);
+    for (std::size_t group = 0; group < groups && group < pcre2_get_ovector_count(data.get()); ++group) {
+        const auto start = offsets[2 * group];
+        const auto end = offsets[2 * group + 1];
+        if (start != PCRE2_UNSET) {
+            match.ranges[group] = RegularExpressionMatch::Range{start, end - start};
+        }
+    }
+    return match;
+}
+
+std::size_t RegularExpression::numberOfMatches(std::string_view subject) const
+{
+    std::unique_ptr<pcre2_match_data, MatchDataDeleter> data(pcre2_match_data_create_from_pattern(code_->compiled, nullptr));
+    const auto* bytes = reinterpret_cast<PCRE2_SPTR>(subject.data());
+    std::size_t count = 0;
+    PCRE2_SIZE start = 0;
+    while (start <= subject.size()) {
+        if (pcre2_match(code_->compiled, bytes, subject.size(), start, 0, data.get(), nullptr) < 0) {
+            break;
+        }
+        ++count;
+        const auto* offsets = pcre2_get_ovector_pointer(data.get());
+        // An empty match moves on by one character so the scan always ends.
+        start = offsets[1] > offsets[0] ? offsets[1] : offsets[1] + 1;
+        while (start < subject.size() && (static_cast<unsigned char>(subject[start]) & 0xC0) == 0x80) {
+            ++start;
+        }
+    }
+    return count;
+}
+
+}  // namespace platform

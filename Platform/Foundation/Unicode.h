@@ -1,0 +1,24 @@
+// Unicode helpers for UTF-8 strings: validity, and counting in UTF-16 code
+// units, the unit in which the design measures string lengths.
+#pragma once
+
+#include <cstddef>
+#include <string_view>
+
+namespace platform {
+
+bool isValidUTF8(std::string_view text);
+
+// The number of UTF-16 code units the text would take. Bytes that are not
+// valid UTF-8 count one unit each, as the replacement character would.
+std::size_t utf16Length(std::string_view text);
+
+// The longest prefix of `text` that takes at most `units` UTF-16 code units;
+// a character is never split.
+std::string_view utf16Prefix(std::string_view text, std::size_t units);
+
+// Case-insensitive (Unicode simple case folding) search for `needle` anywhere
+// in `haystack`. Invalid UTF-8 in the haystack never matches a character.
+bool containsCaseInsensitive(std::string_view haystack, std::string_view needle);
+
+}  // namespace platform
