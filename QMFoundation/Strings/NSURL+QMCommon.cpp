@@ -1,0 +1,53 @@
+#include "QMFoundation/Strings/NSURL+QMCommon.h"
+
+#include "Platform/Foundation/Unicode.h"
+
+#include <string_view>
+
+namespace {
+
+std::string replacingOccurrences(std::string text, std::string_view target, std::string_view replacement)
+{
+    for (auto position = text.find(target); position != std::string::npos;
+         position = text.find(target, position + replacement.size())) {
+        text.replace(position, target.size(), replacement);
+    }
+    return text;
+}
+
+}  // namespace
+
+std::optional<std::string> rawUser(const platform::URL& url)
+{
+    const auto& text = url.absoluteString();
+    const auto at = text.find('@');
+    if (at == std::string::npos) {
+        return std::nullopt;
+    }
+    const auto separator = text.find("://");
+    const auto start = separator == std::string::npos ? 0 : separator + 3;
+    if (start > at) {
+        return std::nullopt;  // "://" after the first "@": there is no user part before it
+    }
+    return text.substr(start, at - start);
+}
+
+std::optional<platform::URL> URLByRemovingUser(const platform::URL& url)
+{
+    const auto user = rawUser(url);
+    if (!user) {
+        return url;
+    }
+    return platform::URL::fromString(replacingOccurrences(url.absoluteString(), *user + "@", ""));
+}
+
+std::optional<platform::URL> URLByDeletingPath(const platform::URL& url)
+{
+    const auto& text = url.absoluteString();
+    const auto textLength = platform::utf16Length(text);
+    const auto pathLength = platform::utf16Length(url.path());
+    if (pathLength > textLength) {
+        return std::nullopt;
+    }
+    return platform::URL::fromString(platform::utf16Prefix(text, textLength - pathLength));
+}
