@@ -1,0 +1,108 @@
+// KeychainFile: one open connection to a keychain database. Private to
+// Platform/Security.
+//
+// The file is an SQLite database in WAL mode: readers never wait for the
+// writer, writers queue behind one another through a busy time-out, and a
+// process killed in the middle of a write leaves every committed item
+// readable. A connection is opened per operation and never crosses a fork.
+//
+// Opening for reading does no schema work at all: it checks the header and
+// reads the few rows of metadata. Opening for writing creates the file and
+// its tables when asked to.
+#pragma once
+
+#include "Platform/Foundation/Value.h"
+#include "Platform/Security/KeychainCrypto.h"
+#include "Platform/Security/SecBase.h"
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+struct sqlite3;
+struct sqlite3_stmt;
+
+namespace platform::security {
+
+enum class OpenMode {
+    Read,            // a missing file answers errSecNoSuchKeychain
+    Write,           // likewise; an empty file is given its tables
+    WriteCreating,   // a missing file is created, with its directory
+};
+
+class KeychainFile {
+public:
+    ~KeychainFile();
+    KeychainFile(const KeychainFile&) = delete;
+    KeychainFile& operator=(const KeychainFile&) = delete;
+
+    static OSStatus open(const std::string& path, OpenMode mode, std::unique_ptr<KeychainFile>* file);
+    // Creates a new file, failing with errSecDuplicateKeychain when one is
+    // there; with a derivation, a password-protected one whose key is given.
+    static OSStatus create(const std::string& path, const std::optional<KeyDerivation>& derivation,
+                           const SecretKey* key, std::unique_ptr<KeychainFile>* file);
+
+    const std::string& path() const { return path_; }
+    // A file that exists but was never given its tables: it holds nothing.
+    bool isUninitialised() const { return identity_.empty(); }
+    const std::string& identity() const { return identity_; }
+    const std::optional<KeyDerivation>& derivation() const { return derivation_; }
+    bool hasPassword() const { return derivation_.has_value(); }
+    // Whether `key` is this file's key (checked against a sealed constant).
+    bool verifiesKey(const SecretKey& key) const;
+
+    sqlite3* database() const { return database_; }
+
+    OSStatus beginWrite();
+    OSStatus commit();
+    void rollback();
+
+private:
+    KeychainFile(std::string path, sqlite3* database) : path_(std::move(path)), database_(database) {}
+    OSStatus configure(bool forWriting);
+    OSStatus readHeaderAndMetadata();
+    OSStatus initialise(const std::optional<KeyDerivation>& derivation, const SecretKey* key);
+
+    std::string path_;
+    sqlite3* database_;
+    std::string identity_;
+    std::optional<KeyDerivation> derivation_;
+    Data verifier_;
+};
+
+// The keychain status for an SQLite result code.
+OSStatus statusForSQLite(int resultCode);
+
+// A prepared statement that finalises itself.
+class Statement {
+public:
+    Statement(sqlite3* database, std::string_view sql);
+    ~Statement();
+    Statement(const Statement&) = delete;
+    Statement& operator=(const Statement&) = delete;
+
+    int prepareResult() const { return prepareResult_; }
+    sqlite3_stmt* get() const { return statement_; }
+
+    void bindText(int index, std::string_view text);
+    void bindInteger(int index, std::int64_t value);
+    void bindDouble(int index, double value);
+    void bindBlob(int index, const Data& data);
+    void bindNull(int index);
+
+    int step();  // SQLITE_ROW, SQLITE_DONE or an error
+
+    bool isNull(int column) const;
+    std::string text(int column) const;
+    std::int64_t integer(int column) const;
+    double real(int column) const;
+    Data blob(int column) const;
+
+private:
+    sqlite3_stmt* statement_ = nullptr;
+    int prepareResult_;
+};
+
+}  // namespace platform::security

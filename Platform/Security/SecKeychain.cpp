@@ -1,0 +1,239 @@
+#include "Platform/Security/SecKeychain.h"
+
+#include "Platform/Security/KeychainCrypto.h"
+#include "Platform/Security/KeychainFile.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace platform {
+namespace {
+
+using security::KeychainFile;
+using security::OpenMode;
+
+std::string absolutePath(std::string path)
+{
+    if (path.empty() || path.front() == '/') {
+        return path;
+    }
+    std::string directory(4096, '\0');
+    if (::getcwd(directory.data(), directory.size()) == nullptr) {
+        return path;
+    }
+    directory.resize(std::strlen(directory.c_str()));
+    return directory + (directory.back() == '/' ? "" : "/") + path;
+}
+
+std::string homeDirectory()
+{
+    if (const char* home = std::getenv("HOME"); home != nullptr && *home == '/') {
+        return home;
+    }
+    if (const passwd* entry = ::getpwuid(::getuid()); entry != nullptr && entry->pw_dir != nullptr) {
+        return entry->pw_dir;
+    }
+    return "/";
+}
+
+}  // namespace
+
+std::shared_ptr<SecKeychain> SecKeychain::create(std::string path)
+{
+    return std::shared_ptr<SecKeychain>(new SecKeychain(absolutePath(std::move(path))));
+}
+
+std::string SecKeychain::description() const
+{
+    return "<SecKeychain " + addressString() + ": " + path_ + ">";
+}
+
+bool SecKeychain::isEqual(const Object& other) const
+{
+    const auto* keychain = dynamic_cast<const SecKeychain*>(&other);
+    return keychain != nullptr && keychain->path_ == path_;
+}
+
+std::shared_ptr<SecKeychainItem> SecKeychainItem::create(std::string keychainPath, std::string fileIdentity,
+                                                         std::int64_t row)
+{
+    return std::shared_ptr<SecKeychainItem>(new SecKeychainItem(std::move(keychainPath), std::move(fileIdentity), row));
+}
+
+bool SecKeychainItem::isEqual(const Object& other) const
+{
+    const auto* item = dynamic_cast<const SecKeychainItem*>(&other);
+    return item != nullptr && item->row_ == row_ && item->fileIdentity_ == fileIdentity_ &&
+           item->keychainPath_ == keychainPath_;
+}
+
+std::string SecKeychainDefaultPath()
+{
+    // A relative XDG_DATA_HOME is not a valid setting and is ignored.
+    const char* dataHome = std::getenv("XDG_DATA_HOME");
+    const std::string base =
+        dataHome != nullptr && *dataHome == '/' ? std::string(dataHome) : homeDirectory() + "/.local/share";
+    return base + "/keychains/login.keychain-db";
+}
+
+OSStatus SecKeychainCopyDefault(SecKeychainRef* keychain)
+{
+    if (keychain == nullptr) {
+        return errSecParam;
+    }
+    *keychain = SecKeychain::create(SecKeychainDefaultPath());
+    return errSecSuccess;
+}
+
+OSStatus SecKeychainOpen(const char* pathName, SecKeychainRef* keychain)
+{
+    if (pathName == nullptr || *pathName == '\0' || keychain == nullptr) {
+        return errSecParam;
+    }
+    *keychain = SecKeychain::create(pathName);
+    return errSecSuccess;
+}
+
+OSStatus SecKeychainCreate(const char* pathName, std::uint32_t passwordLength, const void* password, bool promptUser,
+                           const void* initialAccess, SecKeychainRef* keychain)
+{
+    if (pathName == nullptr || *pathName == '\0' || initialAccess != nullptr ||
+        (passwordLength > 0 && password == nullptr)) {
+        return errSecParam;
+    }
+    const std::string path = absolutePath(pathName);
+    std::unique_ptr<KeychainFile> file;
+    OSStatus status;
+    if (passwordLength == 0 && promptUser) {
+        status = KeychainFile::create(path, std::nullopt, nullptr, &file);
+    } else {
+        const auto derivation = security::KeyDerivation::generate();
+        const auto key = security::SecretKey::derive(
+            std::string_view(static_cast<const char*>(password), passwordLength), derivation);
+        if (!key) {
+            return errSecAllocate;
+        }
+        status = KeychainFile::create(path, derivation, key.get(), &file);
+        if (status == errSecSuccess) {
+            // The creator may use the keychain at once, as after an unlock.
+            security::rememberKey(file->identity(), key);
+        }
+    }
+    if (status == errSecSuccess && keychain != nullptr) {
+        *keychain = SecKeychain::create(path);
+    }
+    return status;
+}
+
+OSStatus SecKeychainDelete(const SecKeychainRef& keychain)
+{
+    if (!keychain) {
+        return errSecParam;
+    }
+    std::unique_ptr<KeychainFile> file;
+    // Only a keychain is deleted: a wrong path must not cost the user an
+    // unrelated file.
+    if (const OSStatus status = KeychainFile::open(keychain->path(), OpenMode::Read, &file);
+        status != errSecSuccess) {
+        return status;
+    }
+    if (!file->isUninitialised()) {
+        security::forgetKey(file->identity());
+    }
+    file.reset();
+    if (::unlink(keychain->path().c_str()) != 0) {
+        return errno == ENOENT ? errSecNoSuchKeychain : errSecWrPerm;
+    }
+    ::unlink((keychain->path() + "-wal").c_str());
+    ::unlink((keychain->path() + "-shm").c_str());
+    return errSecSuccess;
+}
+
+OSStatus SecKeychainGetPath(const SecKeychainRef& keychain, std::uint32_t* ioPathLength, char* pathName)
+{
+    if (!keychain || ioPathLength == nullptr || pathName == nullptr) {
+        return errSecParam;
+    }
+    const auto& path = keychain->path();
+    if (path.size() + 1 > *ioPathLength) {
+        return errSecParam;
+    }
+    std::memcpy(pathName, path.c_str(), path.size() + 1);
+    *ioPathLength = static_cast<std::uint32_t>(path.size());
+    return errSecSuccess;
+}
+
+OSStatus SecKeychainItemCopyKeychain(const SecKeychainItemRef& item, SecKeychainRef* keychain)
+{
+    if (!item || keychain == nullptr) {
+        return errSecParam;
+    }
+    *keychain = SecKeychain::create(item->keychainPath());
+    return errSecSuccess;
+}
+
+OSStatus SecKeychainUnlock(const SecKeychainRef& keychain, std::uint32_t passwordLength, const void* password,
+                           bool usePassword)
+{
+    if (!keychain || (usePassword && passwordLength > 0 && password == nullptr)) {
+        return errSecParam;
+    }
+    std::unique_ptr<KeychainFile> file;
+    if (const OSStatus status = KeychainFile::open(keychain->path(), OpenMode::Read, &file);
+        status != errSecSuccess) {
+        return status;
+    }
+    if (!file->hasPassword()) {
+        return errSecSuccess;
+    }
+    if (!usePassword) {
+        return security::rememberedKey(file->identity()) ? errSecSuccess : errSecInteractionNotAllowed;
+    }
+    const auto key = security::SecretKey::derive(
+        std::string_view(static_cast<const char*>(password), passwordLength), *file->derivation());
+    if (!key) {
+        return errSecAllocate;
+    }
+    if (!file->verifiesKey(*key)) {
+        return errSecAuthFailed;
+    }
+    security::rememberKey(file->identity(), key);
+    return errSecSuccess;
+}
+
+OSStatus SecKeychainLock(const SecKeychainRef& keychain)
+{
+    if (!keychain) {
+        return errSecParam;
+    }
+    std::unique_ptr<KeychainFile> file;
+    if (const OSStatus status = KeychainFile::open(keychain->path(), OpenMode::Read, &file);
+        status != errSecSuccess) {
+        return status;
+    }
+    if (!file->isUninitialised()) {
+        security::forgetKey(file->identity());
+    }
+    return errSecSuccess;
+}
+
+OSStatus SecKeychainGetStatus(const SecKeychainRef& keychain, SecKeychainStatus* status)
+{
+    if (!keychain || status == nullptr) {
+        return errSecParam;
+    }
+    std::unique_ptr<KeychainFile> file;
+    if (const OSStatus opened = KeychainFile::open(keychain->path(), OpenMode::Read, &file);
+        opened != errSecSuccess) {
+        return opened;
+    }
+    status->hasPassword = file->hasPassword();
+    status->isUnlocked = !file->hasPassword() || security::rememberedKey(file->identity()) != nullptr;
+    return errSecSuccess;
+}
+
+}  // namespace platform
