@@ -1,0 +1,252 @@
+#include "Platform/Foundation/OperationQueue.h"
+
+#include "Platform/Foundation/Exception.h"
+#include "Platform/Foundation/RunLoop.h"
+#include "Platform/Foundation/Thread.h"
+#include "Platform/Foundation/WorkerPool.h"
+
+#include <algorithm>
+#include <chrono>
+#include <thread>
+
+namespace platform {
+namespace {
+
+constexpr const char* kAssertionSourceFile = "Platform/Foundation/OperationQueue";
+
+// The width of a queue left at the default maximum.
+constexpr std::int64_t kDefaultWidth = 64;
+
+thread_local OperationQueue* currentQueueOnThread = nullptr;
+
+class CurrentQueueScope {
+public:
+    explicit CurrentQueueScope(OperationQueue* queue) : previous_(currentQueueOnThread) { currentQueueOnThread = queue; }
+    ~CurrentQueueScope() { currentQueueOnThread = previous_; }
+    CurrentQueueScope(const CurrentQueueScope&) = delete;
+    CurrentQueueScope& operator=(const CurrentQueueScope&) = delete;
+
+private:
+    OperationQueue* previous_;
+};
+
+[[noreturn]] void raiseNotEnqueued(const char* problem)
+{
+    Exception::raise(NSInvalidArgumentException, std::string("*** -[NSOperationQueue addOperation:]: operation ") + problem);
+}
+
+}  // namespace
+
+OperationQueue::OperationQueue(bool isMain)
+    : isMain_(isMain),
+      maxConcurrent_(isMain ? 1 : NSOperationQueueDefaultMaxConcurrentOperationCount),
+      name_(isMain ? "NSOperationQueue Main Queue" : "NSOperationQueue " + addressString())
+{
+}
+
+OperationQueueRef OperationQueue::create()
+{
+    return OperationQueueRef(new OperationQueue(false));
+}
+
+OperationQueueRef OperationQueue::mainQueue()
+{
+    static const auto* main = new OperationQueueRef(new OperationQueue(true));
+    return *main;
+}
+
+OperationQueueRef OperationQueue::currentQueue()
+{
+    if (currentQueueOnThread != nullptr) {
+        return std::static_pointer_cast<OperationQueue>(currentQueueOnThread->shared_from_this());
+    }
+    return Thread::isMainThread() ? mainQueue() : nullptr;
+}
+
+void OperationQueue::addOperation(const OperationRef& operation)
+{
+    PLATFORM_PARAMETER_ASSERT(operation != nullptr, "op != nil");
+    if (operation->isExecuting()) {
+        raiseNotEnqueued("is executing and cannot be enqueued");
+    }
+    if (operation->isFinished()) {
+        raiseNotEnqueued("is finished and cannot be enqueued");
+    }
+    auto self = std::static_pointer_cast<OperationQueue>(shared_from_this());
+    if (!operation->claimForQueue(self)) {
+        raiseNotEnqueued("is already enqueued on a queue");
+    }
+    {
+        std::lock_guard lock(mutex_);
+        operations_.push_back(operation);
+        keepAlive_ = self;
+    }
+    schedule();
+}
+
+void OperationQueue::addOperations(const std::vector<OperationRef>& operations, bool waitUntilFinished)
+{
+    for (const auto& operation : operations) {
+        addOperation(operation);
+    }
+    if (waitUntilFinished) {
+        for (const auto& operation : operations) {
+            operation->waitUntilFinished();
+        }
+    }
+}
+
+void OperationQueue::addOperationWithBlock(std::function<void()> block)
+{
+    addOperation(BlockOperation::create(std::move(block)));
+}
+
+std::vector<OperationRef> OperationQueue::operations() const
+{
+    std::lock_guard lock(mutex_);
+    return operations_;
+}
+
+std::size_t OperationQueue::operationCount() const
+{
+    std::lock_guard lock(mutex_);
+    return operations_.size();
+}
+
+std::int64_t OperationQueue::maxConcurrentOperationCount() const
+{
+    std::lock_guard lock(mutex_);
+    return maxConcurrent_;
+}
+
+void OperationQueue::setMaxConcurrentOperationCount(std::int64_t count)
+{
+    if (isMain_) {
+        return;  // the main queue is serial by nature
+    }
+    {
+        std::lock_guard lock(mutex_);
+        maxConcurrent_ = count;
+    }
+    schedule();
+}
+
+bool OperationQueue::isSuspended() const
+{
+    std::lock_guard lock(mutex_);
+    return suspended_;
+}
+
+void OperationQueue::setSuspended(bool suspended)
+{
+    {
+        std::lock_guard lock(mutex_);
+        suspended_ = suspended;
+    }
+    schedule();
+}
+
+std::string OperationQueue::name() const
+{
+    std::lock_guard lock(mutex_);
+    return name_;
+}
+
+void OperationQueue::setName(std::string name)
+{
+    std::lock_guard lock(mutex_);
+    name_ = std::move(name);
+}
+
+void OperationQueue::cancelAllOperations()
+{
+    for (const auto& operation : operations()) {
+        operation->cancel();
+    }
+}
+
+void OperationQueue::schedule()
+{
+    std::vector<OperationRef> startable;
+    std::shared_ptr<OperationQueue> self;
+    {
+        std::lock_guard lock(mutex_);
+        if (suspended_ || operations_.empty()) {
+            return;
+        }
+        const std::int64_t width = maxConcurrent_ < 0 ? kDefaultWidth : maxConcurrent_;
+        auto running = static_cast<std::int64_t>(started_.size());
+        for (const auto& operation : operations_) {
+            if (running >= width) {
+                break;
+            }
+            if (std::find(started_.begin(), started_.end(), operation.get()) != started_.end() || !operation->isReady()) {
+                continue;
+            }
+            started_.push_back(operation.get());
+            startable.push_back(operation);
+            ++running;
+        }
+        if (startable.empty()) {
+            return;
+        }
+        self = keepAlive_;
+    }
+    for (auto& operation : startable) {
+        auto job = [self, operation = std::move(operation)] { self->run(operation); };
+        if (isMain_) {
+            RunLoop::mainRunLoop()->performBlock(std::move(job));
+        } else {
+            WorkerPool::shared().submit(std::move(job));
+        }
+    }
+}
+
+void OperationQueue::run(const OperationRef& operation)
+{
+    CurrentQueueScope scope(this);
+    operation->start();
+    // A concurrent operation may have ended inside `start` without saying so.
+    operation->completeIfEnded();
+}
+
+void OperationQueue::operationDidEnd(const Operation& operation)
+{
+    std::shared_ptr<OperationQueue> released;  // may be the last reference: dropped on the way out
+    {
+        std::lock_guard lock(mutex_);
+        std::erase_if(operations_, [&](const OperationRef& held) { return held.get() == &operation; });
+        std::erase(started_, &operation);
+        if (operations_.empty()) {
+            released = std::move(keepAlive_);
+        }
+    }
+    emptied_.notify_all();
+    schedule();
+}
+
+void OperationQueue::pumpMainRunLoopUntil(const std::function<bool()>& done)
+{
+    const auto loop = RunLoop::mainRunLoop();
+    while (!done()) {
+        if (!loop->runModeBeforeDate(NSDefaultRunLoopMode, Date::now().dateByAddingTimeInterval(0.05))) {
+            // The main loop is empty: what we wait for is held up elsewhere (a
+            // dependency on another queue). Look again shortly.
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    }
+}
+
+void OperationQueue::waitUntilAllOperationsAreFinished()
+{
+    PLATFORM_ASSERT(currentQueueOnThread != this,
+                    "waitUntilAllOperationsAreFinished called from an operation of the same queue");
+    if (isMain_ && Thread::isMainThread()) {
+        pumpMainRunLoopUntil([this] { return operationCount() == 0; });
+        return;
+    }
+    std::unique_lock lock(mutex_);
+    emptied_.wait(lock, [this] { return operations_.empty(); });
+}
+
+}  // namespace platform

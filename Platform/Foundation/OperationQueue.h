@@ -1,0 +1,99 @@
+// OperationQueue: runs operations on the worker threads of the process, at
+// most `maxConcurrentOperationCount` at a time, each when it is ready.
+//
+//   auto queue = OperationQueue::create();
+//   queue->setMaxConcurrentOperationCount(1);  // a serial queue
+//   queue->addOperationWithBlock([] { work(); });
+//   queue->waitUntilAllOperationsAreFinished();
+//
+// Contract:
+// - Ready operations start in the order they were added. With a maximum of 1
+//   the queue is serial: each operation starts after the previous one has
+//   finished, so the queue orders its work without locks.
+// - An operation stays in the queue from `addOperation` until it has finished
+//   and its completion block has run; a cancelled one still passes through
+//   `start`, which finishes it at once.
+// - The queue keeps itself alive while it holds operations, so dropping the
+//   last reference does not lose submitted work.
+// - The main queue runs its operations one at a time on the main thread,
+//   from blocks performed on the main run loop (common modes): nothing runs
+//   there unless the main thread runs its run loop.
+// - Not promised: the thread an operation runs on (other than for the main
+//   queue); the order in which operations of a concurrent queue end.
+// - Waiting for the queue from one of its own operations is a programming
+//   error, raised rather than left to deadlock.
+#pragma once
+
+#include "Platform/Foundation/Object.h"
+#include "Platform/Foundation/Operation.h"
+
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace platform {
+
+using OperationQueueRef = std::shared_ptr<OperationQueue>;
+
+class OperationQueue final : public Object {
+public:
+    // As many at once as there is work (up to a ceiling of 64).
+    static constexpr std::int64_t NSOperationQueueDefaultMaxConcurrentOperationCount = -1;
+
+    static OperationQueueRef create();
+    static OperationQueueRef mainQueue();
+    // The queue running the calling thread's operation; on the main thread
+    // outside any operation, the main queue; otherwise nothing.
+    static OperationQueueRef currentQueue();
+
+    // Adding an operation that is already in a queue, executing or finished
+    // raises "NSInvalidArgumentException".
+    void addOperation(const OperationRef& operation);
+    void addOperations(const std::vector<OperationRef>& operations, bool waitUntilFinished);
+    void addOperationWithBlock(std::function<void()> block);
+
+    std::vector<OperationRef> operations() const;
+    std::size_t operationCount() const;
+
+    std::int64_t maxConcurrentOperationCount() const;
+    void setMaxConcurrentOperationCount(std::int64_t count);
+    bool isSuspended() const;
+    // A suspended queue starts nothing new; running operations go on.
+    void setSuspended(bool suspended);
+    std::string name() const;
+    void setName(std::string name);
+
+    void cancelAllOperations();
+    // Blocks until the queue holds no operation. On the main thread, for the
+    // main queue, the main run loop is run meanwhile.
+    void waitUntilAllOperationsAreFinished();
+
+    bool isMainQueue() const { return isMain_; }
+
+private:
+    friend class Operation;
+    explicit OperationQueue(bool isMain);
+
+    // Starts every operation that may start now.
+    void schedule();
+    void run(const OperationRef& operation);
+    void operationDidEnd(const Operation& operation);
+    // Waits on the main thread for the main queue by running the main run loop.
+    static void pumpMainRunLoopUntil(const std::function<bool()>& done);
+
+    const bool isMain_;
+    mutable std::mutex mutex_;  // guards the fields below
+    std::condition_variable emptied_;
+    std::vector<OperationRef> operations_;  // in the order they were added
+    std::vector<const Operation*> started_;
+    std::int64_t maxConcurrent_;
+    bool suspended_ = false;
+    std::string name_;
+    std::shared_ptr<OperationQueue> keepAlive_;  // set while `operations_` is not empty
+};
+
+}  // namespace platform
