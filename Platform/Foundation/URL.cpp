@@ -73,7 +73,7 @@ std::optional<std::string> percentDecode(std::string_view text)
             decoded += text[index];
             continue;
         }
-        int byte = 0;
+        unsigned byte = 0;  // unsigned: from_chars then refuses a sign, so "%-0" is no escape
         if (index + 2 >= text.size()) {
             return std::nullopt;
         }

@@ -1,6 +1,8 @@
 #include "QMFoundation/Strings/NSURL+QMCommon.h"
 
 #include "Platform/Foundation/Unicode.h"
+#include "QMFoundation/Strings/NSDictionary+QMURLEncoding.h"
+#include "QMFoundation/Strings/NSString+QMURLTranscoding.h"
 
 #include <string_view>
 
@@ -50,4 +52,35 @@ std::optional<platform::URL> URLByDeletingPath(const platform::URL& url)
         return std::nullopt;
     }
     return platform::URL::fromString(platform::utf16Prefix(text, textLength - pathLength));
+}
+
+std::optional<platform::URL> URLBySettingUser(const platform::URL& url, std::optional<std::string_view> user)
+{
+    if (!user || user->empty()) {
+        return URLByRemovingUser(url);
+    }
+    const auto encodedUser = stringByURLEncodingIllegalAndCriticalLegalURLCharactersInString(*user) + "@";
+    const auto& text = url.absoluteString();
+    std::string edited;
+    if (const auto existing = rawUser(url)) {
+        edited = replacingOccurrences(text, *existing + "@", encodedUser);
+    } else if (text.find("://") != std::string::npos) {
+        edited = replacingOccurrences(text, "://", "://" + encodedUser);
+    } else {
+        edited = encodedUser + text;
+    }
+    return platform::URL::fromString(edited);
+}
+
+std::optional<platform::URL> URLByAppendingQueryParams(const platform::URL& url,
+                                                       const std::optional<platform::Dictionary>& params)
+{
+    if (!params) {
+        return url;
+    }
+    const auto query = URLEncodedQueryString(*params);
+    if (query.empty()) {
+        return url;
+    }
+    return platform::URL::fromString(url.absoluteString() + (url.query() ? "&" : "?") + query);
 }

@@ -3,9 +3,11 @@
 #pragma once
 
 #include "Platform/Foundation/URL.h"
+#include "Platform/Foundation/Value.h"
 
 #include <optional>
 #include <string>
+#include <string_view>
 
 // The user part exactly as written (not decoded): from after the first "://"
 // (or the start) to the first "@" anywhere in the text. Nothing without "@".
@@ -20,3 +22,16 @@ std::optional<platform::URL> URLByRemovingUser(const platform::URL& url);
 // path ends the text; with a query, a fragment or escapes in the path the cut
 // falls elsewhere, and that arithmetic is kept on purpose.
 std::optional<platform::URL> URLByDeletingPath(const platform::URL& url);
+
+// The URL with `user` as its user part, percent-encoded for that place: an
+// existing "<rawUser>@" is replaced everywhere in the text, otherwise the user
+// goes after every "://" (or in front of a text without one). A missing or
+// empty user removes the user part instead. Nothing when the result does not
+// parse.
+std::optional<platform::URL> URLBySettingUser(const platform::URL& url, std::optional<std::string_view> user);
+
+// The URL with the dictionary's `URLEncodedQueryString` added to its query
+// ("&" when it has one, "?" otherwise). The URL itself for a missing or empty
+// dictionary; nothing when the result does not parse.
+std::optional<platform::URL> URLByAppendingQueryParams(const platform::URL& url,
+                                                       const std::optional<platform::Dictionary>& params);

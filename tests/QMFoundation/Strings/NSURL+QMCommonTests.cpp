@@ -47,3 +47,39 @@ TEST(URLByDeletingPath, CutsByLengthFromTheEnd)
 }
 
 }  // namespace
+
+namespace {
+
+TEST(URLBySettingUser, ReplacesInsertsOrRemovesTheUserPart)
+{
+    struct Case {
+        const char* url;
+        std::optional<std::string_view> user;
+        const char* expected;
+    };
+    const Case cases[] = {
+        {"https://jo@host/x", "ann", "https://ann@host/x"},
+        {"https://host/x", "ann", "https://ann@host/x"},
+        {"host/x", "ann", "ann@host/x"},
+        {"https://host/x", "jo@corp.com", "https://jo%40corp.com@host/x"},
+        {"https://jo:pw@host", "ann", "https://ann@host"},  // the password is part of the raw user
+        {"https://jo@host/jo@x", "ann", "https://ann@host/ann@x"},  // every occurrence, as written
+        {"https://jo@host", std::nullopt, "https://host"},
+        {"https://jo@host", "", "https://host"},
+    };
+    for (const auto& [input, user, expected] : cases) {
+        EXPECT_EQ(text(URLBySettingUser(url(input), user)), expected) << input;
+    }
+}
+
+TEST(URLByAppendingQueryParams, ChoosesTheSeparatorByTheExistingQuery)
+{
+    const platform::Dictionary params{{"page", 2}, {"q", "a b&c"}};
+    EXPECT_EQ(text(URLByAppendingQueryParams(url("https://host/x"), params)), "https://host/x?page=2&q=a%20b%26c");
+    EXPECT_EQ(text(URLByAppendingQueryParams(url("https://host/x?per_page=50"), params)),
+              "https://host/x?per_page=50&page=2&q=a%20b%26c");
+    EXPECT_EQ(text(URLByAppendingQueryParams(url("https://host/x?a=1"), platform::Dictionary{})), "https://host/x?a=1");
+    EXPECT_EQ(text(URLByAppendingQueryParams(url("https://host/x"), std::nullopt)), "https://host/x");
+}
+
+}  // namespace
