@@ -21,7 +21,9 @@ std::uint32_t compileOptions(unsigned options)
         flags |= PCRE2_EXTENDED;
     }
     if (options & RegularExpression::IgnoreMetacharacters) {
-        flags |= PCRE2_LITERAL;
+        // A literal pattern takes no syntax options; in UTF mode its caseless
+        // matching still folds every Unicode letter.
+        return (flags & ~(PCRE2_UCP | PCRE2_EXTENDED)) | PCRE2_LITERAL;
     }
     if (options & RegularExpression::DotMatchesLineSeparators) {
         flags |= PCRE2_DOTALL;

@@ -1,0 +1,37 @@
+// zarvo-askpass: prints the answer to the prompt given as its first argument,
+// without a newline, and exits 0; exits 1 with no output only when no
+// responder could be made.
+#include "Platform/Foundation/Exception.h"
+#include "ZarvoAskpass/ZarvoAskpass.h"
+
+#include <cstdio>
+#include <cstring>
+
+namespace {
+
+ZarvoAskpass::Environment processEnvironment(char** environment)
+{
+    ZarvoAskpass::Environment variables;
+    for (char** entry = environment; entry != nullptr && *entry != nullptr; ++entry) {
+        const char* separator = std::strchr(*entry, '=');
+        if (separator != nullptr) {
+            // The first definition of a name wins, as getenv(3) sees it.
+            variables.emplace(std::string(*entry, static_cast<std::size_t>(separator - *entry)), std::string(separator + 1));
+        }
+    }
+    return variables;
+}
+
+}  // namespace
+
+int main(int argc, char** argv, char** envp)
+{
+    platform::installUncaughtExceptionReporter();
+
+    const ZarvoAskpass::Arguments arguments(argv, argv + argc);
+    const auto response = ZarvoAskpass::responseForArguments(arguments, processEnvironment(envp));
+
+    const std::string output = response.value_or("");
+    std::fwrite(output.data(), 1, output.size(), stdout);
+    return response ? 0 : 1;
+}
