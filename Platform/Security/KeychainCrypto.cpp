@@ -68,7 +68,9 @@ SecretKeyRef SecretKey::derive(std::string_view password, const KeyDerivation& d
 {
     ensureSodium();
     std::shared_ptr<SecretKey> key(new SecretKey());
-    if (crypto_pwhash(key->bytes_, crypto_aead_xchacha20poly1305_ietf_KEYBYTES, password.data(), password.size(),
+    // An empty password may come without any bytes at all.
+    const char* passwordBytes = password.empty() ? "" : password.data();
+    if (crypto_pwhash(key->bytes_, crypto_aead_xchacha20poly1305_ietf_KEYBYTES, passwordBytes, password.size(),
                       derivation.salt.data(), derivation.opsLimit, static_cast<std::size_t>(derivation.memLimit),
                       crypto_pwhash_ALG_ARGON2ID13) != 0) {
         return nullptr;

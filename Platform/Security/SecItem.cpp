@@ -173,7 +173,9 @@ struct Query {
     bool returnData = false;
     bool returnAttributes = false;
     bool returnRef = false;
-    std::optional<std::int64_t> limit = 1;  // nothing for all
+    std::optional<std::int64_t> limit;  // nothing for all
+    bool hasLimit = false;
+    bool singleResult = false;  // kSecMatchLimitOne: the match itself, not an array
     std::optional<std::vector<std::string>> searchList;
     std::optional<std::string> useKeychain;
 };
@@ -230,8 +232,10 @@ OSStatus parseQuery(const Dictionary& dictionary, Purpose purpose, Query* query)
             (key == kSecReturnData ? query->returnData
                                    : key == kSecReturnAttributes ? query->returnAttributes : query->returnRef) = *flag;
         } else if (key == kSecMatchLimit && purpose != Purpose::Changes) {
+            query->hasLimit = true;
             if (value.isString() && *value.string() == kSecMatchLimitOne) {
                 query->limit = 1;
+                query->singleResult = true;
             } else if (value.isString() && *value.string() == kSecMatchLimitAll) {
                 query->limit.reset();
             } else if (value.isNumber() && !value.isBoolean() && value.integerValue().value_or(0) >= 1) {
@@ -592,6 +596,12 @@ OSStatus updateRow(KeychainFile& file, const Query& query, const Query& changes,
     return stepToCompletion(update);
 }
 
+// How many more items a query may touch after `touched`; nothing for no limit.
+std::optional<std::int64_t> remainingOf(const Query& query, std::int64_t touched)
+{
+    return query.limit ? std::optional<std::int64_t>(*query.limit - touched) : std::nullopt;
+}
+
 // Runs `perKeychain` on every keychain of the query's scope; the count of
 // items it touched decides between success and errSecItemNotFound.
 template <typename Action>
@@ -607,11 +617,10 @@ OSStatus forEachKeychain(const Query& query, OpenMode mode, Action perKeychain)
         if (!file) {
             continue;
         }
-        bool stop = false;
-        if (const OSStatus status = perKeychain(*file, &touched, &stop); status != errSecSuccess) {
+        if (const OSStatus status = perKeychain(*file, &touched); status != errSecSuccess) {
             return status;
         }
-        if (stop) {
+        if (query.limit && touched >= *query.limit) {
             break;
         }
     }
@@ -626,16 +635,16 @@ OSStatus SecItemCopyMatching(const Dictionary& dictionary, Value* result)
     if (const OSStatus status = parseQuery(dictionary, Purpose::Search, &query); status != errSecSuccess) {
         return status;
     }
+    if (!query.hasLimit) {
+        query.limit = 1;
+        query.singleResult = true;
+    }
     Array found;
     Value first;
     const OSStatus status =
-        forEachKeychain(query, OpenMode::Read, [&](KeychainFile& file, std::int64_t* touched, bool* stop) {
-            std::optional<std::int64_t> remaining;
-            if (query.limit) {
-                remaining = *query.limit - *touched;
-            }
+        forEachKeychain(query, OpenMode::Read, [&](KeychainFile& file, std::int64_t* touched) {
             std::vector<Row> rows;
-            if (const OSStatus selected = selectRows(file, query, query.returnData, remaining, &rows);
+            if (const OSStatus selected = selectRows(file, query, query.returnData, remainingOf(query, *touched), &rows);
                 selected != errSecSuccess) {
                 return selected;
             }
@@ -651,11 +660,10 @@ OSStatus SecItemCopyMatching(const Dictionary& dictionary, Value* result)
                 found.push_back(std::move(shaped));
                 ++*touched;
             }
-            *stop = query.limit && *touched >= *query.limit;
             return errSecSuccess;
         });
     if (status == errSecSuccess && result != nullptr) {
-        *result = query.limit == 1 ? std::move(first) : Value(std::move(found));
+        *result = query.singleResult ? std::move(first) : Value(std::move(found));
     }
     return status;
 }
@@ -716,12 +724,12 @@ OSStatus SecItemUpdate(const Dictionary& dictionary, const Dictionary& attribute
             return errSecNoSuchAttr;
         }
     }
-    return forEachKeychain(query, OpenMode::Write, [&](KeychainFile& file, std::int64_t* touched, bool*) {
+    return forEachKeychain(query, OpenMode::Write, [&](KeychainFile& file, std::int64_t* touched) {
         if (const OSStatus status = file.beginWrite(); status != errSecSuccess) {
             return status;
         }
         std::vector<Row> rows;
-        OSStatus status = selectRows(file, query, file.hasPassword(), std::nullopt, &rows);
+        OSStatus status = selectRows(file, query, file.hasPassword(), remainingOf(query, *touched), &rows);
         for (const auto& row : rows) {
             if (status != errSecSuccess) {
                 break;
@@ -742,8 +750,12 @@ OSStatus SecItemDelete(const Dictionary& dictionary)
     if (const OSStatus status = parseQuery(dictionary, Purpose::Search, &query); status != errSecSuccess) {
         return status;
     }
-    return forEachKeychain(query, OpenMode::Write, [&](KeychainFile& file, std::int64_t* touched, bool*) {
-        Statement remove(file.database(), "DELETE FROM items WHERE " + whereClause(query));
+    return forEachKeychain(query, OpenMode::Write, [&](KeychainFile& file, std::int64_t* touched) {
+        std::string sql = "DELETE FROM items WHERE id IN (SELECT id FROM items WHERE " + whereClause(query) + " ORDER BY id";
+        if (const auto remaining = remainingOf(query, *touched)) {
+            sql += " LIMIT " + std::to_string(*remaining);
+        }
+        Statement remove(file.database(), sql + ")");
         bindWhere(remove, 1, query);
         if (const OSStatus status = stepToCompletion(remove); status != errSecSuccess) {
             return status;

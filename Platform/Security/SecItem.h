@@ -18,13 +18,17 @@
 //
 // Results: with one return key the value itself (data, attribute dictionary
 // or item reference); with several, a dictionary holding the attributes
-// asked for plus kSecValueData and kSecValueRef; with kSecMatchLimitAll an
-// array of those. Attribute dictionaries carry kSecClass and every attribute
-// of the item's class, absent text attributes of the primary key as "" and
-// absent numbers of the primary key as 0.
+// asked for plus kSecValueData and kSecValueRef; with kSecMatchLimitAll or a
+// numeric limit, an array of those. Attribute dictionaries carry kSecClass
+// and every attribute of the item's class that is set; the primary-key
+// attributes are always there, "" or 0 when they were never given.
 //
-// Update and delete act on every matching item and ignore the match limit
-// and the return keys; a kSecValueRef in any query narrows it to that item.
+// A search returns one match unless kSecMatchLimit says otherwise; update and
+// delete act on every match unless it limits them (the first ones added),
+// and ignore the return keys. A kSecValueRef in any query narrows it to that
+// item, in that item's keychain. The creation and modification dates are the
+// store's own: given in an add or an update, they are ignored.
+//
 // Secrets of a password-protected keychain need it unlocked in this process;
 // attributes can be searched while it is locked.
 #pragma once
