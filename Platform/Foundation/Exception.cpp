@@ -2,6 +2,8 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <execinfo.h>
+#include <memory>
 #include <mutex>
 
 namespace platform {
@@ -36,7 +38,17 @@ Exception::Exception(std::string_view name, std::string reason, Dictionary userI
 
 void Exception::raise(std::string_view name, std::string reason, Dictionary userInfo)
 {
-    throw Exception(name, std::move(reason), std::move(userInfo));
+    Exception exception(name, std::move(reason), std::move(userInfo));
+    void* frames[64];
+    const int count = backtrace(frames, 64);
+    const std::unique_ptr<char*, decltype(&std::free)> symbols(backtrace_symbols(frames, count), &std::free);
+    if (symbols) {
+        // Frame 0 is this function; the stack starts at its caller.
+        for (int index = 1; index < count; ++index) {
+            exception.callStackSymbols_.emplace_back(symbols.get()[index]);
+        }
+    }
+    throw exception;
 }
 
 AssertionHandler::Observer AssertionHandler::setObserver(Observer observer)

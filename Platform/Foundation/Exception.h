@@ -18,6 +18,7 @@
 #include <functional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace platform {
 
@@ -38,10 +39,15 @@ public:
     const Dictionary& userInfo() const { return userInfo_; }
     const char* what() const noexcept override { return reason_.c_str(); }
 
+    // The frames of the thread that raised it, innermost first. Only `raise`
+    // records them; an exception that was only constructed has none.
+    const std::vector<std::string>& callStackSymbols() const { return callStackSymbols_; }
+
 private:
     std::string name_;
     std::string reason_;
     Dictionary userInfo_;
+    std::vector<std::string> callStackSymbols_;
 };
 
 // Where an assertion failed and what it said.

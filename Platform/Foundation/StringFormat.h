@@ -1,7 +1,9 @@
 // Object formatting: fills "%@" with the descriptions of values, in order, and
-// turns "%%" into "%". Every other character, "%" included, is copied as it
-// stands, so a format string from outside can never read beyond its
-// arguments: a "%@" without an argument prints "(null)".
+// turns "%%" into "%". "%N$@" (N from 1) names its argument, so a translated
+// message may reorder them; it does not move the running position of plain
+// "%@". Every other character, "%" included, is copied as it stands, so a
+// format string from outside can never read beyond its arguments: a "%@" or
+// "%N$@" without an argument prints "(null)".
 #pragma once
 
 #include "Platform/Foundation/Value.h"

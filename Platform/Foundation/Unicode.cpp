@@ -86,6 +86,21 @@ std::string_view utf16Prefix(std::string_view text, std::size_t units)
     return text.substr(0, index);
 }
 
+UTF8Character decodeUTF8Character(std::string_view text, std::size_t index)
+{
+    const auto length = sequenceLength(text, index);
+    const auto lead = static_cast<std::uint8_t>(text[index]);
+    if (length == 0) {
+        return {lead, 1, false};
+    }
+    static constexpr std::uint8_t leadMask[] = {0, 0x7F, 0x1F, 0x0F, 0x07};
+    char32_t codePoint = lead & leadMask[length];
+    for (std::size_t offset = 1; offset < length; ++offset) {
+        codePoint = (codePoint << 6) | (static_cast<std::uint8_t>(text[index + offset]) & 0x3F);
+    }
+    return {codePoint, length, true};
+}
+
 bool containsCaseInsensitive(std::string_view haystack, std::string_view needle)
 {
     if (needle.empty()) {

@@ -17,6 +17,17 @@ std::size_t utf16Length(std::string_view text);
 // a character is never split.
 std::string_view utf16Prefix(std::string_view text, std::size_t units);
 
+// One character of UTF-8 text. A byte that does not begin a valid sequence is
+// a character of its own: length 1, `valid` false, the byte's value as code
+// point. So walking text by these lengths always advances and never reads
+// past its end.
+struct UTF8Character {
+    char32_t codePoint;
+    std::size_t length;
+    bool valid;
+};
+UTF8Character decodeUTF8Character(std::string_view text, std::size_t index);
+
 // Case-insensitive (Unicode simple case folding) search for `needle` anywhere
 // in `haystack`. Invalid UTF-8 in the haystack never matches a character.
 bool containsCaseInsensitive(std::string_view haystack, std::string_view needle);
