@@ -10,6 +10,22 @@ pkg_check_modules(LIBCRYPTO REQUIRED IMPORTED_TARGET libcrypto)
 pkg_check_modules(UUID REQUIRED IMPORTED_TARGET uuid)
 find_package(nlohmann_json 3 REQUIRED)
 
+# The responder starts once per prompt. Where Debian ships a static archive of
+# a library, every program links that instead of the shared object, so the
+# dynamic loader has less to map and relocate at each start.
+function(zarvo_prefer_archive prefix archive)
+  find_library(${prefix}_ARCHIVE NAMES ${archive})
+  if(${prefix}_ARCHIVE)
+    set(dependencies ${${prefix}_STATIC_LIBRARIES})
+    list(REMOVE_ITEM dependencies ${${prefix}_LIBRARIES})
+    set_property(TARGET PkgConfig::${prefix} PROPERTY
+      INTERFACE_LINK_LIBRARIES ${${prefix}_ARCHIVE} ${dependencies} Threads::Threads)
+  endif()
+endfunction()
+zarvo_prefer_archive(PCRE2 libpcre2-8.a)
+zarvo_prefer_archive(SQLITE3 libsqlite3.a)
+zarvo_prefer_archive(SODIUM libsodium.a)
+
 if(ZARVO_BUILD_TESTS)
   find_package(GTest REQUIRED)
   include(GoogleTest)
