@@ -1,5 +1,6 @@
 #include "Platform/Foundation/RunLoop.h"
 
+#include "Platform/Foundation/EventMonitor.h"
 #include "Platform/Foundation/Exception.h"
 #include "Platform/Foundation/Thread.h"
 
@@ -11,7 +12,6 @@
 #include <cerrno>
 #include <cmath>
 #include <cstdint>
-#include <ctime>
 #include <deque>
 #include <map>
 #include <system_error>
@@ -34,27 +34,6 @@ struct Scheduled {
     std::shared_ptr<Entry> item;
     std::string mode;
 };
-
-// Waits up to `seconds` (negative: not at all) for epoll events, with
-// nanosecond precision where the kernel offers it.
-int waitForEvents(int epoll, epoll_event* events, int capacity, double seconds)
-{
-    if (seconds <= 0) {
-        return ::epoll_wait(epoll, events, capacity, 0);
-    }
-    timespec timeout{};
-    timeout.tv_sec = static_cast<time_t>(seconds);
-    timeout.tv_nsec = static_cast<long>((seconds - static_cast<double>(timeout.tv_sec)) * 1e9);
-    static std::atomic<bool> precise{true};
-    if (precise.load(std::memory_order_relaxed)) {
-        const int count = ::epoll_pwait2(epoll, events, capacity, &timeout, nullptr);
-        if (count >= 0 || errno != ENOSYS) {
-            return count;
-        }
-        precise.store(false, std::memory_order_relaxed);
-    }
-    return ::epoll_wait(epoll, events, capacity, static_cast<int>(std::ceil(seconds * 1000)));
-}
 
 }  // namespace
 
@@ -641,7 +620,7 @@ bool RunLoop::runModeBeforeDate(std::string_view mode, Date limitDate)
                 state.sleeping = timeout > 0;
             }
         }
-        const int count = waitForEvents(state.epoll, events, kCapacity, timeout);
+        const int count = waitForEpollEvents(state.epoll, events, kCapacity, timeout);
         std::vector<std::pair<FileDescriptorSourceRef, unsigned>> ready;
         {
             std::lock_guard lock(state.mutex);
