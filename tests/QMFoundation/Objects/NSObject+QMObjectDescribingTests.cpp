@@ -68,17 +68,6 @@ TEST_F(NSObjectQMObjectDescribingTest, BooleanAttributesAlwaysReadYesAndNothingR
     EXPECT_EQ(defaultDescription(*record), heading() + " { enabled: YES, owner: (null) }");
 }
 
-TEST_F(NSObjectQMObjectDescribingTest, UnknownAttributeKeyRaisesUndefinedKey)
-{
-    record->keys = std::vector<std::string>{"name", "missing"};
-    try {
-        defaultDescription(*record);
-        FAIL() << "no exception";
-    } catch (const platform::Exception& exception) {
-        EXPECT_EQ(exception.name(), platform::NSUndefinedKeyException);
-    }
-}
-
 TEST_F(NSObjectQMObjectDescribingTest, ItemsMixAttributeNamesAndLabelledValues)
 {
     const platform::Array items{"name", Dictionary{{"label", "value"}}};
