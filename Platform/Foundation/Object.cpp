@@ -136,6 +136,40 @@ bool anyWants(const std::vector<ObservanceRef>& observances, KeyValueObservingOp
                        [option](const ObservanceRef& observance) { return observance->wants(option); });
 }
 
+// The key itself, then each observed key that depends on it, directly or
+// through other keys.
+std::vector<std::string> keysAffectedBy(const Object& object, const std::string& key,
+                                        const std::vector<ObservanceRef>& observances)
+{
+    std::vector<std::string> affected{key};
+    for (const auto& observance : observances) {
+        const auto& candidate = observance->keyPath;
+        if (std::find(affected.begin(), affected.end(), candidate) != affected.end()) {
+            continue;
+        }
+        std::set<std::string, std::less<>> visited{candidate};
+        std::vector<std::string> frontier{candidate};
+        bool depends = false;
+        while (!frontier.empty() && !depends) {
+            const auto sources = object.keyPathsForValuesAffectingValueForKey(frontier.back());
+            frontier.pop_back();
+            for (const auto& source : sources) {
+                if (source == key) {
+                    depends = true;
+                    break;
+                }
+                if (visited.insert(source).second) {
+                    frontier.push_back(source);
+                }
+            }
+        }
+        if (depends) {
+            affected.push_back(candidate);
+        }
+    }
+    return affected;
+}
+
 }  // namespace
 
 struct Object::SideTable {
@@ -509,58 +543,30 @@ void Object::beginChange(KeyValueChange kind, std::optional<std::set<std::size_t
     // Once there is a side table every "will" pushes, empty or not, so that
     // its "did" never pops an outer change of the same key.
     PendingChange change{this, std::string(key), kind, std::move(indexes), {}};
-    if (table->observanceCount.load(std::memory_order_acquire) != 0) {
-        const auto observances = table->liveObservances();
-
-        // The key itself, then each observed key that depends on it, directly
-        // or through other keys.
-        std::vector<std::string> affected{change.key};
+    if (table->observanceCount.load(std::memory_order_acquire) == 0) {
+        pendingChanges.push_back(std::move(change));
+        return;
+    }
+    const auto observances = table->liveObservances();
+    for (auto& affectedKey : keysAffectedBy(*this, change.key, observances)) {
+        KeyChange keyChange{std::move(affectedKey), {}, {}};
         for (const auto& observance : observances) {
-            const auto& candidate = observance->keyPath;
-            if (std::find(affected.begin(), affected.end(), candidate) != affected.end()) {
-                continue;
-            }
-            std::set<std::string, std::less<>> visited{candidate};
-            std::vector<std::string> frontier{candidate};
-            bool depends = false;
-            while (!frontier.empty() && !depends) {
-                const auto next = keyPathsForValuesAffectingValueForKey(frontier.back());
-                frontier.pop_back();
-                for (const auto& source : next) {
-                    if (source == key) {
-                        depends = true;
-                        break;
-                    }
-                    if (visited.insert(source).second) {
-                        frontier.push_back(source);
-                    }
-                }
-            }
-            if (depends) {
-                affected.push_back(candidate);
+            if (observance->keyPath == keyChange.key) {
+                keyChange.observances.push_back(observance);
             }
         }
-
-        for (auto& affectedKey : affected) {
-            KeyChange keyChange{std::move(affectedKey), {}, {}};
-            for (const auto& observance : observances) {
-                if (observance->keyPath == keyChange.key) {
-                    keyChange.observances.push_back(observance);
-                }
-            }
-            if (keyChange.observances.empty()) {
-                continue;
-            }
-            if (anyWants(keyChange.observances, NSKeyValueObservingOptionOld)) {
-                const bool elementwise = change.indexes && keyChange.key == change.key;
-                if (!elementwise) {
-                    keyChange.oldValue = orNull(valueForKey(keyChange.key));
-                } else if (carriesOldValue(kind)) {
-                    keyChange.oldValue = elementsAt(valueForKey(keyChange.key), *change.indexes);
-                }
-            }
-            change.keys.push_back(std::move(keyChange));
+        if (keyChange.observances.empty()) {
+            continue;
         }
+        if (anyWants(keyChange.observances, NSKeyValueObservingOptionOld)) {
+            const bool elementwise = change.indexes && keyChange.key == change.key;
+            if (!elementwise) {
+                keyChange.oldValue = orNull(valueForKey(keyChange.key));
+            } else if (carriesOldValue(kind)) {
+                keyChange.oldValue = elementsAt(valueForKey(keyChange.key), *change.indexes);
+            }
+        }
+        change.keys.push_back(std::move(keyChange));
     }
 
     // Prior notifications go out after the push: an observer that changes
@@ -597,7 +603,7 @@ void Object::endChange(std::string_view key, bool notify)
     }
     PendingChange change = std::move(*found);
     stack.erase(std::next(found).base());
-    if (!notify) {
+    if (!notify || change.keys.empty()) {
         return;
     }
 
