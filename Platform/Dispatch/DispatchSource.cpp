@@ -65,7 +65,7 @@ private:
         if (inotify_ < 0) {
             throw std::system_error(errno, std::generic_category(), "inotify");
         }
-        token_ = EventMonitor::shared().watch(inotify_, EPOLLIN, [this](std::uint32_t) { readEvents(); });
+        token_ = EventMonitor::shared().watch(inotify_, EPOLLIN, [this](EventMonitor::Token, std::uint32_t) { readEvents(); });
     }
 
     // On the monitor thread.

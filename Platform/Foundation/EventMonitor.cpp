@@ -41,7 +41,7 @@ int waitForEpollEvents(int epoll, epoll_event* events, int capacity, double seco
 
 namespace {
 
-using Callback = std::shared_ptr<std::function<void(std::uint32_t)>>;
+using Callback = std::shared_ptr<EventMonitor::WatchCallback>;
 
 struct Watch {
     int fd;  // the monitor's own duplicate
@@ -111,7 +111,7 @@ EventMonitor& EventMonitor::shared()
     return *monitor;
 }
 
-EventMonitor::Token EventMonitor::watch(int fd, std::uint32_t events, std::function<void(std::uint32_t)> callback)
+EventMonitor::Token EventMonitor::watch(int fd, std::uint32_t events, WatchCallback callback)
 {
     const int duplicate = ::fcntl(fd, F_DUPFD_CLOEXEC, 0);
     if (duplicate < 0) {
@@ -127,7 +127,7 @@ EventMonitor::Token EventMonitor::watch(int fd, std::uint32_t events, std::funct
         ::close(duplicate);
         throw std::system_error(error, std::generic_category(), "watch");
     }
-    state_->watches.emplace(token, Watch{duplicate, events, std::make_shared<std::function<void(std::uint32_t)>>(std::move(callback))});
+    state_->watches.emplace(token, Watch{duplicate, events, std::make_shared<WatchCallback>(std::move(callback))});
     return token;
 }
 
@@ -218,7 +218,7 @@ void EventMonitor::run()
             const Callback callback = found->second.callback;
             state.running = token;
             lock.unlock();
-            (*callback)(events[index].events);
+            (*callback)(token, events[index].events);
             lock.lock();
             state.running = 0;
             state.callbackDone.notify_all();

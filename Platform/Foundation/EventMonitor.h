@@ -33,9 +33,11 @@ public:
 
     static EventMonitor& shared();
 
-    // Watches `fd` for the epoll `events`; `callback` gets the events that
-    // occurred. Raises std::system_error when the descriptor cannot be watched.
-    Token watch(int fd, std::uint32_t events, std::function<void(std::uint32_t)> callback);
+    // Watches `fd` for the epoll `events`; `callback` gets its own token and
+    // the events that occurred (it may run before `watch` returns). Raises
+    // std::system_error when the descriptor cannot be watched.
+    using WatchCallback = std::function<void(Token token, std::uint32_t events)>;
+    Token watch(int fd, std::uint32_t events, WatchCallback callback);
     void rearm(Token token);
     void unwatch(Token token);
 

@@ -1,0 +1,423 @@
+#include "Platform/Foundation/Task.h"
+
+#include "Platform/Foundation/EventMonitor.h"
+#include "Platform/Foundation/Exception.h"
+#include "Platform/Foundation/FileHandle.h"
+#include "Platform/Foundation/NotificationCenter.h"
+#include "Platform/Foundation/Pipe.h"
+#include "Platform/Foundation/RunLoop.h"
+#include "Platform/Foundation/WorkerPool.h"
+
+#include <sys/syscall.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <spawn.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <system_error>
+#include <thread>
+
+extern char** environ;
+
+namespace platform {
+namespace {
+
+[[noreturn]] void raiseLaunchFailure(const std::string& problem)
+{
+    Exception::raise(NSInvalidArgumentException, "*** -[NSConcreteTask launch]: " + problem);
+}
+
+[[noreturn]] void raiseNotEnded(const char* problem)
+{
+    Exception::raise(NSInvalidArgumentException, std::string("*** -[NSConcreteTask terminationStatus]: task ") + problem);
+}
+
+void checkStream(const ObjectRef& stream)
+{
+    if (stream && !std::dynamic_pointer_cast<FileHandle>(stream) && !std::dynamic_pointer_cast<Pipe>(stream)) {
+        Exception::raise(NSInvalidArgumentException, "*** -[NSConcreteTask setStandard...:]: standard stream must be a file handle or a pipe");
+    }
+}
+
+// What the child gets as one standard stream, and the parent's copy of a
+// pipe end to close once the child has it.
+struct ChildStream {
+    int fd = -1;
+    FileHandleRef parentCopy;
+};
+
+ChildStream childStream(const ObjectRef& stream, bool isInput)
+{
+    if (auto handle = std::dynamic_pointer_cast<FileHandle>(stream)) {
+        return {handle->fileDescriptor(), nullptr};
+    }
+    if (auto pipe = std::dynamic_pointer_cast<Pipe>(stream)) {
+        const auto& end = isInput ? pipe->fileHandleForReading() : pipe->fileHandleForWriting();
+        return {end->fileDescriptor(), end};
+    }
+    return {};
+}
+
+// posix_spawn's three attribute objects, released however the launch ends.
+struct SpawnSetup {
+    posix_spawn_file_actions_t actions{};
+    posix_spawnattr_t attributes{};
+    SpawnSetup()
+    {
+        posix_spawn_file_actions_init(&actions);
+        posix_spawnattr_init(&attributes);
+    }
+    ~SpawnSetup()
+    {
+        posix_spawn_file_actions_destroy(&actions);
+        posix_spawnattr_destroy(&attributes);
+    }
+    SpawnSetup(const SpawnSetup&) = delete;
+    SpawnSetup& operator=(const SpawnSetup&) = delete;
+};
+
+// Through the system call itself: the C library's declaration of the
+// wrapper lacks C linkage in the release the project builds on.
+int openProcessDescriptor(pid_t pid)
+{
+    return static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
+}
+
+std::vector<char*> pointersTo(std::vector<std::string>& strings)
+{
+    std::vector<char*> pointers;
+    pointers.reserve(strings.size() + 1);
+    for (auto& string : strings) {
+        pointers.push_back(string.data());
+    }
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
+}  // namespace
+
+Task::~Task()
+{
+    if (pidfd_ >= 0) {
+        ::close(pidfd_);
+    }
+}
+
+TaskRef Task::create()
+{
+    return TaskRef(new Task);
+}
+
+std::optional<std::string> Task::launchPath() const
+{
+    std::lock_guard lock(mutex_);
+    return launchPath_;
+}
+
+void Task::setLaunchPath(std::optional<std::string> path)
+{
+    std::lock_guard lock(mutex_);
+    launchPath_ = std::move(path);
+}
+
+std::vector<std::string> Task::arguments() const
+{
+    std::lock_guard lock(mutex_);
+    return arguments_;
+}
+
+void Task::setArguments(std::vector<std::string> arguments)
+{
+    std::lock_guard lock(mutex_);
+    arguments_ = std::move(arguments);
+}
+
+std::optional<Dictionary> Task::environment() const
+{
+    std::lock_guard lock(mutex_);
+    return environment_;
+}
+
+void Task::setEnvironment(std::optional<Dictionary> environment)
+{
+    std::lock_guard lock(mutex_);
+    environment_ = std::move(environment);
+}
+
+std::optional<std::string> Task::currentDirectoryPath() const
+{
+    std::lock_guard lock(mutex_);
+    return currentDirectoryPath_;
+}
+
+void Task::setCurrentDirectoryPath(std::optional<std::string> path)
+{
+    std::lock_guard lock(mutex_);
+    currentDirectoryPath_ = std::move(path);
+}
+
+ObjectRef Task::standardInput() const
+{
+    std::lock_guard lock(mutex_);
+    return standardInput_;
+}
+
+void Task::setStandardInput(ObjectRef stream)
+{
+    checkStream(stream);
+    std::lock_guard lock(mutex_);
+    standardInput_ = std::move(stream);
+}
+
+ObjectRef Task::standardOutput() const
+{
+    std::lock_guard lock(mutex_);
+    return standardOutput_;
+}
+
+void Task::setStandardOutput(ObjectRef stream)
+{
+    checkStream(stream);
+    std::lock_guard lock(mutex_);
+    standardOutput_ = std::move(stream);
+}
+
+ObjectRef Task::standardError() const
+{
+    std::lock_guard lock(mutex_);
+    return standardError_;
+}
+
+void Task::setStandardError(ObjectRef stream)
+{
+    checkStream(stream);
+    std::lock_guard lock(mutex_);
+    standardError_ = std::move(stream);
+}
+
+Task::TerminationHandler Task::terminationHandler() const
+{
+    std::lock_guard lock(mutex_);
+    return terminationHandler_;
+}
+
+void Task::setTerminationHandler(TerminationHandler handler)
+{
+    std::lock_guard lock(mutex_);
+    terminationHandler_ = std::move(handler);
+}
+
+void Task::launch()
+{
+    const auto self = std::static_pointer_cast<Task>(shared_from_this());
+    std::unique_lock lock(mutex_);
+    if (launched_) {
+        raiseLaunchFailure("task already launched");
+    }
+    if (!launchPath_) {
+        raiseLaunchFailure("must provide a launch path");
+    }
+    if (::access(launchPath_->c_str(), X_OK) != 0) {
+        raiseLaunchFailure("launch path not accessible");
+    }
+    struct stat directory {};
+    if (currentDirectoryPath_ && (::stat(currentDirectoryPath_->c_str(), &directory) != 0 || !S_ISDIR(directory.st_mode))) {
+        raiseLaunchFailure("working directory doesn't exist.");
+    }
+
+    const ChildStream streams[3] = {childStream(standardInput_, true), childStream(standardOutput_, false),
+                                    childStream(standardError_, false)};
+    SpawnSetup setup;
+    for (int target = 0; target < 3; ++target) {
+        if (streams[target].fd >= 0 && streams[target].fd != target) {
+            posix_spawn_file_actions_adddup2(&setup.actions, streams[target].fd, target);
+        }
+    }
+    if (currentDirectoryPath_) {
+        posix_spawn_file_actions_addchdir_np(&setup.actions, currentDirectoryPath_->c_str());
+    }
+    // Whatever this process has open, close-on-exec or not, stays out of the child.
+    posix_spawn_file_actions_addclosefrom_np(&setup.actions, 3);
+    sigset_t signals;
+    sigemptyset(&signals);
+    posix_spawnattr_setsigmask(&setup.attributes, &signals);
+    sigfillset(&signals);
+    sigdelset(&signals, SIGKILL);
+    sigdelset(&signals, SIGSTOP);
+    posix_spawnattr_setsigdefault(&setup.attributes, &signals);
+    posix_spawnattr_setflags(&setup.attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+
+    std::vector<std::string> argumentStrings{*launchPath_};
+    argumentStrings.insert(argumentStrings.end(), arguments_.begin(), arguments_.end());
+    auto argv = pointersTo(argumentStrings);
+    std::vector<std::string> environmentStrings;
+    if (environment_) {
+        for (const auto& [name, value] : *environment_) {
+            environmentStrings.push_back(name + "=" + (value.string() != nullptr ? *value.string() : value.description()));
+        }
+    }
+    auto envp = pointersTo(environmentStrings);
+
+    pid_t pid = 0;
+    const int failure = ::posix_spawn(&pid, launchPath_->c_str(), &setup.actions, &setup.attributes, argv.data(),
+                                      environment_ ? envp.data() : environ);
+    if (failure != 0) {
+        raiseLaunchFailure(failure == ENOENT || failure == EACCES || failure == ENOEXEC ? "launch path not accessible"
+                                                                                        : std::strerror(failure));
+    }
+    launched_ = true;
+    pid_ = pid;
+    pidfd_ = openProcessDescriptor(pid);
+    const auto loop = RunLoop::currentRunLoop();
+    launchLoop_ = loop;
+    lock.unlock();
+
+    for (const auto& stream : streams) {
+        if (stream.parentCopy) {
+            stream.parentCopy->closeFile();
+        }
+    }
+
+    // The launching thread's run loop keeps this source until the
+    // notification is out, which is what keeps that loop from looking empty.
+    auto sourceCell = std::make_shared<std::weak_ptr<RunLoopSource>>();
+    const std::weak_ptr<RunLoop> weakLoop = loop;
+    const auto source = RunLoopSource::create([self, sourceCell, weakLoop] {
+        if (const auto launching = weakLoop.lock(); launching && !sourceCell->expired()) {
+            launching->removeSource(sourceCell->lock(), NSRunLoopCommonModes);
+        }
+        NotificationCenter::defaultCenter()->postNotificationName(std::string(NSTaskDidTerminateNotification), self);
+        std::lock_guard ended(self->mutex_);
+        self->notified_ = true;
+        self->ended_.notify_all();
+    });
+    *sourceCell = source;
+    loop->addSource(source, NSRunLoopCommonModes);
+
+    const auto reap = [self, source, pid] {
+        int status = 0;
+        while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+        }
+        self->reaped(status);
+        source->signal();
+    };
+    if (pidfd_ >= 0) {
+        try {
+            // The process descriptor turns readable when the child has ended.
+            EventMonitor::shared().watch(pidfd_, EPOLLIN, [reap](EventMonitor::Token token, std::uint32_t) {
+                reap();
+                EventMonitor::shared().unwatch(token);
+            });
+            return;
+        } catch (const std::system_error&) {
+            // Out of descriptors: wait the plain way below.
+        }
+    }
+    std::thread(reap).detach();
+}
+
+void Task::reaped(int status)
+{
+    TerminationHandler handler;
+    {
+        std::lock_guard lock(mutex_);
+        status_ = status;
+        terminated_ = true;
+        if (pidfd_ >= 0) {
+            ::close(pidfd_);
+            pidfd_ = -1;
+        }
+        handler = terminationHandler_;
+        ended_.notify_all();
+    }
+    if (handler) {
+        WorkerPool::shared().submit([self = std::static_pointer_cast<Task>(shared_from_this()), handler] { handler(*self); });
+    }
+}
+
+void Task::signalChild(int signal)
+{
+    std::lock_guard lock(mutex_);
+    if (!launched_ || terminated_) {
+        return;
+    }
+    if (pidfd_ >= 0) {
+        ::syscall(SYS_pidfd_send_signal, pidfd_, signal, nullptr, 0);
+    } else {
+        ::kill(pid_, signal);
+    }
+}
+
+void Task::interrupt()
+{
+    signalChild(SIGINT);
+}
+
+void Task::terminate()
+{
+    signalChild(SIGTERM);
+}
+
+void Task::waitUntilExit()
+{
+    std::shared_ptr<RunLoop> launching;
+    {
+        std::lock_guard lock(mutex_);
+        if (!launched_) {
+            return;
+        }
+        launching = launchLoop_.lock();
+    }
+    if (launching && launching == RunLoop::currentRunLoop()) {
+        const Date distantFuture = Date::now().dateByAddingTimeInterval(1e9);
+        for (;;) {
+            {
+                std::lock_guard lock(mutex_);
+                if (terminated_ && notified_) {
+                    return;
+                }
+            }
+            launching->runModeBeforeDate(NSDefaultRunLoopMode, distantFuture);
+        }
+    }
+    std::unique_lock lock(mutex_);
+    ended_.wait(lock, [this] { return terminated_; });
+}
+
+bool Task::isRunning() const
+{
+    std::lock_guard lock(mutex_);
+    return launched_ && !terminated_;
+}
+
+int Task::processIdentifier() const
+{
+    std::lock_guard lock(mutex_);
+    return pid_;
+}
+
+int Task::terminationStatus() const
+{
+    std::lock_guard lock(mutex_);
+    if (!launched_) {
+        raiseNotEnded("not launched");
+    }
+    if (!terminated_) {
+        raiseNotEnded("still running");
+    }
+    return WIFEXITED(status_) ? WEXITSTATUS(status_) : WTERMSIG(status_);
+}
+
+Task::TerminationReason Task::terminationReason() const
+{
+    std::lock_guard lock(mutex_);
+    if (!launched_ || !terminated_) {
+        raiseNotEnded(launched_ ? "still running" : "not launched");
+    }
+    return WIFSIGNALED(status_) ? TerminationReason::UncaughtSignal : TerminationReason::Exit;
+}
+
+}  // namespace platform

@@ -1,0 +1,123 @@
+// Task: a child process with its launch path, arguments, environment,
+// working directory and standard streams.
+//
+//   auto task = Task::create();
+//   task->setLaunchPath("/bin/ls");
+//   task->setArguments({"-l"});
+//   auto output = Pipe::create();
+//   task->setStandardOutput(output);
+//   task->setTerminationHandler([](Task& ended) { ... ended.terminationStatus() ... });
+//   task->launch();   // raises "NSInvalidArgumentException" when it cannot start
+//
+// Contract:
+// - The child gets exactly the descriptors it is given as standard streams
+//   (an unset stream is inherited); every other descriptor is closed in it.
+//   Signal dispositions and the signal mask are reset to their defaults.
+// - When the child ends, the process reaps it at once (no zombie remains, even
+//   if nobody asks), whether or not anyone holds the task; a running task is
+//   kept alive until then.
+// - Then, in no promised order relative to each other: the termination
+//   handler runs on a worker thread, and "NSTaskDidTerminateNotification" is
+//   posted to the default centre on the thread that launched the task, from
+//   its run loop (any mode). Until the notification is posted that run loop
+//   is not empty, so a thread pumping it while the task runs keeps waiting.
+//   If the launching thread never runs its loop again, the notification is
+//   not posted; the task still ends and the handler still runs.
+// - `interrupt` and `terminate` send SIGINT and SIGTERM to the child while it
+//   runs (through its process descriptor, never to a reused process id).
+// - Reading the termination status or reason before the end raises
+//   "NSInvalidArgumentException".
+#pragma once
+
+#include "Platform/Foundation/Object.h"
+#include "Platform/Foundation/Value.h"
+
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace platform {
+
+inline constexpr std::string_view NSTaskDidTerminateNotification = "NSTaskDidTerminateNotification";
+
+class Task;
+class RunLoop;
+using TaskRef = std::shared_ptr<Task>;
+
+class Task final : public Object {
+public:
+    enum class TerminationReason { Exit = 1, UncaughtSignal = 2 };
+    using TerminationHandler = std::function<void(Task&)>;
+
+    ~Task() override;
+    static TaskRef create();
+
+    std::optional<std::string> launchPath() const;
+    void setLaunchPath(std::optional<std::string> path);
+    std::vector<std::string> arguments() const;
+    void setArguments(std::vector<std::string> arguments);
+    // Nothing: the child inherits this process's environment.
+    std::optional<Dictionary> environment() const;
+    void setEnvironment(std::optional<Dictionary> environment);
+    std::optional<std::string> currentDirectoryPath() const;
+    void setCurrentDirectoryPath(std::optional<std::string> path);
+
+    // A FileHandle or a Pipe (the pipe's reading end for input, its writing
+    // end for output); nothing to inherit. Anything else raises
+    // "NSInvalidArgumentException".
+    ObjectRef standardInput() const;
+    void setStandardInput(ObjectRef stream);
+    ObjectRef standardOutput() const;
+    void setStandardOutput(ObjectRef stream);
+    ObjectRef standardError() const;
+    void setStandardError(ObjectRef stream);
+
+    TerminationHandler terminationHandler() const;
+    void setTerminationHandler(TerminationHandler handler);
+
+    // Starts the child. Raises "NSInvalidArgumentException" when there is no
+    // launch path, it cannot be executed, the working directory does not
+    // exist, or the task was launched before.
+    void launch();
+    void interrupt();
+    void terminate();
+    // Blocks until the child has ended; on the launching thread, runs its run
+    // loop meanwhile so that the notification is posted before it returns.
+    void waitUntilExit();
+
+    bool isRunning() const;
+    int processIdentifier() const;
+    // The exit code, or the number of the signal that ended the child.
+    int terminationStatus() const;
+    TerminationReason terminationReason() const;
+
+private:
+    Task() = default;
+    void reaped(int status);
+    void signalChild(int signal);
+
+    mutable std::mutex mutex_;  // guards the fields below
+    std::condition_variable ended_;
+    std::optional<std::string> launchPath_;
+    std::vector<std::string> arguments_;
+    std::optional<Dictionary> environment_;
+    std::optional<std::string> currentDirectoryPath_;
+    ObjectRef standardInput_;
+    ObjectRef standardOutput_;
+    ObjectRef standardError_;
+    TerminationHandler terminationHandler_;
+    bool launched_ = false;
+    bool terminated_ = false;
+    bool notified_ = false;
+    int pid_ = 0;
+    int pidfd_ = -1;
+    int status_ = 0;
+    std::weak_ptr<RunLoop> launchLoop_;
+};
+
+}  // namespace platform
