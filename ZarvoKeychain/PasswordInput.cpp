@@ -1,0 +1,134 @@
+#include "ZarvoKeychain/PasswordInput.h"
+
+#include <sodium.h>
+
+#include <cstdio>
+#include <termios.h>
+#include <unistd.h>
+
+namespace {
+
+void wipe(std::string& text)
+{
+    sodium_memzero(text.data(), text.size());
+    text.clear();
+}
+
+// Turns terminal echo off for as long as it lives.
+class EchoOff {
+public:
+    EchoOff()
+    {
+        if (::tcgetattr(STDIN_FILENO, &saved_) == 0) {
+            termios quiet = saved_;
+            quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+            quiet.c_lflag |= ECHONL;
+            active_ = ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &quiet) == 0;
+        }
+    }
+    ~EchoOff()
+    {
+        if (active_) {
+            ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &saved_);
+        }
+    }
+    EchoOff(const EchoOff&) = delete;
+    EchoOff& operator=(const EchoOff&) = delete;
+
+private:
+    termios saved_{};
+    bool active_ = false;
+};
+
+}  // namespace
+
+PasswordInput::PasswordInput() : interactive_(::isatty(STDIN_FILENO) == 1) {}
+
+PasswordInput::~PasswordInput()
+{
+    wipe(pending_);
+}
+
+std::optional<std::string> PasswordInput::prompt(const std::string& text)
+{
+    std::fputs(text.c_str(), stderr);
+    std::fflush(stderr);
+    EchoOff quiet;
+    std::string line;
+    char character;
+    ssize_t count;
+    while ((count = ::read(STDIN_FILENO, &character, 1)) == 1 && character != '\n') {
+        line.push_back(character);
+    }
+    if (count != 1 && line.empty()) {
+        return std::nullopt;  // end of input: nothing was typed
+    }
+    return line;
+}
+
+void PasswordInput::readStandardInput()
+{
+    if (standardInputRead_) {
+        return;
+    }
+    standardInputRead_ = true;
+    char buffer[4096];
+    ssize_t count;
+    while ((count = ::read(STDIN_FILENO, buffer, sizeof buffer)) > 0) {
+        pending_.append(buffer, static_cast<std::size_t>(count));
+    }
+    sodium_memzero(buffer, sizeof buffer);
+}
+
+std::optional<std::string> PasswordInput::keychainPassword(const std::string& keychainPath)
+{
+    if (interactive_) {
+        return prompt("password to unlock " + keychainPath + ": ");
+    }
+    readStandardInput();
+    const auto lineEnd = pending_.find('\n');
+    if (pending_.empty()) {
+        return std::nullopt;
+    }
+    std::string line = pending_.substr(0, lineEnd);
+    pending_.erase(0, lineEnd == std::string::npos ? pending_.size() : lineEnd + 1);
+    if (!line.empty() && line.back() == '\r') {
+        line.pop_back();
+    }
+    return line;
+}
+
+std::optional<std::string> PasswordInput::newPassword(const std::string& promptText, bool* mismatch)
+{
+    *mismatch = false;
+    if (interactive_) {
+        auto first = prompt(promptText + ": ");
+        if (!first) {
+            return std::nullopt;
+        }
+        auto second = prompt("retype " + promptText + ": ");
+        if (!second || *second != *first) {
+            *mismatch = second.has_value();
+            wipe(*first);
+            if (second) {
+                wipe(*second);
+            }
+            return std::nullopt;
+        }
+        wipe(*second);
+        return first;
+    }
+    readStandardInput();
+    if (pending_.empty()) {
+        return std::nullopt;
+    }
+    std::string secret = pending_;
+    wipe(pending_);
+    if (!secret.empty() && secret.back() == '\n') {
+        secret.pop_back();
+        if (!secret.empty() && secret.back() == '\r') {
+            secret.pop_back();
+        }
+    }
+    return secret;
+}

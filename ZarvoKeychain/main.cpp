@@ -1,0 +1,10 @@
+// zarvo-keychain: manages the passwords that zarvo-askpass answers with.
+#include "ZarvoKeychain/KeychainTool.h"
+
+#include "Platform/Foundation/Exception.h"
+
+int main(int argc, char** argv)
+{
+    platform::installUncaughtExceptionReporter();
+    return runKeychainTool(std::vector<std::string>(argv + 1, argv + argc));
+}
