@@ -7,5 +7,14 @@ function(zarvo_add_test name)
   target_link_libraries(${name} PRIVATE ${ARG_LIBRARIES} GTest::gtest GTest::gmock GTest::gtest_main)
   gtest_discover_tests(${name}
     DISCOVERY_MODE PRE_TEST
-    PROPERTIES LABELS "${ARG_LABELS}" ENVIRONMENT "ZARVO_BINARY_DIR=${PROJECT_BINARY_DIR}/bin")
+    PROPERTIES ENVIRONMENT "ZARVO_BINARY_DIR=${PROJECT_BINARY_DIR}/bin")
+  # gtest_discover_tests flattens a list of labels into its other properties
+  # (only the first label would stick), so the labels are set by a script that
+  # ctest runs once the cases are discovered.
+  if(ARG_LABELS)
+    set(label_script "${CMAKE_CURRENT_BINARY_DIR}/${name}_labels.cmake")
+    file(WRITE "${label_script}"
+      "if(${name}_TESTS)\n  set_tests_properties(\${${name}_TESTS} PROPERTIES LABELS \"${ARG_LABELS}\")\nendif()\n")
+    set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES "${label_script}")
+  endif()
 endfunction()
