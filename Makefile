@@ -19,7 +19,7 @@ demo: build
 check: deps
 	cmake -S . -B $(CHECK_DIR) -G Ninja -DCMAKE_BUILD_TYPE=Debug -DZARVO_SANITIZE=ON -DZARVO_BUILD_BENCHMARKS=OFF
 	cmake --build $(CHECK_DIR) -j $(JOBS)
-	cd $(CHECK_DIR) && ctest --output-on-failure -j $(JOBS) -LE tsan
+	cd $(CHECK_DIR) && ctest --output-on-failure -j $(JOBS)
 	$(MAKE) check-tsan
 
 # The runtime's concurrency tests, again under ThreadSanitizer.
