@@ -90,6 +90,30 @@ TEST(XOKVONotificationCenterThreads, ObserverAndTargetGoAtTheSameTimeOnTwoThread
     }
 }
 
+TEST(XOKVONotificationCenterThreads, ATokenIsRemovedWhileItsTargetGoesOnAnotherThread)
+{
+    auto watcher = std::make_shared<Watcher>();
+    for (int round = 0; round < 200; ++round) {
+        auto person = std::make_shared<Person>();
+        auto other = std::make_shared<Person>();
+        const auto token = center().addObserver(watcher, Array{person, other}, "name", 0, [](const auto&) {});
+        std::latch start(2);
+        std::thread remover([&] {
+            start.arrive_and_wait();
+            if (round % 2 == 0) {
+                token->remove();
+            } else {
+                center().removeObserver(watcher, {});
+            }
+        });
+        start.arrive_and_wait();
+        person.reset();
+        remover.join();
+        EXPECT_FALSE(token->isValid());
+        EXPECT_EQ(other->observationCount(), 0u);
+    }
+}
+
 TEST(XOKVONotificationCenterThreads, ATokenRemovedOnAnotherThreadStopsTheDeliveries)
 {
     auto person = std::make_shared<Person>();
