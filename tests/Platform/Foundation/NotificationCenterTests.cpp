@@ -172,10 +172,4 @@ TEST(NotificationCenterThreads, PostsFromSeveralThreadsWhileObserversComeAndGo)
     EXPECT_EQ(steadyCalls.load(), 2 * kPostsPerThread);
 }
 
-TEST(NotificationCenter, HasOneDefaultCenter)
-{
-    EXPECT_EQ(NotificationCenter::defaultCenter(), NotificationCenter::defaultCenter());
-    EXPECT_NE(NotificationCenter::defaultCenter(), NotificationCenter::create());
-}
-
 }  // namespace

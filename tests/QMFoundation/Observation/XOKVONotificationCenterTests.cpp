@@ -26,11 +26,6 @@ XOKVONotificationCenter& center()
 
 constexpr auto kNewOld = NSKeyValueObservingOptionNew | NSKeyValueObservingOptionOld;
 
-TEST(XOKVONotificationCenter, HasOneDefaultCenter)
-{
-    EXPECT_EQ(XOKVONotificationCenter::defaultCenter(), XOKVONotificationCenter::defaultCenter());
-}
-
 TEST(XOKVONotificationCenter, ABlockReceivesTheNotificationRecord)
 {
     auto person = std::make_shared<Person>();
