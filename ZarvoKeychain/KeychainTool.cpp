@@ -435,14 +435,32 @@ void printItem(const Dictionary& item, bool withSecret)
 
 // ---- Subcommands -----------------------------------------------------------
 
-int addPassword(const Command& command, const Options& options)
-{
+// What an item command works on: the attributes its options name, in the
+// keychain they name.
+struct ItemTarget {
     Dictionary attributes;
-    if (const auto problem = attributesFor(command, options, true, &attributes)) {
+    SecKeychainRef keychain;
+    bool isExplicit = false;
+};
+
+// Nothing when the options make a target; else the exit status of the
+// complaint already written.
+std::optional<int> itemTarget(const Command& command, const Options& options, bool forAdding, ItemTarget* target)
+{
+    if (const auto problem = attributesFor(command, options, forAdding, &target->attributes)) {
         return usageError(command, *problem);
     }
-    bool isExplicit = false;
-    const auto keychain = targetKeychain(options, &isExplicit);
+    target->keychain = targetKeychain(options, &target->isExplicit);
+    return std::nullopt;
+}
+
+int addPassword(const Command& command, const Options& options)
+{
+    ItemTarget target;
+    if (const auto complaint = itemTarget(command, options, true, &target)) {
+        return *complaint;
+    }
+    auto& [attributes, keychain, isExplicit] = target;
     PasswordInput input;
     if (const int unlocked = ensureUnlocked(command, keychain, input); unlocked != kExitSuccess) {
         return unlocked;
@@ -477,12 +495,11 @@ int addPassword(const Command& command, const Options& options)
 
 int findPassword(const Command& command, const Options& options)
 {
-    Dictionary query;
-    if (const auto problem = attributesFor(command, options, false, &query)) {
-        return usageError(command, *problem);
+    ItemTarget target;
+    if (const auto complaint = itemTarget(command, options, false, &target)) {
+        return *complaint;
     }
-    bool isExplicit = false;
-    const auto keychain = targetKeychain(options, &isExplicit);
+    auto& [query, keychain, isExplicit] = target;
     restrictTo(query, keychain, isExplicit);
     query.set(kSecReturnAttributes, true);
     query.set(kSecReturnRef, true);
@@ -516,15 +533,14 @@ int findPassword(const Command& command, const Options& options)
 
 int deletePassword(const Command& command, const Options& options)
 {
-    Dictionary query;
-    if (const auto problem = attributesFor(command, options, false, &query)) {
-        return usageError(command, *problem);
+    ItemTarget target;
+    if (const auto complaint = itemTarget(command, options, false, &target)) {
+        return *complaint;
     }
+    auto& [query, keychain, isExplicit] = target;
     if (query.size() == 1) {
         return usageError(command, "name the item to delete by at least one attribute");
     }
-    bool isExplicit = false;
-    const auto keychain = targetKeychain(options, &isExplicit);
     restrictTo(query, keychain, isExplicit);
     query.set(kSecReturnAttributes, true);
     query.set(kSecReturnRef, true);

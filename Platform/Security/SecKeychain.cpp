@@ -40,6 +40,24 @@ std::string homeDirectory()
     return "/";
 }
 
+OSStatus openExisting(const SecKeychainRef& keychain, std::unique_ptr<KeychainFile>* file)
+{
+    return keychain ? KeychainFile::open(keychain->path(), OpenMode::Read, file) : errSecParam;
+}
+
+// Makes this process forget the keychain's key, as on locking it.
+OSStatus forgetKeyOf(const SecKeychainRef& keychain)
+{
+    std::unique_ptr<KeychainFile> file;
+    if (const OSStatus status = openExisting(keychain, &file); status != errSecSuccess) {
+        return status;
+    }
+    if (!file->isUninitialised()) {
+        security::forgetKey(file->identity());
+    }
+    return errSecSuccess;
+}
+
 }  // namespace
 
 std::shared_ptr<SecKeychain> SecKeychain::create(std::string path)
@@ -131,20 +149,11 @@ OSStatus SecKeychainCreate(const char* pathName, std::uint32_t passwordLength, c
 
 OSStatus SecKeychainDelete(const SecKeychainRef& keychain)
 {
-    if (!keychain) {
-        return errSecParam;
-    }
-    std::unique_ptr<KeychainFile> file;
-    // Only a keychain is deleted: a wrong path must not cost the user an
-    // unrelated file.
-    if (const OSStatus status = KeychainFile::open(keychain->path(), OpenMode::Read, &file);
-        status != errSecSuccess) {
+    // Forgetting the key opens the file first, which also makes sure it is a
+    // keychain: a wrong path must not cost the user an unrelated file.
+    if (const OSStatus status = forgetKeyOf(keychain); status != errSecSuccess) {
         return status;
     }
-    if (!file->isUninitialised()) {
-        security::forgetKey(file->identity());
-    }
-    file.reset();
     if (::unlink(keychain->path().c_str()) != 0) {
         return errno == ENOENT ? errSecNoSuchKeychain : errSecWrPerm;
     }
@@ -179,12 +188,11 @@ OSStatus SecKeychainItemCopyKeychain(const SecKeychainItemRef& item, SecKeychain
 OSStatus SecKeychainUnlock(const SecKeychainRef& keychain, std::uint32_t passwordLength, const void* password,
                            bool usePassword)
 {
-    if (!keychain || (usePassword && passwordLength > 0 && password == nullptr)) {
+    if (usePassword && passwordLength > 0 && password == nullptr) {
         return errSecParam;
     }
     std::unique_ptr<KeychainFile> file;
-    if (const OSStatus status = KeychainFile::open(keychain->path(), OpenMode::Read, &file);
-        status != errSecSuccess) {
+    if (const OSStatus status = openExisting(keychain, &file); status != errSecSuccess) {
         return status;
     }
     if (!file->hasPassword()) {
@@ -207,28 +215,16 @@ OSStatus SecKeychainUnlock(const SecKeychainRef& keychain, std::uint32_t passwor
 
 OSStatus SecKeychainLock(const SecKeychainRef& keychain)
 {
-    if (!keychain) {
-        return errSecParam;
-    }
-    std::unique_ptr<KeychainFile> file;
-    if (const OSStatus status = KeychainFile::open(keychain->path(), OpenMode::Read, &file);
-        status != errSecSuccess) {
-        return status;
-    }
-    if (!file->isUninitialised()) {
-        security::forgetKey(file->identity());
-    }
-    return errSecSuccess;
+    return forgetKeyOf(keychain);
 }
 
 OSStatus SecKeychainGetStatus(const SecKeychainRef& keychain, SecKeychainStatus* status)
 {
-    if (!keychain || status == nullptr) {
+    if (status == nullptr) {
         return errSecParam;
     }
     std::unique_ptr<KeychainFile> file;
-    if (const OSStatus opened = KeychainFile::open(keychain->path(), OpenMode::Read, &file);
-        opened != errSecSuccess) {
+    if (const OSStatus opened = openExisting(keychain, &file); opened != errSecSuccess) {
         return opened;
     }
     status->hasPassword = file->hasPassword();

@@ -15,30 +15,6 @@ Value QMGenericPasswordKeychainItem::keychainItemTypeRef()
     return Value(kSecClassGenericPassword);
 }
 
-Dictionary QMGenericPasswordKeychainItem::queryAttributesWithAttributes(const Dictionary& attributes,
-                                                                        const QMKeychainRef& keychain)
-{
-    return queryAttributesForItemType(keychainItemTypeRef(), attributes, keychain);
-}
-
-std::optional<Dictionary> QMGenericPasswordKeychainItem::findKeychainItemWithAttributes(const Dictionary& attributes,
-                                                                                       ErrorRef* error)
-{
-    return findKeychainItemForItemType(keychainItemTypeRef(), attributes, nullptr, error);
-}
-
-std::optional<Dictionary> QMGenericPasswordKeychainItem::findKeychainItemWithAttributes(
-    const Dictionary& attributes, const QMKeychainRef& keychain, ErrorRef* error)
-{
-    return findKeychainItemForItemType(keychainItemTypeRef(), attributes, keychain, error);
-}
-
-std::optional<std::vector<Dictionary>> QMGenericPasswordKeychainItem::findAllKeychainItemsWithAttributes(
-    const Dictionary& attributes, const QMKeychainRef& keychain, ErrorRef* error)
-{
-    return findAllKeychainItemsForItemType(keychainItemTypeRef(), attributes, keychain, error);
-}
-
 QMGenericPasswordKeychainItemRef QMGenericPasswordKeychainItem::findGenericPasswordItemForAccount(
     const std::optional<std::string>& account, const std::optional<std::string>& service, ErrorRef* error)
 {

@@ -2,6 +2,7 @@
 // service and account.
 #pragma once
 
+#include "QMFoundation/Keychain/QMKeychainItemClassOperations.h"
 #include "QMFoundation/Keychain/QMPasswordKeychainItem.h"
 
 #include <optional>
@@ -11,24 +12,15 @@
 class QMGenericPasswordKeychainItem;
 using QMGenericPasswordKeychainItemRef = std::shared_ptr<QMGenericPasswordKeychainItem>;
 
-class QMGenericPasswordKeychainItem : public QMPasswordKeychainItem {
+class QMGenericPasswordKeychainItem
+    : public QMKeychainItemClassOperations<QMGenericPasswordKeychainItem, QMPasswordKeychainItem> {
 public:
     static QMGenericPasswordKeychainItemRef create(QMKeychainRef keychain = nullptr,
                                                    const std::optional<platform::Dictionary>& attributes = std::nullopt);
 
-    // kSecClassGenericPassword.
+    // kSecClassGenericPassword; the inherited class operations search for
+    // this class.
     static platform::Value keychainItemTypeRef();
-    // (The instance form, for the item's own keychain, stays visible.)
-    using QMKeychainItem::queryAttributesWithAttributes;
-    static platform::Dictionary queryAttributesWithAttributes(const platform::Dictionary& attributes,
-                                                              const QMKeychainRef& keychain);
-    static std::optional<platform::Dictionary> findKeychainItemWithAttributes(const platform::Dictionary& attributes,
-                                                                             platform::ErrorRef* error = nullptr);
-    static std::optional<platform::Dictionary> findKeychainItemWithAttributes(const platform::Dictionary& attributes,
-                                                                             const QMKeychainRef& keychain,
-                                                                             platform::ErrorRef* error = nullptr);
-    static std::optional<std::vector<platform::Dictionary>> findAllKeychainItemsWithAttributes(
-        const platform::Dictionary& attributes, const QMKeychainRef& keychain, platform::ErrorRef* error = nullptr);
 
     // One entry; a missing account or service only widens the search, so
     // with neither the first generic password of the searched keychains
@@ -52,8 +44,6 @@ public:
         const std::optional<std::string>& service, const std::optional<std::string>& password,
         platform::ErrorRef* error = nullptr);
 
-    platform::Value itemTypeRef() const override { return keychainItemTypeRef(); }
-
     std::optional<std::string> service() const;
     void setService(const std::optional<std::string>& service);
     std::optional<platform::Data> genericData() const;
@@ -67,5 +57,5 @@ public:
     const platform::PropertyTable& propertyTable() const override;
 
 private:
-    using QMPasswordKeychainItem::QMPasswordKeychainItem;
+    using QMKeychainItemClassOperations::QMKeychainItemClassOperations;
 };

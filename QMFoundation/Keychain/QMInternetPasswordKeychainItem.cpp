@@ -33,30 +33,6 @@ Value QMInternetPasswordKeychainItem::keychainItemTypeRef()
     return Value(kSecClassInternetPassword);
 }
 
-Dictionary QMInternetPasswordKeychainItem::queryAttributesWithAttributes(const Dictionary& attributes,
-                                                                         const QMKeychainRef& keychain)
-{
-    return queryAttributesForItemType(keychainItemTypeRef(), attributes, keychain);
-}
-
-std::optional<Dictionary> QMInternetPasswordKeychainItem::findKeychainItemWithAttributes(const Dictionary& attributes,
-                                                                                        ErrorRef* error)
-{
-    return findKeychainItemForItemType(keychainItemTypeRef(), attributes, nullptr, error);
-}
-
-std::optional<Dictionary> QMInternetPasswordKeychainItem::findKeychainItemWithAttributes(
-    const Dictionary& attributes, const QMKeychainRef& keychain, ErrorRef* error)
-{
-    return findKeychainItemForItemType(keychainItemTypeRef(), attributes, keychain, error);
-}
-
-std::optional<std::vector<Dictionary>> QMInternetPasswordKeychainItem::findAllKeychainItemsWithAttributes(
-    const Dictionary& attributes, const QMKeychainRef& keychain, ErrorRef* error)
-{
-    return findAllKeychainItemsForItemType(keychainItemTypeRef(), attributes, keychain, error);
-}
-
 std::optional<std::uint32_t> QMInternetPasswordKeychainItem::secProtocolTypeForProtocol(
     const std::optional<std::string>& protocol)
 {

@@ -9,6 +9,7 @@
 // only entries stored without one: the scheme's default port is not filled in.
 #pragma once
 
+#include "QMFoundation/Keychain/QMKeychainItemClassOperations.h"
 #include "QMFoundation/Keychain/QMPasswordKeychainItem.h"
 
 #include "Platform/Foundation/URL.h"
@@ -21,24 +22,16 @@
 class QMInternetPasswordKeychainItem;
 using QMInternetPasswordKeychainItemRef = std::shared_ptr<QMInternetPasswordKeychainItem>;
 
-class QMInternetPasswordKeychainItem : public QMPasswordKeychainItem {
+class QMInternetPasswordKeychainItem
+    : public QMKeychainItemClassOperations<QMInternetPasswordKeychainItem, QMPasswordKeychainItem> {
 public:
     static QMInternetPasswordKeychainItemRef create(QMKeychainRef keychain = nullptr,
                                                     const std::optional<platform::Dictionary>& attributes = std::nullopt);
 
-    // kSecClassInternetPassword.
+    // kSecClassInternetPassword. The inherited class operations
+    // (queryAttributesWithAttributes, findKeychainItemWithAttributes,
+    // findAllKeychainItemsWithAttributes) search for this class.
     static platform::Value keychainItemTypeRef();
-    // (The instance form, for the item's own keychain, stays visible.)
-    using QMKeychainItem::queryAttributesWithAttributes;
-    static platform::Dictionary queryAttributesWithAttributes(const platform::Dictionary& attributes,
-                                                              const QMKeychainRef& keychain);
-    static std::optional<platform::Dictionary> findKeychainItemWithAttributes(const platform::Dictionary& attributes,
-                                                                             platform::ErrorRef* error = nullptr);
-    static std::optional<platform::Dictionary> findKeychainItemWithAttributes(const platform::Dictionary& attributes,
-                                                                             const QMKeychainRef& keychain,
-                                                                             platform::ErrorRef* error = nullptr);
-    static std::optional<std::vector<platform::Dictionary>> findAllKeychainItemsWithAttributes(
-        const platform::Dictionary& attributes, const QMKeychainRef& keychain, platform::ErrorRef* error = nullptr);
 
     // Between protocol names and keychain protocol values; nothing for a name
     // or value outside the table.
@@ -78,8 +71,6 @@ public:
                                                                            const std::optional<std::string>& password,
                                                                            platform::ErrorRef* error = nullptr);
 
-    platform::Value itemTypeRef() const override { return keychainItemTypeRef(); }
-
     std::optional<std::string> securityDomain() const;
     void setSecurityDomain(const std::optional<std::string>& securityDomain);
     std::optional<std::string> host() const;
@@ -106,5 +97,5 @@ public:
     const platform::PropertyTable& propertyTable() const override;
 
 private:
-    using QMPasswordKeychainItem::QMPasswordKeychainItem;
+    using QMKeychainItemClassOperations::QMKeychainItemClassOperations;
 };

@@ -8,9 +8,10 @@
 // An entry object is used by one thread at a time.
 //
 // The operations that depend on the receiving class (its item class value,
-// the queries built for it, the finds) are static members that each concrete
-// class declares again for its own item class; from an instance, the item
-// class is `itemTypeRef()`.
+// the queries built for it, the finds) are static members that every
+// concrete class gets for its own item class from
+// QMKeychainItemClassOperations; from an instance, the item class is
+// `itemTypeRef()`.
 #pragma once
 
 #include "Platform/Foundation/Error.h"
@@ -99,8 +100,8 @@ public:
 protected:
     QMKeychainItem(QMKeychainRef keychain, const std::optional<platform::Dictionary>& attributes);
 
-    // The class-dependent operations for an explicit item class; each
-    // concrete class's static members forward here with its own.
+    // The class-dependent operations for an explicit item class; the
+    // concrete classes' static members forward here with their own.
     static platform::Dictionary queryAttributesForItemType(const platform::Value& itemType,
                                                            const platform::Dictionary& attributes,
                                                            const QMKeychainRef& keychain);
