@@ -38,14 +38,20 @@ private:
 
 Operation::~Operation() = default;
 
+// A subclass that keeps its own state and announces it under its own keys
+// turns these off through automaticallyNotifiesObserversForKey.
 void Operation::willChangeState(std::string_view key)
 {
-    willChangeValueForKey(key);
+    if (automaticallyNotifiesObserversForKey(key)) {
+        willChangeValueForKey(key);
+    }
 }
 
 void Operation::didChangeState(std::string_view key)
 {
-    didChangeValueForKey(key);
+    if (automaticallyNotifiesObserversForKey(key)) {
+        didChangeValueForKey(key);
+    }
 }
 
 void Operation::main() {}

@@ -96,7 +96,8 @@ protected:
     void operationStateDidChange();
 
     // Change announcements, to key-value observers of the operation; every
-    // state change of this class passes through these two.
+    // state change of this class passes through these two. A key for which
+    // automaticallyNotifiesObserversForKey answers false is not announced.
     void willChangeState(std::string_view key);
     void didChangeState(std::string_view key);
 

@@ -1,0 +1,742 @@
+#include "QMFoundation/Command/QMCommandOperation.h"
+
+#include "Platform/Foundation/Exception.h"
+#include "Platform/Foundation/RunLoop.h"
+#include "QMFoundation/Objects/NSObject+QMObjectDescribing.h"
+#include "QMFoundation/Objects/NSOperationQueue+QMFoundation.h"
+#include "QMFoundation/Objects/NSOperationQueue+QMPerformBlock.h"
+#include "QMFoundation/Strings/NSData+QMStringDecoding.h"
+#include "QMFoundation/Strings/NSString+QMUniqueIdentifier.h"
+
+extern char** environ;
+
+using platform::Data;
+using platform::Dictionary;
+using platform::Value;
+
+namespace {
+
+constexpr const char* kAssertionSourceFile = "QMFoundation/QMCommandOperation";
+constexpr const char* kErrorDomain = "QMCommandOperation";
+constexpr const char* kCancelledKey = "isCancelled";
+
+// Tells the operation's own "isCancelled" observation from anything else.
+char cancellationContext;
+
+// The pump's slice: the longest the operation's thread waits before it
+// looks at the end flag again.
+constexpr double kPumpSlice = 0.01;
+
+Dictionary processEnvironment()
+{
+    Dictionary environment;
+    for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
+        const std::string_view text(*entry);
+        const auto equals = text.find('=');
+        if (equals != std::string_view::npos) {
+            environment.set(text.substr(0, equals), std::string(text.substr(equals + 1)));
+        }
+    }
+    return environment;
+}
+
+Value textOf(const Data& data)
+{
+    return Value(stringUsingBestEncoding(data));
+}
+
+}  // namespace
+
+QMCommandOperation::QMCommandOperation(std::optional<std::string> launchPath, std::optional<std::string> workingDirectory,
+                                       Arguments arguments, Delegate delegate)
+    : taskNotificationQueue_(serialQueue()), fileHandleNotificationQueue_(serialQueue())
+{
+    PLATFORM_PARAMETER_ASSERT(launchPath.has_value(), "launchPath != nil");
+    launchPath_ = std::move(launchPath);
+    workingDirectory_ = std::move(workingDirectory);
+    arguments_ = std::move(arguments);
+    delegate_ = std::move(delegate);
+    environment_ = processEnvironment();
+    identifier_ = uniqueIdentifier();
+}
+
+QMCommandOperation::~QMCommandOperation()
+{
+    try {
+        unregisterObservers();
+    } catch (const platform::Exception&) {
+        // An observation the key-value store already forgot: nothing to undo.
+    }
+    for (const auto* state : {&output_, &error_}) {
+        if (const auto handle = state->fileHandle.lock()) {
+            handle->closeFile();
+        }
+    }
+}
+
+std::shared_ptr<QMCommandOperation> QMCommandOperation::create()
+{
+    return create(std::nullopt, std::nullopt, {}, {});
+}
+
+std::shared_ptr<QMCommandOperation> QMCommandOperation::create(std::optional<std::string> launchPath,
+                                                               std::optional<std::string> workingDirectory,
+                                                               Arguments arguments, Delegate delegate)
+{
+    return std::shared_ptr<QMCommandOperation>(
+        new QMCommandOperation(std::move(launchPath), std::move(workingDirectory), std::move(arguments), std::move(delegate)));
+}
+
+std::shared_ptr<QMCommandOperation> QMCommandOperation::commandWithLaunchPath(std::optional<std::string> launchPath,
+                                                                              Arguments arguments, Delegate delegate)
+{
+    return create(std::move(launchPath), std::nullopt, std::move(arguments), std::move(delegate));
+}
+
+std::shared_ptr<QMCommandOperation> QMCommandOperation::commandWithLaunchPath(std::optional<std::string> launchPath,
+                                                                              std::optional<std::string> workingDirectory,
+                                                                              Arguments arguments, Delegate delegate)
+{
+    return create(std::move(launchPath), std::move(workingDirectory), std::move(arguments), std::move(delegate));
+}
+
+bool QMCommandOperation::runCommandWithLaunchPath(const std::string& launchPath, Arguments arguments,
+                                                  platform::ErrorRef* error)
+{
+    return runCommandWithLaunchPath(launchPath, std::nullopt, std::move(arguments), error);
+}
+
+bool QMCommandOperation::runCommandWithLaunchPath(const std::string& launchPath,
+                                                  std::optional<std::string> workingDirectory, Arguments arguments,
+                                                  platform::ErrorRef* error)
+{
+    const auto command = create(launchPath, std::move(workingDirectory), std::move(arguments), {});
+    command->start();
+    command->waitUntilFinished();
+    if (command->exitCode() == 0) {
+        return true;
+    }
+    Dictionary userInfo;
+    if (const auto errorData = command->standardErrorData()) {
+        if (const auto reason = stringUsingUTF8Encoding(*errorData)) {
+            userInfo.set(platform::NSLocalizedFailureReasonErrorKey, *reason);
+        }
+    }
+    platform::setError(error, platform::Error::create(kErrorDomain, command->exitCode(), std::move(userInfo)));
+    return false;
+}
+
+// --- Properties
+
+QMCommandOperation::Delegate QMCommandOperation::delegate() const
+{
+    std::lock_guard lock(mutex_);
+    return delegate_;
+}
+
+void QMCommandOperation::setDelegate(Delegate delegate)
+{
+    std::lock_guard lock(mutex_);
+    delegate_ = std::move(delegate);
+}
+
+std::string QMCommandOperation::identifier() const
+{
+    std::lock_guard lock(mutex_);
+    return identifier_;
+}
+
+void QMCommandOperation::setIdentifier(std::string identifier)
+{
+    std::lock_guard lock(mutex_);
+    identifier_ = std::move(identifier);
+}
+
+std::optional<std::string> QMCommandOperation::launchPath() const
+{
+    std::lock_guard lock(mutex_);
+    return launchPath_;
+}
+
+void QMCommandOperation::setLaunchPath(std::optional<std::string> launchPath)
+{
+    std::lock_guard lock(mutex_);
+    launchPath_ = std::move(launchPath);
+}
+
+std::optional<std::string> QMCommandOperation::workingDirectory() const
+{
+    std::lock_guard lock(mutex_);
+    return workingDirectory_;
+}
+
+void QMCommandOperation::setWorkingDirectory(std::optional<std::string> workingDirectory)
+{
+    std::lock_guard lock(mutex_);
+    workingDirectory_ = std::move(workingDirectory);
+}
+
+std::vector<std::string> QMCommandOperation::modes() const
+{
+    std::lock_guard lock(mutex_);
+    return modes_;
+}
+
+void QMCommandOperation::setModes(std::vector<std::string> modes)
+{
+    std::lock_guard lock(mutex_);
+    modes_ = std::move(modes);
+}
+
+QMCommandOperation::Arguments QMCommandOperation::arguments() const
+{
+    std::lock_guard lock(mutex_);
+    return arguments_;
+}
+
+void QMCommandOperation::setArguments(Arguments arguments)
+{
+    std::lock_guard lock(mutex_);
+    arguments_ = std::move(arguments);
+}
+
+Dictionary QMCommandOperation::environment() const
+{
+    std::lock_guard lock(mutex_);
+    return environment_;
+}
+
+void QMCommandOperation::setEnvironment(Dictionary environment)
+{
+    std::lock_guard lock(mutex_);
+    environment_ = std::move(environment);
+}
+
+platform::ObjectRef QMCommandOperation::standardInput() const
+{
+    std::lock_guard lock(mutex_);
+    return standardInput_;
+}
+
+void QMCommandOperation::setStandardInput(platform::ObjectRef standardInput)
+{
+    std::lock_guard lock(mutex_);
+    standardInput_ = std::move(standardInput);
+}
+
+platform::PipeRef QMCommandOperation::standardOutput() const
+{
+    std::lock_guard lock(mutex_);
+    return standardOutput_;
+}
+
+void QMCommandOperation::setStandardOutput(platform::PipeRef pipe)
+{
+    std::lock_guard lock(mutex_);
+    standardOutput_ = std::move(pipe);
+}
+
+platform::PipeRef QMCommandOperation::standardError() const
+{
+    std::lock_guard lock(mutex_);
+    return standardError_;
+}
+
+void QMCommandOperation::setStandardError(platform::PipeRef pipe)
+{
+    std::lock_guard lock(mutex_);
+    standardError_ = std::move(pipe);
+}
+
+std::optional<Data> QMCommandOperation::standardOutputData() const
+{
+    std::lock_guard lock(mutex_);
+    return standardOutputData_;
+}
+
+std::optional<Data> QMCommandOperation::standardErrorData() const
+{
+    std::lock_guard lock(mutex_);
+    return standardErrorData_;
+}
+
+std::int64_t QMCommandOperation::exitCode() const
+{
+    std::lock_guard lock(mutex_);
+    return exitCode_;
+}
+
+platform::TaskRef QMCommandOperation::task() const
+{
+    std::lock_guard lock(mutex_);
+    return task_;
+}
+
+Data QMCommandOperation::standardOutputBuffer() const
+{
+    std::lock_guard lock(mutex_);
+    return output_.buffer;
+}
+
+Data QMCommandOperation::standardErrorBuffer() const
+{
+    std::lock_guard lock(mutex_);
+    return error_.buffer;
+}
+
+bool QMCommandOperation::isStandardOutputClosed() const
+{
+    std::lock_guard lock(mutex_);
+    return output_.closed;
+}
+
+bool QMCommandOperation::isStandardErrorClosed() const
+{
+    std::lock_guard lock(mutex_);
+    return error_.closed;
+}
+
+std::vector<std::string> QMCommandOperation::keyPathObservers() const
+{
+    std::lock_guard lock(mutex_);
+    return keyPathObservers_;
+}
+
+platform::FileHandleRef QMCommandOperation::standardOutputFileHandle() const
+{
+    std::lock_guard lock(mutex_);
+    return output_.fileHandle.lock();
+}
+
+platform::FileHandleRef QMCommandOperation::standardErrorFileHandle() const
+{
+    std::lock_guard lock(mutex_);
+    return error_.fileHandle.lock();
+}
+
+platform::ObjectRef QMCommandOperation::taskObserver() const
+{
+    std::lock_guard lock(mutex_);
+    return taskObserver_;
+}
+
+void QMCommandOperation::setExecutingValue(bool executing)
+{
+    willChangeValueForKey("executingValue");
+    executingValue_.store(executing);
+    didChangeValueForKey("executingValue");
+}
+
+void QMCommandOperation::setFinishedValue(bool finished)
+{
+    willChangeValueForKey("finishedValue");
+    finishedValue_.store(finished);
+    didChangeValueForKey("finishedValue");
+}
+
+void QMCommandOperation::setExecuting(bool executing)
+{
+    if (executingValue() != executing) {
+        setExecutingValue(executing);
+    }
+}
+
+void QMCommandOperation::setFinished(bool finished)
+{
+    if (finishedValue() != finished) {
+        setFinishedValue(finished);
+    }
+}
+
+bool QMCommandOperation::automaticallyNotifiesObserversForKey(std::string_view key) const
+{
+    // The executing and finished state is announced under the names of the
+    // fields that hold it, and only there.
+    if (key == "isExecuting" || key == "isFinished") {
+        return false;
+    }
+    return Operation::automaticallyNotifiesObserversForKey(key);
+}
+
+const platform::PropertyTable& QMCommandOperation::propertyTable() const
+{
+    using Command = QMCommandOperation;
+    static const auto table = platform::PropertyTable::extending<Command>(Operation::propertyTable(), {
+        {"identifier", [](const Command& command) { return Value(command.identifier()); }},
+        {"launchPath", [](const Command& command) { return Value(command.launchPath()); }},
+        {"workingDirectory", [](const Command& command) { return Value(command.workingDirectory()); }},
+        {"arguments",
+         [](const Command& command) {
+             platform::Array arguments;
+             for (const auto& argument : command.arguments()) {
+                 arguments.emplace_back(argument);
+             }
+             return Value(std::move(arguments));
+         }},
+        {"environment", [](const Command& command) { return Value(command.environment()); }},
+        {"exitCode", [](const Command& command) { return Value(command.exitCode()); }},
+        {"executingValue", [](const Command& command) { return Value(command.executingValue()); }},
+        {"finishedValue", [](const Command& command) { return Value(command.finishedValue()); }},
+        {"taskTerminated", [](const Command& command) { return Value(command.isTaskTerminated()); }},
+    });
+    return table;
+}
+
+// --- Other operations
+
+void QMCommandOperation::setValue(const std::string& value, const std::string& forEnvironmentVariable)
+{
+    std::lock_guard lock(mutex_);
+    Dictionary environment = environment_;
+    environment.set(forEnvironmentVariable, value);
+    environment_ = std::move(environment);
+}
+
+std::string QMCommandOperation::commandCall() const
+{
+    std::lock_guard lock(mutex_);
+    std::string joined;
+    for (std::size_t index = 0; index < arguments_.size(); ++index) {
+        if (index > 0) {
+            joined += ' ';
+        }
+        joined += arguments_[index];
+    }
+    return launchPath_.value_or("(null)") + " " + joined;
+}
+
+std::string QMCommandOperation::description() const
+{
+    const platform::Array items{
+        "launchPath",
+        "workingDirectory",
+        "arguments",
+        "exitCode",
+        "environment",
+        Dictionary{{"standardOutput", textOf(standardOutputBuffer())}},
+        Dictionary{{"standardError", textOf(standardErrorBuffer())}},
+    };
+    return prettyDescriptionWithItems(*this, items);
+}
+
+// --- Running
+
+void QMCommandOperation::start()
+{
+    // The base class does not call `main` for an operation cancelled before
+    // it starts; such a command still ends finished, as `main` would leave it.
+    if (isCancelled()) {
+        setFinished(true);
+    }
+    Operation::start();
+}
+
+void QMCommandOperation::main()
+{
+    if (isCancelled()) {
+        setFinished(true);
+        return;
+    }
+    setExecuting(true);
+    commandWillExecute();
+    // Signalled when the end has been handled. While it is in the loop the
+    // loop is never empty, and its signal ends the current slice at once
+    // rather than when the slice runs out.
+    const auto loop = platform::RunLoop::currentRunLoop();
+    const auto endHandled = platform::RunLoopSource::create([] {});
+    loop->addSource(endHandled, platform::NSDefaultRunLoopMode);
+    {
+        std::lock_guard lock(mutex_);
+        endHandled_ = endHandled;
+    }
+    try {
+        initializeTask();
+        registerObservers();
+        task()->launch();
+    } catch (...) {
+        // A program that cannot start is an outcome, not an error of ours.
+        loop->removeSource(endHandled, platform::NSDefaultRunLoopMode);
+        taskDidFailToLaunch();
+        return;
+    }
+    while (!isTaskTerminated()) {
+        if (!loop->runModeBeforeDate(platform::NSDefaultRunLoopMode,
+                                     platform::Date::now().dateByAddingTimeInterval(kPumpSlice))) {
+            break;
+        }
+    }
+    loop->removeSource(endHandled, platform::NSDefaultRunLoopMode);
+    operationDidFinish();
+}
+
+void QMCommandOperation::initializeTask()
+{
+    auto task = platform::Task::create();
+    auto errorPipe = platform::Pipe::create();
+    auto outputPipe = platform::Pipe::create();
+    if (!errorPipe || !outputPipe) {
+        platform::Exception::raise(platform::NSGenericException, "no descriptors left for the command's pipes");
+    }
+    std::lock_guard lock(mutex_);
+    task->setLaunchPath(launchPath_);
+    task->setArguments(arguments_);
+    task->setStandardInput(standardInput_ ? standardInput_ : platform::FileHandle::fileHandleWithNullDevice());
+    task->setStandardError(errorPipe);
+    task->setStandardOutput(outputPipe);
+    if (workingDirectory_) {
+        task->setCurrentDirectoryPath(workingDirectory_);
+    }
+    task->setEnvironment(environment_);
+    task_ = task;
+    output_.fileHandle = outputPipe->fileHandleForReading();
+    error_.fileHandle = errorPipe->fileHandleForReading();
+}
+
+void QMCommandOperation::registerObservers()
+{
+    const auto task = this->task();
+    PLATFORM_ASSERT(task != nullptr, "Task needs to be initialized before registering observers");
+    const auto self = std::static_pointer_cast<QMCommandOperation>(shared_from_this());
+    const std::weak_ptr<QMCommandOperation> weak = self;
+
+    {
+        std::lock_guard lock(readersMutex_);
+        readersActive_ = true;
+    }
+    for (const Stream stream : {Stream::Output, Stream::Error}) {
+        std::shared_ptr<platform::FileHandle> handle;
+        {
+            std::lock_guard lock(mutex_);
+            handle = stateOf(stream).fileHandle.lock();
+        }
+        if (handle) {
+            handle->setReadabilityHandler([weak, stream](platform::FileHandle& readable) {
+                if (const auto command = weak.lock()) {
+                    command->readabilityChanged(stream, readable);
+                }
+            });
+        }
+    }
+
+    auto token = platform::NotificationCenter::defaultCenter()->addObserverForName(
+        std::string(platform::NSTaskDidTerminateNotification), task, taskNotificationQueue_,
+        [weak](const platform::Notification& notification) {
+            if (const auto command = weak.lock()) {
+                command->taskDidTerminate(notification);
+            }
+        });
+    {
+        std::lock_guard lock(mutex_);
+        taskObserver_ = std::move(token);
+    }
+
+    addObserver(self, kCancelledKey, platform::NSKeyValueObservingOptionNew, &cancellationContext);
+    std::lock_guard lock(mutex_);
+    keyPathObservers_.emplace_back(kCancelledKey);
+}
+
+void QMCommandOperation::stopReaders()
+{
+    {
+        std::unique_lock lock(readersMutex_);
+        readersActive_ = false;
+        readersIdle_.wait(lock, [this] { return readersRunning_ == 0; });
+    }
+    for (const Stream stream : {Stream::Output, Stream::Error}) {
+        std::shared_ptr<platform::FileHandle> handle;
+        {
+            std::lock_guard lock(mutex_);
+            handle = stateOf(stream).fileHandle.lock();
+        }
+        if (handle) {
+            handle->setReadabilityHandler(nullptr);
+        }
+    }
+}
+
+void QMCommandOperation::unregisterObservers()
+{
+    stopReaders();
+    platform::ObjectRef token;
+    std::vector<std::string> keyPaths;
+    {
+        std::lock_guard lock(mutex_);
+        token = std::move(taskObserver_);
+        taskObserver_ = nullptr;
+        keyPaths.swap(keyPathObservers_);
+    }
+    if (token) {
+        platform::NotificationCenter::defaultCenter()->removeObserver(token);
+    }
+    for (const auto& keyPath : keyPaths) {
+        removeObserver(*this, keyPath, &cancellationContext);
+    }
+}
+
+void QMCommandOperation::readabilityChanged(Stream stream, platform::FileHandle& handle)
+{
+    {
+        std::lock_guard lock(readersMutex_);
+        if (!readersActive_) {
+            return;
+        }
+        ++readersRunning_;
+    }
+    Data chunk;
+    try {
+        chunk = handle.availableData();
+    } catch (...) {
+        chunk.clear();  // a failed read ends the stream like end of file
+    }
+    if (chunk.empty()) {
+        handle.setReadabilityHandler(nullptr);
+    }
+    const auto self = std::static_pointer_cast<QMCommandOperation>(shared_from_this());
+    performBlock(*fileHandleNotificationQueue_, [self, stream, chunk = std::move(chunk)] { self->appendData(stream, chunk); });
+    std::lock_guard lock(readersMutex_);
+    --readersRunning_;
+    readersIdle_.notify_all();
+}
+
+template <typename Call>
+void QMCommandOperation::tellDelegate(Call call)
+{
+    if (const auto delegate = this->delegate().lock()) {
+        call(*delegate);
+    }
+}
+
+void QMCommandOperation::appendData(Stream stream, const Data& data)
+{
+    if (!data.empty()) {
+        {
+            std::lock_guard lock(mutex_);
+            auto& buffer = stateOf(stream).buffer;
+            buffer.insert(buffer.end(), data.begin(), data.end());
+        }
+        tellDelegate([&](QMCommandOperationDelegate& delegate) {
+            if (stream == Stream::Output) {
+                delegate.commandDidReceiveStandardOutputData(*this, data);
+            } else {
+                delegate.commandDidReceiveStandardErrorData(*this, data);
+            }
+        });
+        return;
+    }
+    std::shared_ptr<platform::FileHandle> handle;
+    {
+        std::lock_guard lock(mutex_);
+        auto& state = stateOf(stream);
+        state.closed = true;
+        handle = state.fileHandle.lock();
+    }
+    if (handle) {
+        handle->setReadabilityHandler(nullptr);
+        handle->closeFile();
+    }
+}
+
+void QMCommandOperation::appendStandardOutputData(const Data& data)
+{
+    appendData(Stream::Output, data);
+}
+
+void QMCommandOperation::appendStandardErrorData(const Data& data)
+{
+    appendData(Stream::Error, data);
+}
+
+void QMCommandOperation::readRestOf(Stream stream)
+{
+    std::shared_ptr<platform::FileHandle> handle;
+    {
+        std::lock_guard lock(mutex_);
+        const auto& state = stateOf(stream);
+        if (state.closed) {
+            return;
+        }
+        handle = state.fileHandle.lock();
+    }
+    Data rest;
+    if (handle) {
+        try {
+            rest = handle->readDataToEndOfFile();
+        } catch (...) {
+            rest.clear();
+        }
+    }
+    appendData(stream, rest);
+}
+
+void QMCommandOperation::taskDidTerminate(const platform::Notification& notification)
+{
+    static_cast<void>(notification);
+    unregisterObservers();
+    // Chunks already handed over go first, then whatever is left in the pipes.
+    fileHandleNotificationQueue_->waitUntilAllOperationsAreFinished();
+    const auto self = std::static_pointer_cast<QMCommandOperation>(shared_from_this());
+    performBlock(*fileHandleNotificationQueue_, [self] { self->readRestOf(Stream::Output); });
+    performBlock(*fileHandleNotificationQueue_, [self] { self->readRestOf(Stream::Error); });
+    fileHandleNotificationQueue_->waitUntilAllOperationsAreFinished();
+
+    platform::RunLoopSourceRef endHandled;
+    {
+        std::lock_guard lock(mutex_);
+        standardOutputData_ = std::exchange(output_.buffer, Data());
+        standardErrorData_ = std::exchange(error_.buffer, Data());
+        exitCode_ = task_ ? task_->terminationStatus() : exitCode_;
+        endHandled = endHandled_;
+    }
+    taskTerminated_.store(true);
+    if (endHandled) {
+        endHandled->signal();
+    }
+}
+
+void QMCommandOperation::taskDidFailToLaunch()
+{
+    unregisterObservers();
+    finishOperation();
+    {
+        std::lock_guard lock(mutex_);
+        exitCode_ = -1;
+    }
+    commandDidFailToLaunch();
+    tellDelegate([&](QMCommandOperationDelegate& delegate) { delegate.commandDidFailToLaunch(*this); });
+}
+
+void QMCommandOperation::observeValueForKeyPath(const std::string& keyPath, const platform::ObjectRef& object,
+                                                const Dictionary& change, void* context)
+{
+    if (context != &cancellationContext) {
+        Operation::observeValueForKeyPath(keyPath, object, change, context);
+        return;
+    }
+    if (keyPath == kCancelledKey && change.get(platform::NSKeyValueChangeNewKey).boolValue().value_or(false)) {
+        operationDidCancel();
+    }
+}
+
+void QMCommandOperation::operationDidCancel()
+{
+    if (const auto task = this->task(); task && task->isRunning()) {
+        task->interrupt();
+    }
+}
+
+void QMCommandOperation::operationDidFinish()
+{
+    finishOperation();
+    commandDidTerminate();
+    tellDelegate([&](QMCommandOperationDelegate& delegate) { delegate.commandDidTerminate(*this); });
+}
+
+void QMCommandOperation::finishOperation()
+{
+    {
+        std::lock_guard lock(mutex_);
+        task_.reset();
+    }
+    setExecuting(false);
+    setFinished(true);
+}

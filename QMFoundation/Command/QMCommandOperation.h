@@ -1,0 +1,244 @@
+// QMCommandOperation: one external program run as an operation, its output
+// collected while it runs and handed to a delegate, its exit code recorded.
+//
+//   platform::ErrorRef error;
+//   if (!QMCommandOperation::runCommandWithLaunchPath("/bin/ln", {"-s", target, link}, &error)) {
+//       ... error->code() is the exit code, its failure reason the program's standard error ...
+//   }
+//
+// Contract (what runs where, in which order):
+// - The operation is not concurrent: `main` runs on the thread that called
+//   `start` (the caller's for the synchronous class operations, a worker of
+//   an operation queue otherwise) and blocks it until the program has ended,
+//   running that thread's run loop in the default mode in slices of at most
+//   0.01 seconds (the program's end is announced through that loop).
+// - Chunks of both streams are appended and passed to the delegate on the
+//   operation's serial `fileHandleNotificationQueue`, one at a time, in the
+//   order they were read.
+// - The end is handled on the serial `taskNotificationQueue`: the readers are
+//   stopped, every chunk already read is delivered, the rest of each stream
+//   is read to its end and delivered, the data properties are set, then the
+//   exit code; only then is the end flag raised. So every data callback
+//   comes before `commandDidTerminate:`, and no byte is lost or reordered.
+// - `commandDidTerminate:` and `commandDidFailToLaunch:` run on the
+//   operation's own thread, after the operation has finished; exactly one of
+//   them is sent, unless the operation was cancelled before it began (then
+//   neither, and no hook runs).
+// - Cancelling while the program runs interrupts it (SIGINT); the end then
+//   follows the usual path with the status the program reports.
+// - State changes are announced under the keys "executingValue" and
+//   "finishedValue", never under "isExecuting" or "isFinished".
+// - Not promised: how output is cut into chunks.
+#pragma once
+
+#include "Platform/Foundation/Error.h"
+#include "Platform/Foundation/FileHandle.h"
+#include "Platform/Foundation/NotificationCenter.h"
+#include "Platform/Foundation/Operation.h"
+#include "Platform/Foundation/OperationQueue.h"
+#include "Platform/Foundation/Pipe.h"
+#include "Platform/Foundation/RunLoop.h"
+#include "Platform/Foundation/Task.h"
+#include "Platform/Foundation/Value.h"
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+class QMCommandOperation;
+
+// The delegate of a command. Every method is optional (an empty default).
+// The two data methods share the selector's first keyword, so their C++ names
+// keep the second one as well.
+class QMCommandOperationDelegate {
+public:
+    virtual ~QMCommandOperationDelegate() = default;
+
+    virtual void commandDidFailToLaunch(QMCommandOperation& command) { static_cast<void>(command); }
+    virtual void commandDidTerminate(QMCommandOperation& command) { static_cast<void>(command); }
+    virtual void commandDidReceiveStandardOutputData(QMCommandOperation& command, const platform::Data& data)
+    {
+        static_cast<void>(command);
+        static_cast<void>(data);
+    }
+    virtual void commandDidReceiveStandardErrorData(QMCommandOperation& command, const platform::Data& data)
+    {
+        static_cast<void>(command);
+        static_cast<void>(data);
+    }
+};
+
+class QMCommandOperation : public platform::Operation {
+public:
+    using Delegate = std::weak_ptr<QMCommandOperationDelegate>;
+    using Arguments = std::vector<std::string>;
+
+    ~QMCommandOperation() override;
+
+    // Creation. A missing launch path fails the parameter assertion
+    // "launchPath != nil"; `create()` gives none and so always fails it.
+    static std::shared_ptr<QMCommandOperation> create();
+    static std::shared_ptr<QMCommandOperation> create(std::optional<std::string> launchPath,
+                                                      std::optional<std::string> workingDirectory, Arguments arguments,
+                                                      Delegate delegate = {});
+    static std::shared_ptr<QMCommandOperation> commandWithLaunchPath(std::optional<std::string> launchPath,
+                                                                     Arguments arguments, Delegate delegate = {});
+    static std::shared_ptr<QMCommandOperation> commandWithLaunchPath(std::optional<std::string> launchPath,
+                                                                     std::optional<std::string> workingDirectory,
+                                                                     Arguments arguments, Delegate delegate = {});
+
+    // Runs the command on the calling thread; true when it exited with 0.
+    // Otherwise the error (domain "QMCommandOperation", code = exit code, -1
+    // when it could not start) carries the program's standard error as its
+    // failure reason when that is UTF-8.
+    static bool runCommandWithLaunchPath(const std::string& launchPath, Arguments arguments,
+                                         platform::ErrorRef* error = nullptr);
+    static bool runCommandWithLaunchPath(const std::string& launchPath, std::optional<std::string> workingDirectory,
+                                         Arguments arguments, platform::ErrorRef* error = nullptr);
+
+    // --- Properties
+    Delegate delegate() const;
+    void setDelegate(Delegate delegate);
+    std::string identifier() const;
+    void setIdentifier(std::string identifier);
+    std::optional<std::string> launchPath() const;
+    void setLaunchPath(std::optional<std::string> launchPath);
+    std::optional<std::string> workingDirectory() const;
+    void setWorkingDirectory(std::optional<std::string> workingDirectory);
+    // Kept, but the run loop is always run in the default mode.
+    std::vector<std::string> modes() const;
+    void setModes(std::vector<std::string> modes);
+    Arguments arguments() const;
+    void setArguments(Arguments arguments);
+    // At creation, a copy of this process's environment.
+    platform::Dictionary environment() const;
+    void setEnvironment(platform::Dictionary environment);
+    // A FileHandle or Pipe for the program's input; nothing: the null device.
+    platform::ObjectRef standardInput() const;
+    void setStandardInput(platform::ObjectRef standardInput);
+    // Kept, but the program always gets fresh pipes of its own.
+    platform::PipeRef standardOutput() const;
+    void setStandardOutput(platform::PipeRef pipe);
+    platform::PipeRef standardError() const;
+    void setStandardError(platform::PipeRef pipe);
+
+    // Set once the program has ended; nothing before.
+    std::optional<platform::Data> standardOutputData() const;
+    std::optional<platform::Data> standardErrorData() const;
+    // The termination status, -1 after a failed launch, 0 before the end.
+    std::int64_t exitCode() const;
+    platform::TaskRef task() const;
+    platform::Data standardOutputBuffer() const;
+    platform::Data standardErrorBuffer() const;
+    bool isStandardOutputClosed() const;
+    bool isStandardErrorClosed() const;
+    bool isTaskTerminated() const { return taskTerminated_.load(); }
+    std::vector<std::string> keyPathObservers() const;
+    bool executingValue() const { return executingValue_.load(); }
+    bool finishedValue() const { return finishedValue_.load(); }
+    platform::FileHandleRef standardOutputFileHandle() const;
+    platform::FileHandleRef standardErrorFileHandle() const;
+    const platform::OperationQueueRef& taskNotificationQueue() const { return taskNotificationQueue_; }
+    const platform::OperationQueueRef& fileHandleNotificationQueue() const { return fileHandleNotificationQueue_; }
+    platform::ObjectRef taskObserver() const;
+
+    // --- Other operations
+    // Replaces the environment by a copy with `name` set to `value`.
+    void setValue(const std::string& value, const std::string& forEnvironmentVariable);
+    // "launchPath arg1 arg2 ..." (with a trailing blank when there are no arguments).
+    std::string commandCall() const;
+    std::string description() const override;
+
+    // --- Operation
+    void start() override;
+    void main() override;
+    bool isExecuting() const override { return executingValue(); }
+    bool isFinished() const override { return finishedValue(); }
+    const platform::PropertyTable& propertyTable() const override;
+    bool automaticallyNotifiesObserversForKey(std::string_view key) const override;
+    void observeValueForKeyPath(const std::string& keyPath, const platform::ObjectRef& object,
+                                const platform::Dictionary& change, void* context) override;
+
+protected:
+    QMCommandOperation(std::optional<std::string> launchPath, std::optional<std::string> workingDirectory,
+                       Arguments arguments, Delegate delegate);
+
+    // Hooks for subclasses; empty here.
+    virtual void commandWillExecute() {}
+    virtual void commandDidFailToLaunch() {}
+    virtual void commandDidTerminate() {}
+
+    void setExecuting(bool executing);
+    void setFinished(bool finished);
+    void setExecutingValue(bool executing);
+    void setFinishedValue(bool finished);
+
+    // The steps of a run, in the order `main` takes them.
+    void initializeTask();
+    void registerObservers();
+    void unregisterObservers();
+    void taskDidTerminate(const platform::Notification& notification);
+    void taskDidFailToLaunch();
+    void operationDidCancel();
+    void operationDidFinish();
+    void finishOperation();
+    void appendStandardOutputData(const platform::Data& data);
+    void appendStandardErrorData(const platform::Data& data);
+
+private:
+    enum class Stream { Output, Error };
+    struct StreamState {
+        platform::Data buffer;
+        bool closed = false;
+        std::weak_ptr<platform::FileHandle> fileHandle;
+    };
+
+    StreamState& stateOf(Stream stream) { return stream == Stream::Output ? output_ : error_; }
+    void appendData(Stream stream, const platform::Data& data);
+    void readabilityChanged(Stream stream, platform::FileHandle& handle);
+    void readRestOf(Stream stream);
+    void stopReaders();
+    template <typename Call>
+    void tellDelegate(Call call);
+
+    mutable std::mutex mutex_;  // guards the plain fields below
+    Delegate delegate_;
+    std::string identifier_;
+    std::optional<std::string> launchPath_;
+    std::optional<std::string> workingDirectory_;
+    std::vector<std::string> modes_;
+    Arguments arguments_;
+    platform::Dictionary environment_;
+    platform::ObjectRef standardInput_;
+    platform::PipeRef standardOutput_;
+    platform::PipeRef standardError_;
+    std::optional<platform::Data> standardOutputData_;
+    std::optional<platform::Data> standardErrorData_;
+    std::int64_t exitCode_ = 0;
+    platform::TaskRef task_;
+    StreamState output_;
+    StreamState error_;
+    std::vector<std::string> keyPathObservers_;
+    platform::ObjectRef taskObserver_;
+    platform::RunLoopSourceRef endHandled_;
+
+    // Readability handlers that are reading now, and whether they may start:
+    // stopping the readers waits for the running ones, so that no chunk is
+    // handed over after the end handling has begun.
+    std::mutex readersMutex_;
+    std::condition_variable readersIdle_;
+    bool readersActive_ = false;
+    int readersRunning_ = 0;
+
+    std::atomic<bool> taskTerminated_{false};
+    std::atomic<bool> executingValue_{false};
+    std::atomic<bool> finishedValue_{false};
+    const platform::OperationQueueRef taskNotificationQueue_;
+    const platform::OperationQueueRef fileHandleNotificationQueue_;
+};
