@@ -39,16 +39,8 @@ QMGenericPasswordKeychainItemRef QMGenericPasswordKeychainItem::findGenericPassw
 std::optional<std::vector<QMGenericPasswordKeychainItemRef>>
 QMGenericPasswordKeychainItem::findAllGenericPasswordItemsInKeychain(const QMKeychainRef& keychain, ErrorRef* error)
 {
-    const auto found =
-        findAllKeychainItemsWithAttributes(Dictionary{{kSecClass, keychainItemTypeRef()}}, keychain, error);
-    if (!found) {
-        return std::nullopt;
-    }
-    std::vector<QMGenericPasswordKeychainItemRef> items;
-    for (const auto& attributes : *found) {
-        items.push_back(create(keychain, attributes));
-    }
-    return items;
+    return itemsWithAttributes(
+        findAllKeychainItemsWithAttributes(Dictionary{{kSecClass, keychainItemTypeRef()}}, keychain, error), keychain);
 }
 
 QMGenericPasswordKeychainItemRef QMGenericPasswordKeychainItem::genericPasswordItemWithKeychain(

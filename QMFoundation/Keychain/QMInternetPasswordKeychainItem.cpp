@@ -119,15 +119,7 @@ std::optional<std::vector<QMInternetPasswordKeychainItemRef>>
 QMInternetPasswordKeychainItem::findAllInternetPasswordsForURL(const std::optional<URL>& url,
                                                                const QMKeychainRef& keychain, ErrorRef* error)
 {
-    const auto found = findAllKeychainItemsWithAttributes(attributesForURL(url), keychain, error);
-    if (!found) {
-        return std::nullopt;
-    }
-    std::vector<QMInternetPasswordKeychainItemRef> items;
-    for (const auto& attributes : *found) {
-        items.push_back(create(keychain, attributes));
-    }
-    return items;
+    return itemsWithAttributes(findAllKeychainItemsWithAttributes(attributesForURL(url), keychain, error), keychain);
 }
 
 QMInternetPasswordKeychainItemRef QMInternetPasswordKeychainItem::internetPasswordWithKeychain(

@@ -13,6 +13,7 @@
 
 #include "QMFoundation/Keychain/QMKeychainItem.h"
 
+#include <memory>
 #include <optional>
 #include <vector>
 
@@ -49,4 +50,19 @@ public:
 
 protected:
     using Base::Base;
+
+    // One entry of this class per attribute dictionary found, for the
+    // find-all operations; nothing when the find failed.
+    static std::optional<std::vector<std::shared_ptr<Item>>> itemsWithAttributes(
+        const std::optional<std::vector<platform::Dictionary>>& found, const QMKeychainRef& keychain)
+    {
+        if (!found) {
+            return std::nullopt;
+        }
+        std::vector<std::shared_ptr<Item>> items;
+        for (const auto& attributes : *found) {
+            items.push_back(Item::create(keychain, attributes));
+        }
+        return items;
+    }
 };
