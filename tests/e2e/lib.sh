@@ -16,6 +16,10 @@ e2e_say() { printf '%s: %s\n' "$E2E_NAME" "$*"; }
 e2e_fail() {
   printf '%s: FAIL: %s\n' "$E2E_NAME" "$*" >&2
   local log
+  if [[ -s ${ZARVO_E2E_RECORD:-} ]]; then
+    printf -- '--- questions put to the responder (status, answer bytes, prompt)\n' >&2
+    cut -f1,4,6 "$ZARVO_E2E_RECORD" >&2
+  fi
   for log in "${E2E_LOGS[@]}"; do
     if [[ -s $log ]]; then
       printf -- '--- last lines of %s\n' "${log#"$E2E_TMP"/}" >&2

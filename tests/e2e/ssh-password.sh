@@ -80,6 +80,14 @@ e2e_ssh() {
     "$account@127.0.0.1" "$2" </dev/null >"$E2E_TMP/ssh.out" 2>"$E2E_TMP/ssh.err"
 }
 
+# expect_ssh_failure KNOWN_HOSTS MESSAGE: ssh gives up (status 255) saying MESSAGE.
+expect_ssh_failure() {
+  local status=0
+  e2e_ssh "$1" true || status=$?
+  e2e_expect_eq "$status" 255 "exit status of ssh that should stop with '$2'"
+  grep -q "$2" "$E2E_TMP/ssh.err" || e2e_fail "ssh did not say '$2': $(cat "$E2E_TMP/ssh.err")"
+}
+
 e2e_store_internet_password "ssh://$account@127.0.0.1" "$account_secret"
 
 # --- logging in with the stored password ---------------------------------------
@@ -96,11 +104,7 @@ e2e_say "ok: ssh logs in as $account with the password stored for ssh://$account
 # --- a wrong stored password -------------------------------------------------------
 e2e_store_internet_password "ssh://$account@127.0.0.1" "stale-$account_secret" -U
 e2e_record_start wrong-password
-status=0
-e2e_ssh "$known_hosts" true || status=$?
-e2e_expect_eq "$status" 255 "exit status of ssh with a wrong password"
-grep -q "Permission denied" "$E2E_TMP/ssh.err" ||
-  e2e_fail "ssh did not report a refused login: $(cat "$E2E_TMP/ssh.err")"
+expect_ssh_failure "$known_hosts" "Permission denied"
 e2e_expect_calls 1
 e2e_expect_answer 1 "$account@127.0.0.1's password: " "stale-$account_secret"
 e2e_say "ok: a wrong stored password is refused cleanly"
@@ -109,11 +113,7 @@ e2e_say "ok: a wrong stored password is refused cleanly"
 # Not answered, so ssh gives up before any password is asked.
 e2e_record_start unknown-host
 : >"$E2E_TMP/empty_known_hosts"
-status=0
-e2e_ssh "$E2E_TMP/empty_known_hosts" true || status=$?
-e2e_expect_eq "$status" 255 "exit status of ssh for an unknown host key"
-grep -q "Host key verification failed" "$E2E_TMP/ssh.err" ||
-  e2e_fail "ssh did not stop at the host key: $(cat "$E2E_TMP/ssh.err")"
+expect_ssh_failure "$E2E_TMP/empty_known_hosts" "Host key verification failed"
 e2e_expect_calls 1
 e2e_expect_answer 1 "*(yes/no/\[fingerprint\])*" ""
 [[ ! -s $E2E_TMP/empty_known_hosts ]] || e2e_fail "the unknown host key was written to known_hosts"
