@@ -102,18 +102,29 @@ public:
     std::string className() const override { return "QMArrayComparator"; }
 
 private:
+    // An array with the equality fingerprints of its elements, so that scans
+    // by equality compare 64-bit numbers first (QMEqualityFingerprint.h).
+    struct Fingerprinted {
+        const platform::Array& values;
+        const std::vector<std::uint64_t>& fingerprints;
+    };
+
     struct MoveRecord {
         platform::Value object;
+        std::uint64_t fingerprint;
         std::uint64_t distance;
         std::size_t finalIndex;
     };
 
     QMArrayComparator(platform::Array leftArray, platform::Array rightArray, Comparator comparator);
 
-    std::size_t indexIn(const platform::Value& object, const platform::Array& array, std::size_t concurrency) const;
-    std::vector<MoveRecord> moveRecords(const platform::Array& current, const platform::Array& final) const;
+    // The lowest index of `array` whose element denotes `object`, searched by
+    // `concurrency` threads; `array.size()` when none does.
+    std::size_t indexIn(const platform::Value& object, std::uint64_t fingerprint, const Fingerprinted& array,
+                        std::size_t concurrency) const;
+    std::vector<MoveRecord> moveRecords(const Fingerprinted& current, const Fingerprinted& final) const;
     // Per element of `elements`: whether `among` holds an equal one.
-    std::vector<char> membership(const platform::Array& elements, const platform::Array& among) const;
+    std::vector<char> membership(const Fingerprinted& elements, const Fingerprinted& among) const;
 
     platform::Array leftArray_;
     platform::Array rightArray_;

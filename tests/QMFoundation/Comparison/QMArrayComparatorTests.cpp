@@ -2,6 +2,9 @@
 #include "QMFoundation/Comparison/NSIndexPath+QMArraySupport.h"
 #include "QMFoundation/Comparison/NSMutableArray+QMMoving.h"
 #include "QMFoundation/Comparison/QMArrayComparator.h"
+#include "QMFoundation/Comparison/QMEqualityFingerprint.h"
+
+#include "Platform/Foundation/Error.h"
 
 #include "tests/Support/AssertionCapture.h"
 
@@ -94,6 +97,37 @@ TEST(QMArrayComparator, FindsRemovalsInsertionsAndMoves)
         EXPECT_EQ(result.moves, testCase.moves) << testCase.left << " -> " << testCase.right;
         EXPECT_EQ(replay(left, right, result), right) << testCase.left << " -> " << testCase.right;
     }
+}
+
+// Scans compare fingerprints before values, so values that are equal must
+// fingerprint alike, whatever their kind.
+TEST(QMArrayComparator, MatchesEqualValuesOfEveryKind)
+{
+    const std::pair<Value, Value> equalPairs[] = {
+        {1, 1.0},
+        {true, 1},
+        {0, -0.0},
+        {false, 0.0},
+        {std::int64_t{1} << 53, static_cast<double>(std::int64_t{1} << 53)},
+        {"text", std::string("text")},
+        {platform::Date(0.0), platform::Date(-0.0)},
+        {Array{1, "a"}, Array{1.0, "a"}},
+        {Dictionary{{"a", 1}, {"b", 2}}, Dictionary{{"b", 2.0}, {"a", true}}},
+        {platform::Set{1, 2}, platform::Set{2, 1}},
+        {Value::null(), Value::null()},
+        {platform::Error::create("d", 3), platform::Error::create("d", 3)},
+    };
+    for (const auto& [left, right] : equalPairs) {
+        ASSERT_EQ(left, right) << left.description();
+        EXPECT_EQ(equalityFingerprint(left), equalityFingerprint(right)) << left.description();
+        const auto result = compare(Array{"x", left}, Array{right, "x"});
+        EXPECT_TRUE(result.removed.empty()) << left.description();
+        EXPECT_TRUE(result.inserted.empty()) << left.description();
+        EXPECT_EQ(result.moves, (std::vector<QMArrayMove>{{0, 1}})) << left.description();
+    }
+    // Equal fingerprints alone do not make values equal.
+    EXPECT_EQ(equalityFingerprint(Array{1}), equalityFingerprint(Array{2}));
+    EXPECT_EQ(compare(Array{Array{1}}, Array{Array{2}}).removed, (IndexSet{0}));
 }
 
 TEST(QMArrayComparator, RaisesWhenDuplicatesDoNotPairUp)
