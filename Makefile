@@ -4,7 +4,7 @@ BUILD_DIR ?= build
 CHECK_DIR ?= build-check
 TSAN_DIR ?= build-tsan
 
-.PHONY: deps build demo check check-tsan bench clean
+.PHONY: deps build demo check check-tsan bench fuzz clean
 
 deps:
 	scripts/install-deps
@@ -30,6 +30,12 @@ check-tsan: deps
 
 bench: build
 	scripts/bench $(BUILD_DIR)/bin
+
+# libFuzzer targets (clang) in their own build directory, each run for
+# FUZZ_SECONDS; not part of `check`.
+FUZZ_SECONDS ?= 60
+fuzz:
+	scripts/fuzz $(FUZZ_SECONDS)
 
 clean:
 	rm -rf $(BUILD_DIR) $(CHECK_DIR) $(TSAN_DIR)
