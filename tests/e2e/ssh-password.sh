@@ -56,8 +56,9 @@ Subsystem sftp internal-sftp
 LogLevel VERBOSE
 EOF
 # sshd refuses to start without its privilege separation folder; a container
-# that never ran the ssh service lacks it.
-[[ -d /run/sshd ]] || { mkdir -m 0755 /run/sshd && e2e_on_exit "rmdir /run/sshd"; }
+# that never ran the ssh service lacks it. It stays: another sshd (another run
+# of this test) may be using it by the time this one ends.
+[[ -d /run/sshd ]] || mkdir -p /run/sshd
 /usr/sbin/sshd -t -f "$sshd_dir/sshd_config" || e2e_fail "sshd rejects the test configuration"
 e2e_start_sshd "$sshd_dir/sshd_config"
 
