@@ -18,6 +18,17 @@ constexpr const char* kAssertionSourceFile = "Platform/Dispatch/DispatchQueue";
 // busy main queue does not starve the loop's other sources.
 constexpr int kMainQueueBatch = 32;
 
+// How long a drainer that ran out of work keeps looking before it lets the
+// queue go idle (each spin is one pause instruction).
+constexpr int kIdleSpins = 256;
+
+inline void spinPause()
+{
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_ia32_pause();
+#endif
+}
+
 // The queues the calling thread runs, innermost first; frames live on the stack.
 struct QueueFrame {
     const DispatchQueue* queue;
@@ -58,6 +69,90 @@ struct DispatchQueue::Node {
     std::atomic<Node*> next{nullptr};
     std::function<void()> block;
     std::shared_ptr<SyncWaiter> waiter;
+};
+
+// Nodes are recycled instead of freed: the producers allocate them and the
+// drainer releases them, always on different threads, which is the one
+// pattern per-thread allocator caches do not help with. The drainer returns
+// them in batches to one shared stack; a producer takes the whole stack at
+// once (so there is no ABA problem) into a cache of its own.
+struct DispatchQueue::NodePool {
+    static constexpr int kMaximumShared = 65536;
+
+    struct Cache {
+        Node* head = nullptr;
+        ~Cache()
+        {
+            while (Node* node = head) {
+                head = node->next.load(std::memory_order_relaxed);
+                delete node;
+            }
+        }
+    };
+
+    static inline std::atomic<Node*> shared{nullptr};
+    static inline std::atomic<int> sharedCount{0};  // approximate: bounds what the stack keeps
+
+    static Node* take()
+    {
+        thread_local Cache cache;
+        if (cache.head == nullptr) {
+            cache.head = shared.exchange(nullptr, std::memory_order_acquire);
+            sharedCount.store(0, std::memory_order_relaxed);
+        }
+        if (Node* node = cache.head) {
+            cache.head = node->next.load(std::memory_order_relaxed);
+            node->next.store(nullptr, std::memory_order_relaxed);
+            return node;
+        }
+        return new Node;
+    }
+
+    static void give(Node* first, Node* last, int count)
+    {
+        if (sharedCount.load(std::memory_order_relaxed) + count > kMaximumShared) {
+            for (Node* node = first; node != nullptr;) {
+                Node* next = node == last ? nullptr : node->next.load(std::memory_order_relaxed);
+                delete node;
+                node = next;
+            }
+            return;
+        }
+        sharedCount.fetch_add(count, std::memory_order_relaxed);
+        Node* head = shared.load(std::memory_order_relaxed);
+        do {
+            last->next.store(head, std::memory_order_relaxed);
+        } while (!shared.compare_exchange_weak(head, first, std::memory_order_release, std::memory_order_relaxed));
+    }
+};
+
+// The nodes one drain has finished with, handed back to the pool in batches.
+struct DispatchQueue::Retired {
+    static constexpr int kBatch = 64;
+    Node* first = nullptr;
+    Node* last = nullptr;
+    int count = 0;
+
+    void add(Node* node)
+    {
+        node->next.store(first, std::memory_order_relaxed);
+        first = node;
+        if (last == nullptr) {
+            last = node;
+        }
+        if (++count == kBatch) {
+            flush();
+        }
+    }
+    void flush()
+    {
+        if (count > 0) {
+            NodePool::give(first, last, count);
+        }
+        first = last = nullptr;
+        count = 0;
+    }
+    ~Retired() { flush(); }
 };
 
 // The hand-over between the draining thread and a synchronous caller: the
@@ -112,16 +207,13 @@ void DispatchQueue::push(Node* node)
     previous->next.store(node, std::memory_order_release);
 }
 
-DispatchQueue::Node* DispatchQueue::pop()
+DispatchQueue::Node* DispatchQueue::tryPop(Retired& retired)
 {
-    // Called only while a block is known to be pending; a producer may be
-    // between swapping itself in and linking, which takes a few instructions.
     Node* next = head_->next.load(std::memory_order_acquire);
-    while (next == nullptr) {
-        std::this_thread::yield();
-        next = head_->next.load(std::memory_order_acquire);
+    if (next == nullptr) {
+        return nullptr;
     }
-    delete head_;
+    retired.add(head_);
     head_ = next;  // `next` becomes the stub; its payload is taken by the caller
     return next;
 }
@@ -129,10 +221,13 @@ DispatchQueue::Node* DispatchQueue::pop()
 void DispatchQueue::async(std::function<void()> block)
 {
     PLATFORM_PARAMETER_ASSERT(block != nullptr, "block != NULL");
-    auto* node = new Node;
+    auto* node = NodePool::take();
     node->block = std::move(block);
+    // Counted before it is linked, so the drainer never runs a block that
+    // `pending_` does not include yet.
+    const bool wasIdle = pending_.fetch_add(1, std::memory_order_acq_rel) == 0;
     push(node);
-    if (pending_.fetch_add(1, std::memory_order_acq_rel) == 0) {
+    if (wasIdle) {
         scheduleDrain();
     }
 }
@@ -158,12 +253,36 @@ void DispatchQueue::scheduleDrain()
 void DispatchQueue::drain()
 {
     QueueScope scope(this);
+    Retired retired;
+    // Finished blocks are counted off `pending_` in batches, when the list
+    // looks empty, so that the producers' counter is not bounced between
+    // threads once per block.
+    std::int64_t finished = 0;
     for (int ran = 0;; ++ran) {
         if (isMain_ && ran == kMainQueueBatch) {
+            pending_.fetch_sub(finished, std::memory_order_acq_rel);
             scheduleDrain();  // still owned: the next batch continues in a later pass of the loop
             return;
         }
-        Node* node = pop();
+        Node* node = tryPop(retired);
+        if (node == nullptr) {
+            // Before letting go, look for new work a little while: a producer
+            // in full flow submits again within microseconds, and keeping the
+            // queue spares it handing the queue to a parked thread again.
+            for (int spin = 0; spin < kIdleSpins && pending_.load(std::memory_order_acquire) == finished; ++spin) {
+                spinPause();
+            }
+            if (pending_.fetch_sub(finished, std::memory_order_acq_rel) == finished) {
+                return;  // nothing was submitted meanwhile: the queue is idle
+            }
+            // A producer has counted its block but may not have linked it yet;
+            // it is a few instructions away.
+            finished = 0;
+            if (head_->next.load(std::memory_order_acquire) == nullptr) {
+                std::this_thread::yield();
+            }
+            continue;
+        }
         if (node->waiter != nullptr) {
             const auto waiter = std::move(node->waiter);
             node->waiter = nullptr;
@@ -174,9 +293,7 @@ void DispatchQueue::drain()
             node->block = nullptr;
             block();
         }
-        if (pending_.fetch_sub(1, std::memory_order_acq_rel) == 1) {
-            return;
-        }
+        ++finished;
     }
 }
 
@@ -217,10 +334,11 @@ void DispatchQueue::syncInvoke(void (*function)(void*), void* context)
         return;
     }
 
-    auto* node = new Node;
+    auto* node = NodePool::take();
     node->waiter = waiter;
+    const bool wasIdle = pending_.fetch_add(1, std::memory_order_acq_rel) == 0;
     push(node);
-    if (pending_.fetch_add(1, std::memory_order_acq_rel) == 0) {
+    if (wasIdle) {
         scheduleDrain();
     }
     waiter->turn.acquire();

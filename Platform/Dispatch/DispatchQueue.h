@@ -85,12 +85,14 @@ public:
 
 private:
     struct Node;
+    struct NodePool;
+    struct Retired;
     struct SyncWaiter;
     DispatchQueue(std::string label, bool isMain);
 
     void syncInvoke(void (*function)(void*), void* context);
     void push(Node* node);
-    Node* pop();
+    Node* tryPop(Retired& retired);
     void scheduleDrain();
     void drain();
 
@@ -99,14 +101,15 @@ private:
 
     // A lock-free multi-producer, single-consumer list: producers swap
     // themselves in at `tail_`; only the draining thread touches `head_`.
-    std::atomic<Node*> tail_;
-    Node* head_;
+    // The producers' fields and the drainer's live on separate cache lines.
+    alignas(64) std::atomic<Node*> tail_;
     // Blocks submitted and not yet finished, plus one for a caller running a
     // block synchronously on an idle queue. Whoever raises it from zero owns
     // the queue and must see it drained.
     std::atomic<std::int64_t> pending_{0};
+    alignas(64) Node* head_;
 
-    mutable std::mutex specificsMutex_;  // guards `specifics_`
+    alignas(64) mutable std::mutex specificsMutex_;  // guards `specifics_`
     std::vector<std::pair<const void*, void*>> specifics_;
 };
 

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <chrono>
 #include <thread>
+#include <utility>
 
 namespace platform {
 namespace {
@@ -29,6 +30,16 @@ public:
 private:
     OperationQueue* previous_;
 };
+
+// A queue's job on this thread. When one of its operations ends there, the
+// queue's next operation is handed back to the job instead of to another
+// thread: a serial queue's chain of work then runs without a hand-over.
+struct Continuation {
+    const OperationQueue* queue;
+    OperationRef next;
+    bool accepting = false;  // only while the ending operation is being accounted for
+};
+thread_local Continuation* currentContinuation = nullptr;
 
 [[noreturn]] void raiseNotEnqueued(const char* problem)
 {
@@ -192,7 +203,12 @@ void OperationQueue::schedule()
         }
         self = keepAlive_;
     }
+    Continuation* continuation = currentContinuation;
     for (auto& operation : startable) {
+        if (continuation != nullptr && continuation->queue == this && continuation->accepting && !continuation->next) {
+            continuation->next = std::move(operation);
+            continue;
+        }
         auto job = [self, operation = std::move(operation)] { self->run(operation); };
         if (isMain_) {
             RunLoop::mainRunLoop()->performBlock(std::move(job));
@@ -205,9 +221,16 @@ void OperationQueue::schedule()
 void OperationQueue::run(const OperationRef& operation)
 {
     CurrentQueueScope scope(this);
-    operation->start();
-    // A concurrent operation may have ended inside `start` without saying so.
-    operation->completeIfEnded();
+    Continuation continuation{this, operation};
+    Continuation* const outer = std::exchange(currentContinuation, &continuation);
+    while (continuation.next) {
+        const OperationRef current = std::move(continuation.next);
+        continuation.next = nullptr;
+        current->start();
+        // A concurrent operation may have ended inside `start` without saying so.
+        current->completeIfEnded();
+    }
+    currentContinuation = outer;
 }
 
 void OperationQueue::operationDidEnd(const Operation& operation)
@@ -222,7 +245,15 @@ void OperationQueue::operationDidEnd(const Operation& operation)
         }
     }
     emptied_.notify_all();
+    Continuation* continuation = currentContinuation;
+    const bool inOwnJob = continuation != nullptr && continuation->queue == this;
+    if (inOwnJob) {
+        continuation->accepting = true;
+    }
     schedule();
+    if (inOwnJob) {
+        continuation->accepting = false;
+    }
 }
 
 void OperationQueue::pumpMainRunLoopUntil(const std::function<bool()>& done)
