@@ -25,7 +25,7 @@ check: deps
 # The runtime's concurrency tests, again under ThreadSanitizer.
 check-tsan: deps
 	cmake -S . -B $(TSAN_DIR) -G Ninja -DCMAKE_BUILD_TYPE=Debug -DZARVO_TSAN=ON -DZARVO_BUILD_BENCHMARKS=OFF
-	cmake --build $(TSAN_DIR) -j $(JOBS)
+	cmake --build $(TSAN_DIR) -j $(JOBS) --target tsan-tests
 	cd $(TSAN_DIR) && ctest --output-on-failure -j $(JOBS) -L tsan
 
 bench: build
