@@ -20,6 +20,8 @@
 
 namespace platform {
 
+namespace {
+
 int waitForEpollEvents(int epoll, epoll_event* events, int capacity, double seconds)
 {
     if (seconds <= 0) {
@@ -39,6 +41,51 @@ int waitForEpollEvents(int epoll, epoll_event* events, int capacity, double seco
     return ::epoll_wait(epoll, events, capacity, static_cast<int>(std::ceil(seconds * 1000)));
 }
 
+}  // namespace
+
+WakeableEpoll::WakeableEpoll()
+    : epoll_(::epoll_create1(EPOLL_CLOEXEC)), wakeFd_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+{
+    if (epoll_ < 0 || wakeFd_ < 0) {
+        const int error = errno;
+        ::close(epoll_);
+        ::close(wakeFd_);
+        throw std::system_error(error, std::generic_category(), "epoll");
+    }
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.u64 = kWakeTag;
+    ::epoll_ctl(epoll_, EPOLL_CTL_ADD, wakeFd_, &event);
+}
+
+WakeableEpoll::~WakeableEpoll()
+{
+    ::close(wakeFd_);
+    ::close(epoll_);
+}
+
+int WakeableEpoll::wait(epoll_event* events, int capacity, std::optional<double> seconds)
+{
+    const int count = seconds ? waitForEpollEvents(epoll_, events, capacity, *seconds)
+                              : ::epoll_wait(epoll_, events, capacity, -1);
+    int kept = 0;
+    for (int index = 0; index < count; ++index) {
+        if (events[index].data.u64 == kWakeTag) {
+            std::uint64_t drained = 0;
+            [[maybe_unused]] const auto read = ::read(wakeFd_, &drained, sizeof drained);
+            continue;
+        }
+        events[kept++] = events[index];
+    }
+    return kept;
+}
+
+void WakeableEpoll::wake() const
+{
+    const std::uint64_t one = 1;
+    [[maybe_unused]] const auto written = ::write(wakeFd_, &one, sizeof one);
+}
+
 namespace {
 
 using Callback = std::shared_ptr<EventMonitor::WatchCallback>;
@@ -55,13 +102,10 @@ struct PendingTimer {
     std::shared_ptr<std::function<void()>> callback;
 };
 
-constexpr EventMonitor::Token kWakeToken = 0;
-
 }  // namespace
 
 struct EventMonitor::State {
-    int epoll = -1;
-    int wakeFd = -1;
+    WakeableEpoll poll;
     std::thread::id thread;
 
     std::mutex mutex;  // guards everything below
@@ -75,8 +119,7 @@ struct EventMonitor::State {
     void wakeLocked() const
     {
         if (sleeping) {
-            const std::uint64_t one = 1;
-            [[maybe_unused]] const auto written = ::write(wakeFd, &one, sizeof one);
+            poll.wake();
         }
     }
 
@@ -90,15 +133,6 @@ struct EventMonitor::State {
 
 EventMonitor::EventMonitor() : state_(new State)
 {
-    state_->epoll = ::epoll_create1(EPOLL_CLOEXEC);
-    state_->wakeFd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (state_->epoll < 0 || state_->wakeFd < 0) {
-        throw std::system_error(errno, std::generic_category(), "event monitor");
-    }
-    epoll_event event{};
-    event.events = EPOLLIN;
-    event.data.u64 = kWakeToken;
-    ::epoll_ctl(state_->epoll, EPOLL_CTL_ADD, state_->wakeFd, &event);
     std::thread thread([this] { run(); });
     state_->thread = thread.get_id();
     thread.detach();
@@ -122,7 +156,7 @@ EventMonitor::Token EventMonitor::watch(int fd, std::uint32_t events, WatchCallb
     epoll_event event{};
     event.events = events | EPOLLONESHOT;
     event.data.u64 = token;
-    if (::epoll_ctl(state_->epoll, EPOLL_CTL_ADD, duplicate, &event) != 0) {
+    if (::epoll_ctl(state_->poll.descriptor(), EPOLL_CTL_ADD, duplicate, &event) != 0) {
         const int error = errno;
         ::close(duplicate);
         throw std::system_error(error, std::generic_category(), "watch");
@@ -141,7 +175,7 @@ void EventMonitor::rearm(Token token)
     epoll_event event{};
     event.events = found->second.events | EPOLLONESHOT;
     event.data.u64 = token;
-    ::epoll_ctl(state_->epoll, EPOLL_CTL_MOD, found->second.fd, &event);
+    ::epoll_ctl(state_->poll.descriptor(), EPOLL_CTL_MOD, found->second.fd, &event);
 }
 
 void EventMonitor::unwatch(Token token)
@@ -150,7 +184,7 @@ void EventMonitor::unwatch(Token token)
     std::unique_lock lock(state_->mutex);
     const auto found = state_->watches.find(token);
     if (found != state_->watches.end()) {
-        ::epoll_ctl(state_->epoll, EPOLL_CTL_DEL, found->second.fd, nullptr);
+        ::epoll_ctl(state_->poll.descriptor(), EPOLL_CTL_DEL, found->second.fd, nullptr);
         ::close(found->second.fd);
         released = std::move(found->second.callback);
         state_->watches.erase(found);
@@ -200,17 +234,11 @@ void EventMonitor::run()
             }
             state.sleeping = !timeout || *timeout > 0;
         }
-        const int count = timeout ? waitForEpollEvents(state.epoll, events, kCapacity, *timeout)
-                                  : ::epoll_wait(state.epoll, events, kCapacity, -1);
+        const int count = state.poll.wait(events, kCapacity, timeout);
         std::unique_lock lock(state.mutex);
         state.sleeping = false;
         for (int index = 0; index < count; ++index) {
             const Token token = events[index].data.u64;
-            if (token == kWakeToken) {
-                std::uint64_t drained = 0;
-                [[maybe_unused]] const auto read = ::read(state.wakeFd, &drained, sizeof drained);
-                continue;
-            }
             const auto found = state.watches.find(token);
             if (found == state.watches.end()) {
                 continue;  // unwatched after the wait returned

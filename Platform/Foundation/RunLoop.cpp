@@ -5,8 +5,6 @@
 #include "Platform/Foundation/Thread.h"
 
 #include <sys/epoll.h>
-#include <sys/eventfd.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -14,7 +12,6 @@
 #include <cstdint>
 #include <deque>
 #include <map>
-#include <system_error>
 
 namespace platform {
 namespace {
@@ -38,8 +35,7 @@ struct Scheduled {
 }  // namespace
 
 struct RunLoop::State {
-    int epoll = -1;
-    int wakeFd = -1;
+    WakeableEpoll poll;
 
     mutable std::mutex mutex;  // guards everything below
     std::vector<std::string> commonModes{std::string(NSDefaultRunLoopMode)};
@@ -103,7 +99,7 @@ struct RunLoop::State {
         const auto existing = armed.find(fd);
         if (!registeredAnywhere) {
             if (existing != armed.end()) {
-                ::epoll_ctl(epoll, EPOLL_CTL_DEL, fd, nullptr);  // fails harmlessly if already closed
+                ::epoll_ctl(poll.descriptor(), EPOLL_CTL_DEL, fd, nullptr);  // fails harmlessly if already closed
                 armed.erase(existing);
             }
             return;
@@ -113,13 +109,13 @@ struct RunLoop::State {
         }
         epoll_event event{};
         event.events = wanted;
-        event.data.fd = fd;
+        event.data.u64 = static_cast<std::uint64_t>(fd);
         if (existing == armed.end()) {
-            if (::epoll_ctl(epoll, EPOLL_CTL_ADD, fd, &event) != 0 && errno == EEXIST) {
-                ::epoll_ctl(epoll, EPOLL_CTL_MOD, fd, &event);
+            if (::epoll_ctl(poll.descriptor(), EPOLL_CTL_ADD, fd, &event) != 0 && errno == EEXIST) {
+                ::epoll_ctl(poll.descriptor(), EPOLL_CTL_MOD, fd, &event);
             }
-        } else if (::epoll_ctl(epoll, EPOLL_CTL_MOD, fd, &event) != 0 && errno == ENOENT) {
-            ::epoll_ctl(epoll, EPOLL_CTL_ADD, fd, &event);
+        } else if (::epoll_ctl(poll.descriptor(), EPOLL_CTL_MOD, fd, &event) != 0 && errno == ENOENT) {
+            ::epoll_ctl(poll.descriptor(), EPOLL_CTL_ADD, fd, &event);
         }
         armed[fd] = wanted;
     }
@@ -153,8 +149,7 @@ struct RunLoop::State {
     void wakeLocked()
     {
         if (sleeping) {
-            const std::uint64_t one = 1;
-            [[maybe_unused]] const auto written = ::write(wakeFd, &one, sizeof one);
+            poll.wake();
         }
     }
 
@@ -366,24 +361,9 @@ void FileDescriptorSource::invalidate()
 
 // --- RunLoop
 
-RunLoop::RunLoop() : state_(std::make_unique<State>())
-{
-    state_->epoll = ::epoll_create1(EPOLL_CLOEXEC);
-    state_->wakeFd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (state_->epoll < 0 || state_->wakeFd < 0) {
-        throw std::system_error(errno, std::generic_category(), "run loop");
-    }
-    epoll_event event{};
-    event.events = EPOLLIN;
-    event.data.fd = state_->wakeFd;
-    ::epoll_ctl(state_->epoll, EPOLL_CTL_ADD, state_->wakeFd, &event);
-}
+RunLoop::RunLoop() : state_(std::make_unique<State>()) {}
 
-RunLoop::~RunLoop()
-{
-    ::close(state_->wakeFd);
-    ::close(state_->epoll);
-}
+RunLoop::~RunLoop() = default;
 
 RunLoopRef RunLoop::make()
 {
@@ -620,18 +600,13 @@ bool RunLoop::runModeBeforeDate(std::string_view mode, Date limitDate)
                 state.sleeping = timeout > 0;
             }
         }
-        const int count = waitForEpollEvents(state.epoll, events, kCapacity, timeout);
+        const int count = state.poll.wait(events, kCapacity, timeout);
         std::vector<std::pair<FileDescriptorSourceRef, unsigned>> ready;
         {
             std::lock_guard lock(state.mutex);
             state.sleeping = false;
             for (int index = 0; index < count; ++index) {
-                const int fd = events[index].data.fd;
-                if (fd == state.wakeFd) {
-                    std::uint64_t drained = 0;
-                    [[maybe_unused]] const auto read = ::read(state.wakeFd, &drained, sizeof drained);
-                    continue;
-                }
+                const auto fd = static_cast<int>(events[index].data.u64);
                 const std::uint32_t what = events[index].events;
                 const bool failed = (what & (EPOLLERR | EPOLLHUP)) != 0;
                 for (const auto& entry : state.descriptors) {

@@ -4,6 +4,7 @@
 #include "Platform/Foundation/RunLoop.h"
 #include "Platform/Foundation/Thread.h"
 #include "tests/Support/AssertionCapture.h"
+#include "tests/Support/ChangeRecorder.h"
 #include "tests/Support/Signal.h"
 
 #include <gtest/gtest.h>
@@ -73,32 +74,10 @@ TEST(Operation, StartRunsMainOnTheCallingThreadThroughTheLifeCycle)
     operation->start();
 }
 
-// Records "key=new value" for every change it hears of.
-class ChangeRecorder final : public Object {
-public:
-    static std::shared_ptr<ChangeRecorder> create() { return std::shared_ptr<ChangeRecorder>(new ChangeRecorder); }
-
-    void observeValueForKeyPath(const std::string& keyPath, const ObjectRef&, const Dictionary& change, void*) override
-    {
-        std::lock_guard lock(mutex_);
-        seen_.push_back(keyPath + "=" + change.get(NSKeyValueChangeNewKey).description());
-    }
-    std::vector<std::string> seen() const
-    {
-        std::lock_guard lock(mutex_);
-        return seen_;
-    }
-
-private:
-    ChangeRecorder() = default;
-    mutable std::mutex mutex_;
-    std::vector<std::string> seen_;
-};
-
 TEST(Operation, AnnouncesEachStateChangeToKeyValueObservers)
 {
     auto operation = BlockOperation::create([] {});
-    auto recorder = ChangeRecorder::create();
+    auto recorder = testsupport::ChangeRecorder::create();
     for (const char* key : {"isCancelled", "isExecuting", "isFinished"}) {
         operation->addObserver(recorder, key, NSKeyValueObservingOptionNew);
     }

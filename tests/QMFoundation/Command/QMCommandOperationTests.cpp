@@ -2,6 +2,7 @@
 
 #include "Platform/Foundation/OperationQueue.h"
 #include "tests/Support/AssertionCapture.h"
+#include "tests/Support/ChangeRecorder.h"
 #include "tests/Support/RunProgram.h"
 #include "tests/Support/Signal.h"
 
@@ -268,38 +269,16 @@ TEST(QMCommandOperation, DescribesItsCallAndItself)
     EXPECT_EQ(text(command->standardOutputData().value_or(Data{})), "hi\n");
 }
 
-// Records the keys it hears of.
-class KeyRecorder final : public platform::Object {
-public:
-    static std::shared_ptr<KeyRecorder> create() { return std::shared_ptr<KeyRecorder>(new KeyRecorder); }
-    void observeValueForKeyPath(const std::string& keyPath, const platform::ObjectRef&, const platform::Dictionary& change,
-                                void*) override
-    {
-        std::lock_guard lock(mutex_);
-        keys_.push_back(keyPath + "=" + change.get(platform::NSKeyValueChangeNewKey).description());
-    }
-    std::vector<std::string> keys() const
-    {
-        std::lock_guard lock(mutex_);
-        return keys_;
-    }
-
-private:
-    KeyRecorder() = default;
-    mutable std::mutex mutex_;
-    std::vector<std::string> keys_;
-};
-
 TEST(QMCommandOperation, AnnouncesItsStateUnderItsOwnKeysOnly)
 {
     const auto command = QMCommandOperation::commandWithLaunchPath("/bin/true", {});
-    const auto recorder = KeyRecorder::create();
+    const auto recorder = testsupport::ChangeRecorder::create();
     const std::vector<std::string> keys{"isExecuting", "isFinished", "executingValue", "finishedValue"};
     for (const auto& key : keys) {
         command->addObserver(recorder, key, platform::NSKeyValueObservingOptionNew);
     }
     command->start();
-    EXPECT_EQ(recorder->keys(), (std::vector<std::string>{"executingValue=1", "executingValue=0", "finishedValue=1"}));
+    EXPECT_EQ(recorder->seen(), (std::vector<std::string>{"executingValue=1", "executingValue=0", "finishedValue=1"}));
     for (const auto& key : keys) {
         command->removeObserver(*recorder, key);
     }
