@@ -340,7 +340,7 @@ const PropertyTable& Operation::propertyTable() const
 
 std::shared_ptr<BlockOperation> BlockOperation::create()
 {
-    return std::shared_ptr<BlockOperation>(new BlockOperation);
+    return std::shared_ptr<BlockOperation>(new BlockOperation, ObjectDeleter());
 }
 
 std::shared_ptr<BlockOperation> BlockOperation::create(std::function<void()> block)

@@ -57,7 +57,7 @@ OperationQueue::OperationQueue(bool isMain)
 
 OperationQueueRef OperationQueue::create()
 {
-    return OperationQueueRef(new OperationQueue(false));
+    return OperationQueueRef(new OperationQueue(false), ObjectDeleter());
 }
 
 OperationQueueRef OperationQueue::mainQueue()

@@ -108,7 +108,7 @@ Task::~Task()
 
 TaskRef Task::create()
 {
-    return TaskRef(new Task);
+    return TaskRef(new Task, ObjectDeleter());
 }
 
 std::optional<std::string> Task::launchPath() const

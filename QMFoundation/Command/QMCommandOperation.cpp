@@ -83,8 +83,10 @@ std::shared_ptr<QMCommandOperation> QMCommandOperation::create(std::optional<std
                                                                std::optional<std::string> workingDirectory,
                                                                Arguments arguments, Delegate delegate)
 {
+    // Destruction hooks (the observation centre's clean-up) run while the command is still whole.
     return std::shared_ptr<QMCommandOperation>(
-        new QMCommandOperation(std::move(launchPath), std::move(workingDirectory), std::move(arguments), std::move(delegate)));
+        new QMCommandOperation(std::move(launchPath), std::move(workingDirectory), std::move(arguments), std::move(delegate)),
+        platform::ObjectDeleter());
 }
 
 std::shared_ptr<QMCommandOperation> QMCommandOperation::commandWithLaunchPath(std::optional<std::string> launchPath,
