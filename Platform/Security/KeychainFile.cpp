@@ -3,6 +3,10 @@
 #include <sqlite3.h>
 
 #include <cerrno>
+#include <map>
+#include <mutex>
+#include <pthread.h>
+#include <vector>
 #include <cstdlib>
 #include <fcntl.h>
 #include <string>
@@ -12,8 +16,8 @@
 namespace platform::security {
 namespace {
 
-// "ZKC1" in the database header marks a file as ours; checking it costs no
-// read beyond the first page.
+// "ZKC1" in the database header marks a file as ours for tools that look
+// (file(1) among them); the keychain itself goes by its metadata rows.
 constexpr std::int64_t kApplicationId = 0x5A4B4331;
 constexpr std::string_view kFormatName = "zarvo-keychain";
 constexpr std::int64_t kFormatVersion = 1;
@@ -213,51 +217,155 @@ KeychainFile::~KeychainFile()
     sqlite3_close_v2(database_);
 }
 
-OSStatus KeychainFile::open(const std::string& path, OpenMode mode, std::unique_ptr<KeychainFile>* file)
+namespace {
+
+// Idle connections of this process, by path. A connection is taken out while
+// an operation uses it, so none is ever shared between threads.
+struct ConnectionPool {
+    static constexpr std::size_t kIdlePerFile = 4;
+
+    std::mutex mutex;  // guards idle
+    std::map<std::string, std::vector<std::unique_ptr<KeychainFile>>> idle;
+};
+
+ConnectionPool& connectionPool();
+
+// SQLite connections must not cross a fork. The idle ones are closed before
+// it (in the parent, so their last close empties the journal as usual);
+// posix_spawn does not come here.
+void closeIdleBeforeFork()
+{
+    auto& pool = connectionPool();
+    pool.mutex.lock();
+    pool.idle.clear();
+}
+
+void unlockAfterFork()
+{
+    connectionPool().mutex.unlock();
+}
+
+ConnectionPool& connectionPool()
+{
+    // Destroyed at exit, which closes the idle connections and so
+    // checkpoints each file's journal.
+    static ConnectionPool pool;
+    static std::once_flag forkHandlers;
+    std::call_once(forkHandlers, [] { ::pthread_atfork(closeIdleBeforeFork, unlockAfterFork, unlockAfterFork); });
+    return pool;
+}
+
+}  // namespace
+
+void KeychainFileRelease::operator()(KeychainFile* file) const
+{
+    std::unique_ptr<KeychainFile> owned(file);
+    if (sqlite3_get_autocommit(owned->database_) == 0) {
+        owned->rollback();
+    }
+    auto& pool = connectionPool();
+    std::lock_guard lock(pool.mutex);
+    auto& idle = pool.idle[owned->path_];
+    if (idle.size() < ConnectionPool::kIdlePerFile) {
+        idle.push_back(std::move(owned));
+    }
+}
+
+void KeychainFile::closeIdleConnections(const std::string& path)
+{
+    std::vector<std::unique_ptr<KeychainFile>> closing;
+    {
+        auto& pool = connectionPool();
+        std::lock_guard lock(pool.mutex);
+        if (const auto found = pool.idle.find(path); found != pool.idle.end()) {
+            closing = std::move(found->second);
+            pool.idle.erase(found);
+        }
+    }
+}
+
+OSStatus KeychainFile::open(const std::string& path, OpenMode mode, KeychainFileRef* file)
 {
     struct stat information {};
     if (::stat(path.c_str(), &information) != 0) {
         if ((errno != ENOENT && errno != ENOTDIR) || mode != OpenMode::WriteCreating) {
             return statusForErrno(errno);
         }
-        std::unique_ptr<KeychainFile> created;
+        KeychainFileRef created;
         const OSStatus status = create(path, std::nullopt, nullptr, &created);
         if (status == errSecSuccess) {
             *file = std::move(created);
             return status;
         }
         // Another process created it first: use theirs.
-        if (status != errSecDuplicateKeychain) {
+        if (status != errSecDuplicateKeychain || ::stat(path.c_str(), &information) != 0) {
             return status;
         }
-    } else if (!S_ISREG(information.st_mode)) {
+    }
+    if (!S_ISREG(information.st_mode)) {
         return errSecInvalidKeychain;
     }
 
-    sqlite3* database = nullptr;
-    // Read-write even for reading: a WAL database needs its shared-memory
-    // file. SQLite falls back to read-only when the file is write-protected.
-    const int result = sqlite3_open_v2(path.c_str(), &database, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
-    std::unique_ptr<KeychainFile> opened(new KeychainFile(path, database));
-    if (result != SQLITE_OK) {
-        return result == SQLITE_CANTOPEN && ::access(path.c_str(), R_OK) != 0 ? statusForErrno(errno)
-                                                                              : statusForSQLite(result);
+    KeychainFileRef opened;
+    {
+        // An idle connection to this very file, not to one since put in its
+        // place; those to a replaced file are closed.
+        std::vector<std::unique_ptr<KeychainFile>> stale;
+        auto& pool = connectionPool();
+        std::lock_guard lock(pool.mutex);
+        if (const auto found = pool.idle.find(path); found != pool.idle.end()) {
+            auto& idle = found->second;
+            while (!idle.empty() && !opened) {
+                auto candidate = std::move(idle.back());
+                idle.pop_back();
+                if (candidate->device_ == information.st_dev && candidate->inode_ == information.st_ino) {
+                    opened.reset(candidate.release());
+                } else {
+                    stale.push_back(std::move(candidate));
+                }
+            }
+        }
     }
-    OSStatus status = opened->configure(mode != OpenMode::Read);
-    if (status == errSecSuccess) {
+    OSStatus status = errSecSuccess;
+    if (opened) {
+        // Read again: another process may have given an empty file its
+        // tables since, and each operation sees the file as it is now.
         status = opened->readHeaderAndMetadata();
+    } else {
+        sqlite3* database = nullptr;
+        // Read-write even for reading: a WAL database needs its shared-memory
+        // file. SQLite falls back to read-only when the file is write-protected.
+        const int result =
+            sqlite3_open_v2(path.c_str(), &database, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
+        opened.reset(new KeychainFile(path, database));
+        opened->device_ = information.st_dev;
+        opened->inode_ = information.st_ino;
+        if (result != SQLITE_OK) {
+            // Not given back to the pool: this connection is of no use.
+            delete opened.release();
+            return result == SQLITE_CANTOPEN && ::access(path.c_str(), R_OK) != 0 ? statusForErrno(errno)
+                                                                                  : statusForSQLite(result);
+        }
+        status = opened->configure();
+        if (status == errSecSuccess) {
+            status = opened->readHeaderAndMetadata();
+        }
     }
     if (status == errSecSuccess && opened->isUninitialised() && mode != OpenMode::Read) {
         status = opened->initialise(std::nullopt, nullptr);
     }
-    if (status == errSecSuccess) {
-        *file = std::move(opened);
+    if (status != errSecSuccess) {
+        // A connection to a file that is not a usable keychain stays out of
+        // the pool.
+        delete opened.release();
+        return status;
     }
+    *file = std::move(opened);
     return status;
 }
 
 OSStatus KeychainFile::create(const std::string& path, const std::optional<KeyDerivation>& derivation,
-                              const SecretKey* key, std::unique_ptr<KeychainFile>* file)
+                              const SecretKey* key, KeychainFileRef* file)
 {
     if (const OSStatus status = makeParentDirectories(path); status != errSecSuccess) {
         return status;
@@ -279,7 +387,7 @@ OSStatus KeychainFile::create(const std::string& path, const std::optional<KeyDe
         const int result =
             sqlite3_open_v2(temporary.c_str(), &database, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
         KeychainFile made(temporary, database);
-        status = result == SQLITE_OK ? made.configure(true) : statusForSQLite(result);
+        status = result == SQLITE_OK ? made.configure() : statusForSQLite(result);
         if (status == errSecSuccess) {
             status = made.initialise(derivation, key);
         }
@@ -297,22 +405,27 @@ OSStatus KeychainFile::create(const std::string& path, const std::optional<KeyDe
     return open(path, OpenMode::Write, file);
 }
 
-OSStatus KeychainFile::configure(bool forWriting)
+OSStatus KeychainFile::configure()
 {
     sqlite3_extended_result_codes(database_, 1);
     sqlite3_busy_timeout(database_, kBusyTimeoutMilliseconds);
     // A keychain file may come from anywhere: never let its schema run code.
     sqlite3_db_config(database_, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
     sqlite3_db_config(database_, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
-    if (forWriting) {
-        // NORMAL in WAL mode loses no committed write when a process dies;
-        // secure_delete overwrites the pages of deleted secrets.
-        const int result = execute(database_, "PRAGMA synchronous=NORMAL; PRAGMA secure_delete=ON;");
-        if (result != SQLITE_OK) {
-            return statusForSQLite(result);
-        }
+    // A process that makes one call (the responder) closes the file's last
+    // connection on its way out. Keeping the journal files (emptied, mode
+    // intact) spares every such process creating and deleting them, which
+    // is most of what a look-up would cost; the close still checkpoints, so
+    // the next open finds an empty journal to scan.
+    int persistJournal = 1;
+    sqlite3_file_control(database_, "main", SQLITE_FCNTL_PERSIST_WAL, &persistJournal);
+    if (const int result = execute(database_, "PRAGMA journal_size_limit=0"); result != SQLITE_OK) {
+        return statusForSQLite(result);
     }
-    return errSecSuccess;
+    // NORMAL in WAL mode loses no committed write when a process dies;
+    // secure_delete overwrites the pages of deleted secrets. Every
+    // connection gets both, as a pooled one may serve a write next.
+    return statusForSQLite(execute(database_, "PRAGMA synchronous=NORMAL; PRAGMA secure_delete=ON;"));
 }
 
 OSStatus KeychainFile::readHeaderAndMetadata()
@@ -320,27 +433,21 @@ OSStatus KeychainFile::readHeaderAndMetadata()
     identity_.clear();
     derivation_.reset();
     verifier_.clear();
-    {
-        Statement header(database_, "PRAGMA application_id");
-        const int result = header.step();
-        if (result != SQLITE_ROW) {
-            return statusForSQLite(result);
-        }
-        const auto applicationId = header.integer(0);
-        if (applicationId == 0) {
-            Statement tables(database_, "SELECT count(*) FROM sqlite_schema");
-            const int counted = tables.step();
-            if (counted != SQLITE_ROW) {
-                return statusForSQLite(counted);
-            }
-            return tables.integer(0) == 0 ? errSecSuccess : errSecInvalidKeychain;
-        }
-        if (applicationId != kApplicationId) {
-            return errSecInvalidKeychain;
-        }
-    }
-
+    // One statement on the common path: the metadata says whether the file
+    // is ours. Only when there is no metadata table is the file looked at
+    // further: a database without tables is a keychain not yet initialised.
     Statement metadata(database_, "SELECT name, value FROM keychain_meta");
+    if (metadata.prepareResult() != SQLITE_OK) {
+        if ((metadata.prepareResult() & 0xff) != SQLITE_ERROR) {
+            return statusForSQLite(metadata.prepareResult());
+        }
+        Statement tables(database_, "SELECT count(*) FROM sqlite_schema");
+        const int counted = tables.step();
+        if (counted != SQLITE_ROW) {
+            return statusForSQLite(counted);
+        }
+        return tables.integer(0) == 0 ? errSecSuccess : errSecInvalidKeychain;
+    }
     std::string format;
     std::int64_t version = 0;
     KeyDerivation derivation;

@@ -26,6 +26,14 @@ struct sqlite3_stmt;
 
 namespace platform::security {
 
+class KeychainFile;
+
+// Gives a borrowed connection back to the pool (or closes it).
+struct KeychainFileRelease {
+    void operator()(KeychainFile* file) const;
+};
+using KeychainFileRef = std::unique_ptr<KeychainFile, KeychainFileRelease>;
+
 enum class OpenMode {
     Read,            // a missing file answers errSecNoSuchKeychain
     Write,           // likewise; an empty file is given its tables
@@ -38,11 +46,13 @@ public:
     KeychainFile(const KeychainFile&) = delete;
     KeychainFile& operator=(const KeychainFile&) = delete;
 
-    static OSStatus open(const std::string& path, OpenMode mode, std::unique_ptr<KeychainFile>* file);
+    static OSStatus open(const std::string& path, OpenMode mode, KeychainFileRef* file);
     // Creates a new file, failing with errSecDuplicateKeychain when one is
     // there; with a derivation, a password-protected one whose key is given.
     static OSStatus create(const std::string& path, const std::optional<KeyDerivation>& derivation,
-                           const SecretKey* key, std::unique_ptr<KeychainFile>* file);
+                           const SecretKey* key, KeychainFileRef* file);
+    // Closes the idle connections to a file that is about to be deleted.
+    static void closeIdleConnections(const std::string& path);
 
     const std::string& path() const { return path_; }
     // A file that exists but was never given its tables: it holds nothing.
@@ -60,13 +70,18 @@ public:
     void rollback();
 
 private:
+    friend struct KeychainFileRelease;
+
     KeychainFile(std::string path, sqlite3* database) : path_(std::move(path)), database_(database) {}
-    OSStatus configure(bool forWriting);
+    OSStatus configure();
     OSStatus readHeaderAndMetadata();
     OSStatus initialise(const std::optional<KeyDerivation>& derivation, const SecretKey* key);
 
     std::string path_;
     sqlite3* database_;
+    // The file this connection has open, to tell a replaced file.
+    std::uint64_t device_ = 0;
+    std::uint64_t inode_ = 0;
     std::string identity_;
     std::optional<KeyDerivation> derivation_;
     Data verifier_;

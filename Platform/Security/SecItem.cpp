@@ -14,6 +14,7 @@ namespace platform {
 namespace {
 
 using security::KeychainFile;
+using security::KeychainFileRef;
 using security::OpenMode;
 using security::Statement;
 using security::statusForSQLite;
@@ -313,7 +314,7 @@ SearchScope searchScope(const Query& query)
 // Opens one keychain of a scope. Success with no file means "holds nothing
 // that could match".
 OSStatus openForScope(const std::string& path, const SearchScope& scope, const Query& query, OpenMode mode,
-                      std::unique_ptr<KeychainFile>* file)
+                      KeychainFileRef* file)
 {
     const OSStatus status = KeychainFile::open(path, mode, file);
     if (status == errSecNoSuchKeychain && scope.implicit) {
@@ -610,7 +611,7 @@ OSStatus forEachKeychain(const Query& query, OpenMode mode, Action perKeychain)
     const auto scope = searchScope(query);
     std::int64_t touched = 0;
     for (const auto& path : scope.paths) {
-        std::unique_ptr<KeychainFile> file;
+        KeychainFileRef file;
         if (const OSStatus status = openForScope(path, scope, query, mode, &file); status != errSecSuccess) {
             return status;
         }
@@ -676,7 +677,7 @@ OSStatus SecItemAdd(const Dictionary& attributes, Value* result)
     }
     const bool explicitKeychain = query.useKeychain.has_value();
     const std::string path = explicitKeychain ? *query.useKeychain : SecKeychainDefaultPath();
-    std::unique_ptr<KeychainFile> file;
+    KeychainFileRef file;
     if (const OSStatus status =
             KeychainFile::open(path, explicitKeychain ? OpenMode::Write : OpenMode::WriteCreating, &file);
         status != errSecSuccess) {

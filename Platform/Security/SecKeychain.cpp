@@ -14,6 +14,7 @@ namespace platform {
 namespace {
 
 using security::KeychainFile;
+using security::KeychainFileRef;
 using security::OpenMode;
 
 std::string absolutePath(std::string path)
@@ -40,7 +41,7 @@ std::string homeDirectory()
     return "/";
 }
 
-OSStatus openExisting(const SecKeychainRef& keychain, std::unique_ptr<KeychainFile>* file)
+OSStatus openExisting(const SecKeychainRef& keychain, KeychainFileRef* file)
 {
     return keychain ? KeychainFile::open(keychain->path(), OpenMode::Read, file) : errSecParam;
 }
@@ -48,7 +49,7 @@ OSStatus openExisting(const SecKeychainRef& keychain, std::unique_ptr<KeychainFi
 // Makes this process forget the keychain's key, as on locking it.
 OSStatus forgetKeyOf(const SecKeychainRef& keychain)
 {
-    std::unique_ptr<KeychainFile> file;
+    KeychainFileRef file;
     if (const OSStatus status = openExisting(keychain, &file); status != errSecSuccess) {
         return status;
     }
@@ -124,7 +125,7 @@ OSStatus SecKeychainCreate(const char* pathName, std::uint32_t passwordLength, c
         return errSecParam;
     }
     const std::string path = absolutePath(pathName);
-    std::unique_ptr<KeychainFile> file;
+    KeychainFileRef file;
     OSStatus status;
     if (passwordLength == 0 && promptUser) {
         status = KeychainFile::create(path, std::nullopt, nullptr, &file);
@@ -154,6 +155,7 @@ OSStatus SecKeychainDelete(const SecKeychainRef& keychain)
     if (const OSStatus status = forgetKeyOf(keychain); status != errSecSuccess) {
         return status;
     }
+    KeychainFile::closeIdleConnections(keychain->path());
     if (::unlink(keychain->path().c_str()) != 0) {
         return errno == ENOENT ? errSecNoSuchKeychain : errSecWrPerm;
     }
@@ -191,7 +193,7 @@ OSStatus SecKeychainUnlock(const SecKeychainRef& keychain, std::uint32_t passwor
     if (usePassword && passwordLength > 0 && password == nullptr) {
         return errSecParam;
     }
-    std::unique_ptr<KeychainFile> file;
+    KeychainFileRef file;
     if (const OSStatus status = openExisting(keychain, &file); status != errSecSuccess) {
         return status;
     }
@@ -223,7 +225,7 @@ OSStatus SecKeychainGetStatus(const SecKeychainRef& keychain, SecKeychainStatus*
     if (status == nullptr) {
         return errSecParam;
     }
-    std::unique_ptr<KeychainFile> file;
+    KeychainFileRef file;
     if (const OSStatus opened = openExisting(keychain, &file); opened != errSecSuccess) {
         return opened;
     }

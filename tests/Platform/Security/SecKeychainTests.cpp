@@ -36,10 +36,14 @@ std::string contentsOf(const std::string& path)
     return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
 }
 
+// Puts a new file in place, as restoring a copy would.
 void writeFile(const std::string& path, std::string_view contents)
 {
     std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-    std::ofstream(path, std::ios::binary | std::ios::trunc).write(contents.data(), static_cast<std::streamsize>(contents.size()));
+    const std::string written = path + ".new";
+    std::ofstream(written, std::ios::binary | std::ios::trunc)
+        .write(contents.data(), static_cast<std::streamsize>(contents.size()));
+    std::filesystem::rename(written, path);
 }
 
 Dictionary genericIn(const SecKeychainRef& keychain, std::string_view service, std::string_view secret)
@@ -108,12 +112,13 @@ TEST_F(SecKeychainTest, TheFirstWriteCreatesAPrivateDefaultKeychainWhateverTheUm
     EXPECT_EQ(modeOf(defaultKeychainPath() + "-wal"), 0600u);
     EXPECT_EQ(modeOf(defaultKeychainPath() + "-shm"), 0600u);
     sqlite3_close(reader);
-    // No half-made files are left beside it.
-    std::size_t entries = 0;
-    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator(dataHome() + "/keychains")) {
-        ++entries;
+    // Nothing else is left beside it: no half-made keychain.
+    for (const auto& entry : std::filesystem::directory_iterator(dataHome() + "/keychains")) {
+        const auto name = entry.path().filename().string();
+        EXPECT_TRUE(name == "login.keychain-db" || name == "login.keychain-db-wal" || name == "login.keychain-db-shm")
+            << name;
+        EXPECT_EQ(modeOf(entry.path().string()), 0600u) << name;
     }
-    EXPECT_EQ(entries, 1u);
 }
 
 TEST_F(SecKeychainTest, CreateReportPathAndDelete)
