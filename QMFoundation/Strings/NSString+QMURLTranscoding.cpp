@@ -19,13 +19,7 @@ bool isLegalURLCharacter(unsigned char byte)
 // character sets name.
 std::string_view characterAt(std::string_view string, std::size_t index)
 {
-    const auto lead = static_cast<unsigned char>(string[index]);
-    const std::size_t length = lead < 0xC0 ? 1 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
-    const auto character = string.substr(index, length);
-    if (length > 1 && (character.size() != length || !platform::isValidUTF8(character))) {
-        return string.substr(index, 1);
-    }
-    return character;
+    return string.substr(index, platform::decodeUTF8Character(string, index).length);
 }
 
 bool setContains(std::string_view set, std::string_view character)
