@@ -3,54 +3,14 @@
 // pair, so both see the same machine; the ratio of the medians is reported.
 //
 //   askpass_startup BIN_DIR [RUNS]
-#include <algorithm>
-#include <chrono>
+#include "bench/BenchmarkSupport.h"
+
 #include <cstdio>
 #include <cstdlib>
-#include <fcntl.h>
-#include <spawn.h>
 #include <string>
-#include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
 
-namespace {
-
-double runOnce(const std::string& path, const std::vector<std::string>& arguments, char** environment)
-{
-    std::vector<char*> argv{const_cast<char*>(path.c_str())};
-    for (const auto& argument : arguments) {
-        argv.push_back(const_cast<char*>(argument.c_str()));
-    }
-    argv.push_back(nullptr);
-
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-    const auto start = std::chrono::steady_clock::now();
-    pid_t child = 0;
-    if (posix_spawn(&child, path.c_str(), &actions, nullptr, argv.data(), environment) != 0) {
-        std::fprintf(stderr, "cannot start %s\n", path.c_str());
-        std::exit(2);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    const auto elapsed = std::chrono::steady_clock::now() - start;
-    posix_spawn_file_actions_destroy(&actions);
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-        std::fprintf(stderr, "%s failed\n", path.c_str());
-        std::exit(2);
-    }
-    return std::chrono::duration<double, std::micro>(elapsed).count();
-}
-
-double median(std::vector<double> samples)
-{
-    std::sort(samples.begin(), samples.end());
-    return samples[samples.size() / 2];
-}
-
-}  // namespace
 
 int main(int argc, char** argv)
 {
@@ -87,15 +47,15 @@ int main(int argc, char** argv)
         std::vector<double> responderTimes;
         std::vector<double> baselineTimes;
         for (int warmUp = 0; warmUp < 20; ++warmUp) {
-            runOnce(responder, benchmarkCase.arguments, environment);
-            runOnce(baseline, {}, environment);
+            bench::timeProgramRun(responder, benchmarkCase.arguments, environment);
+            bench::timeProgramRun(baseline, {}, environment);
         }
         for (int run = 0; run < runs; ++run) {
-            responderTimes.push_back(runOnce(responder, benchmarkCase.arguments, environment));
-            baselineTimes.push_back(runOnce(baseline, {}, environment));
+            responderTimes.push_back(bench::timeProgramRun(responder, benchmarkCase.arguments, environment));
+            baselineTimes.push_back(bench::timeProgramRun(baseline, {}, environment));
         }
-        const double responderMedian = median(responderTimes);
-        const double baselineMedian = median(baselineTimes);
+        const double responderMedian = bench::median(responderTimes);
+        const double baselineMedian = bench::median(baselineTimes);
         std::printf("%-24s %14.1f %14.1f %8.2f\n", benchmarkCase.name, responderMedian, baselineMedian,
                     responderMedian / baselineMedian);
     }

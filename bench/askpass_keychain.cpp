@@ -1,0 +1,111 @@
+// Whole runs of zarvo-askpass answering git's HTTP password prompt from a
+// default keychain of 10, 1,000 and 100,000 items, against (a) a minimal C
+// program that prints a constant and (b) `git credential-store get` answering
+// the same credential from a credentials file of the same size. The three run
+// in turn, round by round, so all see the same machine; medians and ratios
+// are reported. The credential asked for is the middle one of each store.
+//
+// Filled keychains are kept under $TMPDIR/zarvo-bench-cache, because filling
+// 100,000 items takes a while; delete that folder to start afresh.
+//
+//   askpass_keychain BIN_DIR [ROUNDS]
+#include "bench/BenchmarkSupport.h"
+
+#include "Platform/Security/SecItem.h"
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string account(int index) { return "user" + std::to_string(index); }
+std::string server(int index) { return "host" + std::to_string(index) + ".example"; }
+std::string secret(int index) { return "secret-" + std::to_string(index); }
+
+// A data home whose default keychain holds `items` internet passwords, and a
+// git credentials file with the same credentials.
+fs::path prepareStores(int items)
+{
+    const auto home = fs::temp_directory_path() / "zarvo-bench-cache" / ("items-" + std::to_string(items));
+    const auto complete = home / "complete";
+    if (fs::exists(complete)) {
+        return home;
+    }
+    fs::remove_all(home);
+    fs::create_directories(home);
+    setenv("XDG_DATA_HOME", home.c_str(), 1);
+
+    std::ofstream credentials(home / "git-credentials");
+    std::fprintf(stderr, "filling a keychain of %d items...\n", items);
+    for (int index = 0; index < items; ++index) {
+        const std::string password = secret(index);
+        const auto status = platform::SecItemAdd(
+            {{platform::kSecClass, platform::kSecClassInternetPassword},
+             {platform::kSecAttrAccount, account(index)},
+             {platform::kSecAttrServer, server(index)},
+             {platform::kSecAttrProtocol, platform::kSecAttrProtocolHTTPS},
+             {platform::kSecAttrPort, 0},
+             {platform::kSecValueData, platform::Data(password.begin(), password.end())}},
+            nullptr);
+        if (status != 0) {
+            std::fprintf(stderr, "cannot add item %d: status %d\n", index, static_cast<int>(status));
+            std::exit(2);
+        }
+        credentials << "https://" << account(index) << ':' << password << '@' << server(index) << '\n';
+    }
+    std::ofstream(complete) << "done\n";
+    return home;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    if (argc < 2) {
+        std::fprintf(stderr, "usage: %s BIN_DIR [ROUNDS]\n", argv[0]);
+        return 2;
+    }
+    const std::string bin = argv[1];
+    const int rounds = argc > 2 ? std::atoi(argv[2]) : 100;
+    const std::string responder = bin + "/zarvo-askpass";
+    const std::string baseline = bin + "/print-constant";
+    const std::string git = "/usr/bin/git";
+
+    std::printf("%-8s %12s %12s %12s %10s %10s\n", "items", "askpass us", "constant us", "git-store us", "vs (a)",
+                "vs (b)");
+    for (const int items : {10, 1000, 100000}) {
+        const auto home = prepareStores(items);
+        const int wanted = items / 2;
+        std::string dataHome = "XDG_DATA_HOME=" + home.string();
+        std::string homeVariable = "HOME=" + home.string();
+        std::string path = "PATH=/usr/bin:/bin";
+        char* environment[] = {dataHome.data(), homeVariable.data(), path.data(), nullptr};
+
+        const std::vector<std::string> prompt{"Password for 'https://" + account(wanted) + "@" + server(wanted) + "': "};
+        const std::vector<std::string> store{"credential-store", "--file", (home / "git-credentials").string(), "get"};
+        const std::string query = "protocol=https\nhost=" + server(wanted) + "\nusername=" + account(wanted) + "\n\n";
+
+        std::vector<double> responderTimes, baselineTimes, gitTimes;
+        for (int round = -10; round < rounds; ++round) {  // ten rounds of warm-up
+            const double responderTime = bench::timeProgramRun(responder, prompt, environment);
+            const double baselineTime = bench::timeProgramRun(baseline, {}, environment);
+            const double gitTime = bench::timeProgramRun(git, store, environment, query);
+            if (round >= 0) {
+                responderTimes.push_back(responderTime);
+                baselineTimes.push_back(baselineTime);
+                gitTimes.push_back(gitTime);
+            }
+        }
+        const double responderMedian = bench::median(responderTimes);
+        const double baselineMedian = bench::median(baselineTimes);
+        const double gitMedian = bench::median(gitTimes);
+        std::printf("%-8d %12.1f %12.1f %12.1f %10.2f %10.2f\n", items, responderMedian, baselineMedian, gitMedian,
+                    responderMedian / baselineMedian, responderMedian / gitMedian);
+    }
+    return 0;
+}
