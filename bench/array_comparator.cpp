@@ -8,6 +8,8 @@
 #include "QMFoundation/Comparison/QMArrayComparator.h"
 #include "QMFoundation/Comparison/QMConcurrentEnumeration.h"
 
+#include "bench/BenchmarkSupport.h"
+
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -62,12 +64,6 @@ Run compareOnce(const Arrays& arrays, std::size_t concurrency)
     return {std::chrono::duration<double, std::milli>(elapsed).count(), moves};
 }
 
-double median(std::vector<double> samples)
-{
-    std::sort(samples.begin(), samples.end());
-    return samples[samples.size() / 2];
-}
-
 }  // namespace
 
 int main(int argc, char** argv)
@@ -92,8 +88,8 @@ int main(int argc, char** argv)
             parallel.push_back(shared.milliseconds);
             serial.push_back(alone.milliseconds);
         }
-        const auto parallelMedian = median(parallel);
-        const auto serialMedian = median(serial);
+        const auto parallelMedian = bench::median(parallel);
+        const auto serialMedian = bench::median(serial);
         std::printf("%6zu strings, %zu moves: one thread %.1f ms, %zu threads %.1f ms, speed-up x%.2f (%d runs)\n", count,
                     moves, serialMedian, processors, parallelMedian, serialMedian / parallelMedian, runs);
     }

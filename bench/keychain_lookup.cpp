@@ -15,6 +15,8 @@
 #include "Platform/Security/SecItem.h"
 #include "Platform/Security/SecKeychain.h"
 
+#include "bench/BenchmarkSupport.h"
+
 #include <sqlite3.h>
 
 #include <algorithm>
@@ -38,12 +40,6 @@ double microsecondsPerCall(int calls, const std::function<void()>& body)
         body();
     }
     return std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - start).count() / calls;
-}
-
-double median(std::vector<double> samples)
-{
-    std::sort(samples.begin(), samples.end());
-    return samples[samples.size() / 2];
 }
 
 std::string accountFor(int index)
@@ -146,10 +142,10 @@ int main(int argc, char** argv)
             warmKeychain.push_back(microsecondsPerCall(kCallsPerRound, lookUp));
             security::KeychainFile::closeIdleConnections(path);
         }
-        const double base = median(baseline);
-        const double cold = median(coldKeychain);
-        std::printf("%-8d %12.1f %14.1f %17.1f %17.1f %11.2fx\n", items, base, median(coldSecItem), cold,
-                    median(warmKeychain), cold / base);
+        const double base = bench::median(baseline);
+        const double cold = bench::median(coldKeychain);
+        std::printf("%-8d %12.1f %14.1f %17.1f %17.1f %11.2fx\n", items, base, bench::median(coldSecItem), cold,
+                    bench::median(warmKeychain), cold / base);
     }
     std::filesystem::remove_all(directory);
     return 0;

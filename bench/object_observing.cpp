@@ -6,6 +6,8 @@
 //   object_observing [ITERATIONS]
 #include "Platform/Foundation/Object.h"
 
+#include "bench/BenchmarkSupport.h"
+
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -51,12 +53,6 @@ double nanosecondsPerCall(long iterations, const std::function<void(long)>& body
     return std::chrono::duration<double, std::nano>(elapsed).count() / static_cast<double>(iterations);
 }
 
-double median(std::vector<double> samples)
-{
-    std::sort(samples.begin(), samples.end());
-    return samples[samples.size() / 2];
-}
-
 }  // namespace
 
 int main(int argc, char** argv)
@@ -91,9 +87,9 @@ int main(int argc, char** argv)
         }
     }
 
-    const double baseline = median(variants.front().samples);
+    const double baseline = bench::median(variants.front().samples);
     for (auto& variant : variants) {
-        const double value = median(variant.samples);
+        const double value = bench::median(variant.samples);
         std::printf("%-50s %8.1f ns/call  %5.2fx baseline\n", variant.name, value, value / baseline);
     }
     return listener->heard > 0 ? 0 : 1;

@@ -5,6 +5,8 @@
 //   version_comparison [RUNS]
 #include "QMFoundation/Comparison/QMVersionStringComparator.h"
 
+#include "bench/BenchmarkSupport.h"
+
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -37,12 +39,6 @@ double timeAll(const std::vector<std::pair<std::string, std::string>>& pairs, Co
     return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
 }
 
-double median(std::vector<double> samples)
-{
-    std::sort(samples.begin(), samples.end());
-    return samples[samples.size() / 2];
-}
-
 }  // namespace
 
 int main(int argc, char** argv)
@@ -68,8 +64,8 @@ int main(int argc, char** argv)
             return result < 0 ? -1 : (result > 0 ? 1 : 0);
         }, checksum));
     }
-    const auto oursMedian = median(ours);
-    const auto glibcMedian = median(glibc);
+    const auto oursMedian = bench::median(ours);
+    const auto glibcMedian = bench::median(glibc);
     std::printf("%zu pairs: compareVersion %.1f ms (%.0f ns/pair), strverscmp %.1f ms (%.0f ns/pair), ratio x%.2f "
                 "(%d runs, checksum %ld)\n",
                 kPairs, oursMedian, oursMedian * 1e6 / kPairs, glibcMedian, glibcMedian * 1e6 / kPairs,
