@@ -207,7 +207,10 @@ bool QMKeychainItem::save(ErrorRef* error)
 
 bool QMKeychainItem::destroy(ErrorRef* error)
 {
-    const OSStatus status = SecItemDelete(queryAttributesWithAttributes(itemAttributes_));
+    // An entry that was never stored names no item: its empty query would
+    // match, and delete, the first stored item of its class. It is reported
+    // as the item that cannot be found.
+    const OSStatus status = isNew() ? errSecItemNotFound : SecItemDelete(queryAttributesWithAttributes(itemAttributes_));
     // Deliberately narrowed to the status's low byte, read as a signed byte.
     const auto lowByte = static_cast<std::int8_t>(static_cast<std::uint8_t>(static_cast<std::uint32_t>(status) & 0xffu));
     if (lowByte == 0) {

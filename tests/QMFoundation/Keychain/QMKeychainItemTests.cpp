@@ -253,6 +253,17 @@ TEST_F(QMKeychainItemTest, DestroyLooksOnlyAtTheLowByteOfTheStatus)
     EXPECT_TRUE(error->userInfo().empty());  // 44 is no keychain status
 }
 
+TEST_F(QMKeychainItemTest, DestroyingAnEntryNeverStoredDeletesNothing)
+{
+    ASSERT_NE(QMGenericPasswordKeychainItem::addGenericPasswordToKeychain(nullptr, "jo", "svc", "pw"), nullptr);
+    const auto unsaved = QMGenericPasswordKeychainItem::genericPasswordItemWithKeychain(nullptr, "someone", "other", "x");
+    ErrorRef error;
+    EXPECT_FALSE(unsaved->destroy(&error));
+    ASSERT_NE(error, nullptr);
+    EXPECT_EQ(error->code(), 44);
+    EXPECT_NE(QMGenericPasswordKeychainItem::findGenericPasswordItemForAccount("jo", "svc"), nullptr);
+}
+
 TEST_F(QMKeychainItemTest, AnItemWithAReferenceButNoKeychainBelongsToTheReferencedKeychain)
 {
     const auto keychain = QMKeychain::keychainWithPath(sandboxPath("own.keychain"), std::nullopt);
