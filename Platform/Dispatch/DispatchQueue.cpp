@@ -21,6 +21,7 @@ constexpr int kMainQueueBatch = 32;
 // How long a drainer that ran out of work keeps looking before it lets the
 // queue go idle (each spin is one pause instruction).
 constexpr int kIdleSpins = 256;
+constexpr int kSpinsPerLook = 16;
 
 inline void spinPause()
 {
@@ -65,94 +66,98 @@ DispatchTime dispatchTimeFromNow(double seconds)
 }
 
 // A block waiting its turn, or a synchronous caller waiting for its turn.
+// One cache line.
 struct DispatchQueue::Node {
     std::atomic<Node*> next{nullptr};
     std::function<void()> block;
     std::shared_ptr<SyncWaiter> waiter;
+    Slab* slab = nullptr;
 };
 
-// Nodes are recycled instead of freed: the producers allocate them and the
-// drainer releases them, always on different threads, which is the one
-// pattern per-thread allocator caches do not help with. The drainer returns
-// them in batches to one shared stack; a producer takes the whole stack at
-// once (so there is no ABA problem) into a cache of its own.
-struct DispatchQueue::NodePool {
-    static constexpr int kMaximumShared = 65536;
+// Nodes come from slabs that each submitting thread fills in order, so a
+// burst of submissions lies in consecutive memory and the drainer walks it
+// the way the hardware prefetches, instead of chasing pointers across the
+// heap. A slab is done with when the last of its nodes has run; the
+// submitting thread lets go of a slab as soon as it has handed out its last
+// node. Finished slabs are kept for reuse (up to a bound) on a shared stack,
+// which a thread needing slabs takes whole, so there is no ABA problem.
+struct DispatchQueue::Slab {
+    static constexpr int kNodes = 64;
+    static constexpr int kMaximumSpare = 256;  // 1 MiB of spare slabs at most
 
-    struct Cache {
-        Node* head = nullptr;
-        ~Cache()
+    Node nodes[kNodes];
+    alignas(64) std::atomic<int> finished{0};
+    Slab* nextSpare = nullptr;
+
+    static inline std::atomic<Slab*> spares{nullptr};
+    static inline std::atomic<int> spareCount{0};  // approximate: only bounds the stack
+
+    // Counts `count` nodes as done with; the call that completes the slab
+    // keeps it for reuse or frees it.
+    void finish(int count)
+    {
+        if (finished.fetch_add(count, std::memory_order_acq_rel) + count != kNodes) {
+            return;
+        }
+        if (spareCount.fetch_add(1, std::memory_order_relaxed) >= kMaximumSpare) {
+            spareCount.fetch_sub(1, std::memory_order_relaxed);
+            delete this;
+            return;
+        }
+        finished.store(0, std::memory_order_relaxed);
+        Slab* head = spares.load(std::memory_order_relaxed);
+        do {
+            nextSpare = head;
+        } while (!spares.compare_exchange_weak(head, this, std::memory_order_release, std::memory_order_relaxed));
+    }
+
+    // The submitting thread's slab in progress and the spares it took.
+    struct Current {
+        Slab* slab = nullptr;
+        int handedOut = 0;
+        Slab* spare = nullptr;
+        ~Current()
         {
-            while (Node* node = head) {
-                head = node->next.load(std::memory_order_relaxed);
-                delete node;
+            // A thread that ends returns the nodes it never handed out.
+            if (slab != nullptr) {
+                slab->finish(kNodes - handedOut);
+            }
+            while (Slab* unused = spare) {
+                spare = unused->nextSpare;
+                spareCount.fetch_sub(1, std::memory_order_relaxed);
+                delete unused;
             }
         }
     };
 
-    static inline std::atomic<Node*> shared{nullptr};
-    static inline std::atomic<int> sharedCount{0};  // approximate: bounds what the stack keeps
+    static Slab* fresh(Current& current)
+    {
+        if (current.spare == nullptr) {
+            current.spare = spares.exchange(nullptr, std::memory_order_acquire);
+        }
+        if (Slab* reused = current.spare) {
+            current.spare = reused->nextSpare;
+            spareCount.fetch_sub(1, std::memory_order_relaxed);
+            return reused;
+        }
+        return new Slab;
+    }
 
     static Node* take()
     {
-        thread_local Cache cache;
-        if (cache.head == nullptr) {
-            cache.head = shared.exchange(nullptr, std::memory_order_acquire);
-            sharedCount.store(0, std::memory_order_relaxed);
+        thread_local Current current;
+        if (current.slab == nullptr) {
+            current.slab = fresh(current);
+            current.handedOut = 0;
         }
-        if (Node* node = cache.head) {
-            cache.head = node->next.load(std::memory_order_relaxed);
-            node->next.store(nullptr, std::memory_order_relaxed);
-            return node;
+        Node* node = &current.slab->nodes[current.handedOut];
+        node->slab = current.slab;
+        node->next.store(nullptr, std::memory_order_relaxed);
+        if (++current.handedOut == kNodes) {
+            current.slab = nullptr;  // every node is out: the drainers own the slab now
         }
-        return new Node;
+        return node;
     }
-
-    static void give(Node* first, Node* last, int count)
-    {
-        if (sharedCount.load(std::memory_order_relaxed) + count > kMaximumShared) {
-            for (Node* node = first; node != nullptr;) {
-                Node* next = node == last ? nullptr : node->next.load(std::memory_order_relaxed);
-                delete node;
-                node = next;
-            }
-            return;
-        }
-        sharedCount.fetch_add(count, std::memory_order_relaxed);
-        Node* head = shared.load(std::memory_order_relaxed);
-        do {
-            last->next.store(head, std::memory_order_relaxed);
-        } while (!shared.compare_exchange_weak(head, first, std::memory_order_release, std::memory_order_relaxed));
-    }
-};
-
-// The nodes one drain has finished with, handed back to the pool in batches.
-struct DispatchQueue::Retired {
-    static constexpr int kBatch = 64;
-    Node* first = nullptr;
-    Node* last = nullptr;
-    int count = 0;
-
-    void add(Node* node)
-    {
-        node->next.store(first, std::memory_order_relaxed);
-        first = node;
-        if (last == nullptr) {
-            last = node;
-        }
-        if (++count == kBatch) {
-            flush();
-        }
-    }
-    void flush()
-    {
-        if (count > 0) {
-            NodePool::give(first, last, count);
-        }
-        first = last = nullptr;
-        count = 0;
-    }
-    ~Retired() { flush(); }
 };
 
 // The hand-over between the draining thread and a synchronous caller: the
@@ -163,19 +168,16 @@ struct DispatchQueue::SyncWaiter {
     std::binary_semaphore done{0};
 };
 
+// The mark in `head_` of a queue that nobody drains.
+DispatchQueue::Node DispatchQueue::idleMark;
+
 DispatchQueue::DispatchQueue(std::string label, bool isMain)
-    : label_(std::move(label)), isMain_(isMain), tail_(new Node), head_(tail_.load())
+    : label_(std::move(label)), isMain_(isMain), head_(&idleMark)
 {
 }
 
-DispatchQueue::~DispatchQueue()
-{
-    // Only reached with nothing pending (blocks hold their queue): the stub remains.
-    while (Node* node = head_) {
-        head_ = node->next.load();
-        delete node;
-    }
-}
+// Only reached with nothing pending, since pending blocks hold their queue.
+DispatchQueue::~DispatchQueue() = default;
 
 DispatchQueueRef DispatchQueue::create(std::string label)
 {
@@ -201,34 +203,22 @@ std::string DispatchQueue::description() const
     return "<OS_dispatch_queue_serial: " + label_ + "[" + addressString() + "]>";
 }
 
-void DispatchQueue::push(Node* node)
+bool DispatchQueue::push(Node* node)
 {
-    Node* previous = tail_.exchange(node, std::memory_order_acq_rel);
-    previous->next.store(node, std::memory_order_release);
-}
-
-DispatchQueue::Node* DispatchQueue::tryPop(Retired& retired)
-{
-    Node* next = head_->next.load(std::memory_order_acquire);
-    if (next == nullptr) {
-        return nullptr;
-    }
-    retired.add(head_);
-    head_ = next;  // `next` becomes the stub; its payload is taken by the caller
-    return next;
+    Node* head = head_.load(std::memory_order_relaxed);
+    do {
+        node->next.store(head == &idleMark ? nullptr : head, std::memory_order_relaxed);
+    } while (!head_.compare_exchange_weak(head, node, std::memory_order_release, std::memory_order_relaxed));
+    return head == &idleMark;
 }
 
 void DispatchQueue::async(std::function<void()> block)
 {
     PLATFORM_PARAMETER_ASSERT(block != nullptr, "block != NULL");
-    auto* node = NodePool::take();
+    auto* node = Slab::take();
     node->block = std::move(block);
-    // Counted before it is linked, so the drainer never runs a block that
-    // `pending_` does not include yet.
-    const bool wasIdle = pending_.fetch_add(1, std::memory_order_acq_rel) == 0;
-    push(node);
-    if (wasIdle) {
-        scheduleDrain();
+    if (push(node)) {
+        scheduleDrain();  // the queue was idle: this submission owns it now
     }
 }
 
@@ -253,47 +243,76 @@ void DispatchQueue::scheduleDrain()
 void DispatchQueue::drain()
 {
     QueueScope scope(this);
-    Retired retired;
-    // Finished blocks are counted off `pending_` in batches, when the list
-    // looks empty, so that the producers' counter is not bounced between
-    // threads once per block.
-    std::int64_t finished = 0;
+    // Consecutive nodes mostly share a slab: they are counted off together.
+    struct Finished {
+        Slab* slab = nullptr;
+        int count = 0;
+        void add(Node* node)
+        {
+            if (node->slab != slab) {
+                flush();
+                slab = node->slab;
+            }
+            ++count;
+        }
+        void flush()
+        {
+            if (slab != nullptr) {
+                slab->finish(count);
+            }
+            slab = nullptr;
+            count = 0;
+        }
+        ~Finished() { flush(); }
+    } finished;
     for (int ran = 0;; ++ran) {
+        if (ready_ == nullptr) {
+            // Take everything submitted so far in one step; it arrives newest
+            // first and is turned around into submission order.
+            Node* taken = head_.exchange(nullptr, std::memory_order_acquire);
+            if (taken == nullptr) {
+                // Before letting go, look for new work a little while: a
+                // producer in full flow submits again within microseconds, and
+                // keeping the queue spares it handing the queue to a parked
+                // thread again.
+                // (Looking seldom: every look pulls the producers' cache line away.)
+                for (int spin = 0; spin < kIdleSpins; spin += kSpinsPerLook) {
+                    for (int pause = 0; pause < kSpinsPerLook; ++pause) {
+                        spinPause();
+                    }
+                    if (head_.load(std::memory_order_relaxed) != nullptr) {
+                        break;
+                    }
+                }
+                Node* empty = nullptr;
+                if (head_.compare_exchange_strong(empty, &idleMark, std::memory_order_acq_rel)) {
+                    return;  // nothing was submitted meanwhile: the queue is idle
+                }
+                continue;
+            }
+            while (taken != nullptr) {
+                Node* next = taken->next.load(std::memory_order_relaxed);
+                taken->next.store(ready_, std::memory_order_relaxed);
+                ready_ = taken;
+                taken = next;
+            }
+        }
         if (isMain_ && ran == kMainQueueBatch) {
-            pending_.fetch_sub(finished, std::memory_order_acq_rel);
-            scheduleDrain();  // still owned: the next batch continues in a later pass of the loop
+            scheduleDrain();  // still owned: the rest runs in a later pass of the loop
             return;
         }
-        Node* node = tryPop(retired);
-        if (node == nullptr) {
-            // Before letting go, look for new work a little while: a producer
-            // in full flow submits again within microseconds, and keeping the
-            // queue spares it handing the queue to a parked thread again.
-            for (int spin = 0; spin < kIdleSpins && pending_.load(std::memory_order_acquire) == finished; ++spin) {
-                spinPause();
-            }
-            if (pending_.fetch_sub(finished, std::memory_order_acq_rel) == finished) {
-                return;  // nothing was submitted meanwhile: the queue is idle
-            }
-            // A producer has counted its block but may not have linked it yet;
-            // it is a few instructions away.
-            finished = 0;
-            if (head_->next.load(std::memory_order_acquire) == nullptr) {
-                std::this_thread::yield();
-            }
-            continue;
-        }
+        Node* node = ready_;
+        ready_ = node->next.load(std::memory_order_relaxed);
         if (node->waiter != nullptr) {
             const auto waiter = std::move(node->waiter);
             node->waiter = nullptr;
             waiter->turn.release();
             waiter->done.acquire();
         } else {
-            std::function<void()> block = std::move(node->block);
+            node->block();
             node->block = nullptr;
-            block();
         }
-        ++finished;
+        finished.add(node);
     }
 }
 
@@ -304,15 +323,16 @@ void DispatchQueue::syncInvoke(void (*function)(void*), void* context)
     }
     PLATFORM_ASSERT(!threadRuns(this), "dispatch_sync called on queue already owned by current thread");
 
-    std::int64_t idle = 0;
-    if (!isMain_ && pending_.compare_exchange_strong(idle, 1, std::memory_order_acq_rel)) {
+    Node* idle = &idleMark;
+    if (!isMain_ && head_.compare_exchange_strong(idle, nullptr, std::memory_order_acquire)) {
         // Idle: the caller owns the queue while its block runs.
         struct Own {
             DispatchQueue& queue;
             QueueScope scope;
             ~Own()
             {
-                if (queue.pending_.fetch_sub(1, std::memory_order_acq_rel) > 1) {
+                Node* empty = nullptr;
+                if (!queue.head_.compare_exchange_strong(empty, &idleMark, std::memory_order_acq_rel)) {
                     queue.scheduleDrain();  // blocks that arrived meanwhile found the queue owned
                 }
             }
@@ -334,11 +354,9 @@ void DispatchQueue::syncInvoke(void (*function)(void*), void* context)
         return;
     }
 
-    auto* node = NodePool::take();
+    auto* node = Slab::take();
     node->waiter = waiter;
-    const bool wasIdle = pending_.fetch_add(1, std::memory_order_acq_rel) == 0;
-    push(node);
-    if (wasIdle) {
+    if (push(node)) {
         scheduleDrain();
     }
     waiter->turn.acquire();

@@ -40,6 +40,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -74,7 +75,10 @@ public:
     template <typename Block>
     void sync(Block&& block)
     {
-        syncInvoke([](void* context) { (*static_cast<std::remove_reference_t<Block>*>(context))(); }, &block);
+        // No copy and no allocation: the block is called where it lives.
+        using Callable = std::remove_reference_t<Block>;
+        syncInvoke([](void* context) { (*static_cast<Callable*>(context))(); },
+                   const_cast<void*>(static_cast<const void*>(std::addressof(block))));
     }
 
     void setSpecific(const void* key, void* value);
@@ -85,29 +89,28 @@ public:
 
 private:
     struct Node;
-    struct NodePool;
-    struct Retired;
+    struct Slab;
     struct SyncWaiter;
     DispatchQueue(std::string label, bool isMain);
 
     void syncInvoke(void (*function)(void*), void* context);
-    void push(Node* node);
-    Node* tryPop(Retired& retired);
+    // Returns true when the queue was idle: the caller must have it drained.
+    bool push(Node* node);
     void scheduleDrain();
     void drain();
+
+    static Node idleMark;
 
     const std::string label_;
     const bool isMain_;
 
-    // A lock-free multi-producer, single-consumer list: producers swap
-    // themselves in at `tail_`; only the draining thread touches `head_`.
-    // The producers' fields and the drainer's live on separate cache lines.
-    alignas(64) std::atomic<Node*> tail_;
-    // Blocks submitted and not yet finished, plus one for a caller running a
-    // block synchronously on an idle queue. Whoever raises it from zero owns
-    // the queue and must see it drained.
-    std::atomic<std::int64_t> pending_{0};
-    alignas(64) Node* head_;
+    // Submitted blocks, newest first, pushed with one compare-and-swap each.
+    // Holds `&idleMark` while nobody drains the queue (or runs a block on it
+    // synchronously); whoever replaces the mark owns the queue and sees it
+    // drained. The draining thread takes the whole list at once.
+    alignas(64) std::atomic<Node*> head_;
+    // The drainer's own: taken blocks, oldest first, not yet run.
+    alignas(64) Node* ready_ = nullptr;
 
     alignas(64) mutable std::mutex specificsMutex_;  // guards `specifics_`
     std::vector<std::pair<const void*, void*>> specifics_;

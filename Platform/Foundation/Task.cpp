@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <system_error>
@@ -24,6 +25,10 @@ extern char** environ;
 
 namespace platform {
 namespace {
+
+// How long the monitor leaves an ended child to its launching thread before
+// it reaps it itself.
+constexpr auto kReapGrace = std::chrono::milliseconds(20);
 
 [[noreturn]] void raiseLaunchFailure(const std::string& problem)
 {
@@ -271,6 +276,7 @@ void Task::launch()
     launched_ = true;
     pid_ = pid;
     pidfd_ = openProcessDescriptor(pid);
+    const int pidfd = pidfd_;
     const auto loop = RunLoop::currentRunLoop();
     launchLoop_ = loop;
     lock.unlock();
@@ -281,61 +287,99 @@ void Task::launch()
         }
     }
 
-    // The launching thread's run loop keeps this source until the
-    // notification is out, which is what keeps that loop from looking empty.
-    auto sourceCell = std::make_shared<std::weak_ptr<RunLoopSource>>();
     const std::weak_ptr<RunLoop> weakLoop = loop;
-    const auto source = RunLoopSource::create([self, sourceCell, weakLoop] {
-        if (const auto launching = weakLoop.lock(); launching && !sourceCell->expired()) {
-            launching->removeSource(sourceCell->lock(), NSRunLoopCommonModes);
+    if (pidfd >= 0) {
+        // The launching loop watches the process descriptor itself, so the
+        // thread that posts the notification is woken by the child's end
+        // directly. Until it has posted, the source keeps the loop non-empty.
+        auto cell = std::make_shared<std::weak_ptr<FileDescriptorSource>>();
+        const auto source = FileDescriptorSource::create(pidfd, FileDescriptorSource::Readable, [self, cell, weakLoop](int, unsigned) {
+            self->reapIfEnded();
+            if (self->isRunning()) {
+                return;
+            }
+            if (const auto watched = cell->lock()) {
+                watched->invalidate();
+                if (const auto launching = weakLoop.lock()) {
+                    launching->removeFileDescriptorSource(watched, NSRunLoopCommonModes);
+                }
+            }
+            self->postTermination();
+        });
+        *cell = source;
+        loop->addFileDescriptorSource(source, NSRunLoopCommonModes);
+        // The monitor reaps as well, so that no zombie is left behind when the
+        // launching thread does not run its loop again. It leaves the first
+        // moments to that thread, which is usually waiting for exactly this,
+        // and keeps out of its way meanwhile.
+        try {
+            EventMonitor::shared().watch(pidfd, EPOLLIN, [self](EventMonitor::Token token, std::uint32_t) {
+                EventMonitor::shared().unwatch(token);
+                EventMonitor::shared().addTimer(EventMonitor::Clock::now() + kReapGrace, kReapGrace,
+                                                [self] { self->reapIfEnded(); });
+            });
+        } catch (const std::system_error&) {
+            // Out of descriptors: the launching loop alone reaps.
         }
-        NotificationCenter::defaultCenter()->postNotificationName(std::string(NSTaskDidTerminateNotification), self);
-        std::lock_guard ended(self->mutex_);
-        self->notified_ = true;
-        self->ended_.notify_all();
-    });
-    *sourceCell = source;
-    loop->addSource(source, NSRunLoopCommonModes);
+        return;
+    }
 
-    const auto reap = [self, source, pid] {
+    // No process descriptors: a thread waits for the child and signals a
+    // source of the launching loop, which posts.
+    auto cell = std::make_shared<std::weak_ptr<RunLoopSource>>();
+    const auto source = RunLoopSource::create([self, cell, weakLoop] {
+        if (const auto launching = weakLoop.lock(); launching && !cell->expired()) {
+            launching->removeSource(cell->lock(), NSRunLoopCommonModes);
+        }
+        self->postTermination();
+    });
+    *cell = source;
+    loop->addSource(source, NSRunLoopCommonModes);
+    std::thread([self, source, pid] {
         int status = 0;
         while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
         }
-        self->reaped(status);
+        self->recordEnd(status);
         source->signal();
-    };
-    if (pidfd_ >= 0) {
-        try {
-            // The process descriptor turns readable when the child has ended.
-            EventMonitor::shared().watch(pidfd_, EPOLLIN, [reap](EventMonitor::Token token, std::uint32_t) {
-                reap();
-                EventMonitor::shared().unwatch(token);
-            });
-            return;
-        } catch (const std::system_error&) {
-            // Out of descriptors: wait the plain way below.
-        }
-    }
-    std::thread(reap).detach();
+    }).detach();
 }
 
-void Task::reaped(int status)
+void Task::reapIfEnded()
+{
+    int status = 0;
+    {
+        // Under the lock, so that of the threads that notice the end only
+        // one reaps the child.
+        std::lock_guard lock(mutex_);
+        if (terminated_ || ::waitpid(pid_, &status, WNOHANG) != pid_) {
+            return;
+        }
+    }
+    recordEnd(status);
+}
+
+void Task::recordEnd(int status)
 {
     TerminationHandler handler;
     {
         std::lock_guard lock(mutex_);
         status_ = status;
         terminated_ = true;
-        if (pidfd_ >= 0) {
-            ::close(pidfd_);
-            pidfd_ = -1;
-        }
         handler = terminationHandler_;
         ended_.notify_all();
     }
     if (handler) {
         WorkerPool::shared().submit([self = std::static_pointer_cast<Task>(shared_from_this()), handler] { handler(*self); });
     }
+}
+
+void Task::postTermination()
+{
+    NotificationCenter::defaultCenter()->postNotificationName(std::string(NSTaskDidTerminateNotification),
+                                                            std::static_pointer_cast<Task>(shared_from_this()));
+    std::lock_guard lock(mutex_);
+    notified_ = true;
+    ended_.notify_all();
 }
 
 void Task::signalChild(int signal)

@@ -13,9 +13,10 @@
 // - The child gets exactly the descriptors it is given as standard streams
 //   (an unset stream is inherited); every other descriptor is closed in it.
 //   Signal dispositions and the signal mask are reset to their defaults.
-// - When the child ends, the process reaps it at once (no zombie remains, even
-//   if nobody asks), whether or not anyone holds the task; a running task is
-//   kept alive until then.
+// - When the child ends it is reaped: at once by the launching thread's run
+//   loop, or within some milliseconds by the runtime if that loop is not run,
+//   so no zombie remains even if nobody asks. A running task is kept alive
+//   until then, whether or not anyone holds it.
 // - Then, in no promised order relative to each other: the termination
 //   handler runs on a worker thread, and "NSTaskDidTerminateNotification" is
 //   posted to the default centre on the thread that launched the task, from
@@ -98,7 +99,10 @@ public:
 
 private:
     Task() = default;
-    void reaped(int status);
+    // Reaps the child if it has ended and nobody reaped it yet.
+    void reapIfEnded();
+    void recordEnd(int status);
+    void postTermination();
     void signalChild(int signal);
 
     mutable std::mutex mutex_;  // guards the fields below
@@ -115,7 +119,7 @@ private:
     bool terminated_ = false;
     bool notified_ = false;
     int pid_ = 0;
-    int pidfd_ = -1;
+    int pidfd_ = -1;  // open until the task goes: the launching loop may still watch it
     int status_ = 0;
     std::weak_ptr<RunLoop> launchLoop_;
 };

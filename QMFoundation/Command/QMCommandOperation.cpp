@@ -676,10 +676,14 @@ void QMCommandOperation::taskDidTerminate(const platform::Notification& notifica
     unregisterObservers();
     // Chunks already handed over go first, then whatever is left in the pipes.
     fileHandleNotificationQueue_->waitUntilAllOperationsAreFinished();
-    const auto self = std::static_pointer_cast<QMCommandOperation>(shared_from_this());
-    performBlock(*fileHandleNotificationQueue_, [self] { self->readRestOf(Stream::Output); });
-    performBlock(*fileHandleNotificationQueue_, [self] { self->readRestOf(Stream::Error); });
-    fileHandleNotificationQueue_->waitUntilAllOperationsAreFinished();
+    // A stream already at its end has no rest to read; when both are, the
+    // round trip through the queue would only do nothing, so it is skipped.
+    if (!isStandardOutputClosed() || !isStandardErrorClosed()) {
+        const auto self = std::static_pointer_cast<QMCommandOperation>(shared_from_this());
+        performBlock(*fileHandleNotificationQueue_, [self] { self->readRestOf(Stream::Output); });
+        performBlock(*fileHandleNotificationQueue_, [self] { self->readRestOf(Stream::Error); });
+        fileHandleNotificationQueue_->waitUntilAllOperationsAreFinished();
+    }
 
     platform::RunLoopSourceRef endHandled;
     {

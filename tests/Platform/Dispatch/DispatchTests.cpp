@@ -74,6 +74,49 @@ TEST(DispatchQueue, RunsBlocksOneAtATimeInSubmissionOrderPerThread)
     }
 }
 
+TEST(DispatchQueue, SyncSeesEveryEarlierAsyncOfItsThreadWhileOthersSubmitToo)
+{
+    const auto queue = DispatchQueue::create("test.mixed");
+    constexpr int kThreads = 4;
+    constexpr int kEach = 3000;
+    std::vector<int> ran(kThreads, 0);  // touched only on the queue
+    std::atomic<int> inside{0};
+    std::atomic<bool> overlapped{false};
+    std::atomic<int> stale{0};
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < kThreads; ++thread) {
+        threads.emplace_back([&, thread] {
+            const auto slot = static_cast<std::size_t>(thread);
+            for (int index = 1; index <= kEach; ++index) {
+                const auto body = [&, slot, index] {
+                    if (++inside != 1) {
+                        overlapped.store(true);
+                    }
+                    if (ran[slot] != index - 1) {
+                        stale.fetch_add(1);
+                    }
+                    ran[slot] = index;
+                    --inside;
+                };
+                // Every seventh submission waits: it must come after all of
+                // this thread's earlier ones, whichever way the queue runs it.
+                if (index % 7 == 0) {
+                    queue->sync(body);
+                } else {
+                    queue->async(body);
+                }
+            }
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    queue->sync([] {});
+    EXPECT_FALSE(overlapped.load());
+    EXPECT_EQ(stale.load(), 0) << "a block ran out of its thread's order";
+    EXPECT_EQ(ran, std::vector<int>(kThreads, kEach));
+}
+
 TEST(DispatchQueue, SyncOnAnIdleQueueRunsOnTheCallerWithTheQueuesLabelAndValues)
 {
     const auto queue = DispatchQueue::create("test.idle");
