@@ -5,6 +5,7 @@
 // reported. The target is a ratio of at most 1.3.
 //
 //   command_operation [RUNS]
+#include "bench/BenchmarkSupport.h"
 #include "QMFoundation/Command/QMCommandOperation.h"
 
 #include <sys/wait.h>
@@ -21,12 +22,6 @@ extern char** environ;
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-double median(std::vector<double> samples)
-{
-    std::sort(samples.begin(), samples.end());
-    return samples[samples.size() / 2];
-}
 
 double secondsFor(long runs, void (*run)())
 {
@@ -79,11 +74,11 @@ int main(int argc, char** argv)
     for (int round = 0; round < kRounds; ++round) {
         ratios.push_back(command[static_cast<std::size_t>(round)] / plain[static_cast<std::size_t>(round)]);
     }
-    const double commandSeconds = median(command);
-    const double plainSeconds = median(plain);
+    const double commandSeconds = bench::median(command);
+    const double plainSeconds = bench::median(plain);
     std::printf("%ld runs of /bin/true: QMCommandOperation %.3f s (%.0f us each)   posix_spawn+waitpid %.3f s (%.0f us each)"
                 "   ratio %.2f (median of rounds %.2f; target <= 1.3)\n",
                 runs, commandSeconds, commandSeconds * 1e6 / static_cast<double>(runs), plainSeconds,
-                plainSeconds * 1e6 / static_cast<double>(runs), commandSeconds / plainSeconds, median(ratios));
+                plainSeconds * 1e6 / static_cast<double>(runs), commandSeconds / plainSeconds, bench::median(ratios));
     return 0;
 }

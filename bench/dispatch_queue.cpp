@@ -11,6 +11,7 @@
 // medians of the rounds and of the per-round ratios are reported.
 //
 //   dispatch_queue [SUBMISSIONS] [ROUND_TRIPS]
+#include "bench/BenchmarkSupport.h"
 #include "Platform/Dispatch/DispatchQueue.h"
 #include "Platform/Dispatch/DispatchSemaphore.h"
 
@@ -95,12 +96,6 @@ private:
     std::thread worker_;
 };
 
-double median(std::vector<double> samples)
-{
-    std::sort(samples.begin(), samples.end());
-    return samples[samples.size() / 2];
-}
-
 double seconds(Clock::duration elapsed)
 {
     return std::chrono::duration<double>(elapsed).count();
@@ -170,13 +165,13 @@ int main(int argc, char** argv)
         textbookTrip.push_back(roundTripNanoseconds(textbook, roundTrips));
     }
 
-    std::printf("async submissions/s (until the last has run): serial queue %.3g\n", median(queueRate));
-    std::printf("  mutex+condvar worker, one block per lock:   %.3g   ratio %.2f (target >= 1)\n", median(textbookRate),
-                median(textbookRatios));
-    std::printf("  mutex+condvar worker, all blocks per lock:  %.3g   ratio %.2f\n", median(batchingRate),
-                median(batchingRatios));
+    std::printf("async submissions/s (until the last has run): serial queue %.3g\n", bench::median(queueRate));
+    std::printf("  mutex+condvar worker, one block per lock:   %.3g   ratio %.2f (target >= 1)\n", bench::median(textbookRate),
+                bench::median(textbookRatios));
+    std::printf("  mutex+condvar worker, all blocks per lock:  %.3g   ratio %.2f\n", bench::median(batchingRate),
+                bench::median(batchingRatios));
     std::printf("sync round trip (ns): serial queue %.0f   mutex+condvar worker %.0f   ratio %.0f (baseline / queue)\n",
-                median(queueTrip), median(textbookTrip), median(textbookTrip) / median(queueTrip));
+                bench::median(queueTrip), bench::median(textbookTrip), bench::median(textbookTrip) / bench::median(queueTrip));
     std::printf("(ratios are medians of per-round ratios; the variants alternate, %d rounds)\n", kRounds);
     return 0;
 }
