@@ -310,6 +310,9 @@ void Operation::waitUntilFinished()
         OperationQueue::pumpMainRunLoopUntil([this] { return completed_.load(); });
         return;
     }
+    if (owner && !owner->isMainQueue()) {
+        owner->runIfStillDispatched(*this);
+    }
     std::unique_lock lock(mutex_);
     ended_.wait(lock, [this] { return completed_.load(); });
 }

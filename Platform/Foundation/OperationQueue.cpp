@@ -180,6 +180,7 @@ void OperationQueue::schedule()
 {
     std::vector<OperationRef> startable;
     std::shared_ptr<OperationQueue> self;
+    std::function<void()> servicing;
     {
         std::lock_guard lock(mutex_);
         if (suspended_ || operations_.empty()) {
@@ -202,13 +203,25 @@ void OperationQueue::schedule()
             return;
         }
         self = keepAlive_;
-    }
-    Continuation* continuation = currentContinuation;
-    for (auto& operation : startable) {
+        Continuation* continuation = currentContinuation;
         if (continuation != nullptr && continuation->queue == this && continuation->accepting && !continuation->next) {
-            continuation->next = std::move(operation);
-            continue;
+            continuation->next = std::move(startable.front());
+            startable.erase(startable.begin());
         }
+        if (!isMain_) {
+            for (const auto& operation : startable) {
+                dispatched_.push_back(operation.get());
+            }
+        }
+        servicing = servicingWaker_;
+    }
+    // A thread that waits for the queue may take these on itself.
+    changed_.notify_all();
+    if (servicing) {
+        servicing();  // the servicing thread runs them; no worker is woken
+        return;
+    }
+    for (auto& operation : startable) {
         auto job = [self, operation = std::move(operation)] { self->run(operation); };
         if (isMain_) {
             RunLoop::mainRunLoop()->performBlock(std::move(job));
@@ -219,6 +232,76 @@ void OperationQueue::schedule()
 }
 
 void OperationQueue::run(const OperationRef& operation)
+{
+    if (!isMain_) {
+        std::lock_guard lock(mutex_);
+        const auto found = std::find(dispatched_.begin(), dispatched_.end(), operation.get());
+        if (found == dispatched_.end()) {
+            return;  // a waiting thread ran it already
+        }
+        dispatched_.erase(found);
+    }
+    execute(operation);
+}
+
+bool OperationQueue::runIfStillDispatched(const Operation& operation)
+{
+    OperationRef taken;
+    {
+        std::lock_guard lock(mutex_);
+        const auto found = std::find(dispatched_.begin(), dispatched_.end(), &operation);
+        if (found == dispatched_.end()) {
+            return false;
+        }
+        dispatched_.erase(found);
+        for (const auto& held : operations_) {
+            if (held.get() == &operation) {
+                taken = held;
+            }
+        }
+    }
+    execute(taken);
+    return true;
+}
+
+void OperationQueue::setServicingWaker(std::function<void()> waker)
+{
+    PLATFORM_PARAMETER_ASSERT(!isMain_ || !waker, "!isMainQueue");
+    std::vector<OperationRef> orphaned;
+    std::shared_ptr<OperationQueue> self;
+    {
+        std::lock_guard lock(mutex_);
+        servicingWaker_ = std::move(waker);
+        if (servicingWaker_) {
+            return;
+        }
+        for (const auto& operation : operations_) {
+            if (std::find(dispatched_.begin(), dispatched_.end(), operation.get()) != dispatched_.end()) {
+                orphaned.push_back(operation);
+            }
+        }
+        self = keepAlive_;
+    }
+    // Whatever the servicing thread left goes to the workers after all.
+    for (auto& operation : orphaned) {
+        WorkerPool::shared().submit([self, operation = std::move(operation)] { self->run(operation); });
+    }
+}
+
+bool OperationQueue::runPendingOperationOnCurrentThread()
+{
+    const Operation* next = nullptr;
+    {
+        std::lock_guard lock(mutex_);
+        if (dispatched_.empty()) {
+            return false;
+        }
+        next = dispatched_.front();
+    }
+    return runIfStillDispatched(*next);
+}
+
+void OperationQueue::execute(const OperationRef& operation)
 {
     CurrentQueueScope scope(this);
     Continuation continuation{this, operation};
@@ -244,7 +327,7 @@ void OperationQueue::operationDidEnd(const Operation& operation)
             released = std::move(keepAlive_);
         }
     }
-    emptied_.notify_all();
+    changed_.notify_all();
     Continuation* continuation = currentContinuation;
     const bool inOwnJob = continuation != nullptr && continuation->queue == this;
     if (inOwnJob) {
@@ -276,8 +359,25 @@ void OperationQueue::waitUntilAllOperationsAreFinished()
         pumpMainRunLoopUntil([this] { return operationCount() == 0; });
         return;
     }
-    std::unique_lock lock(mutex_);
-    emptied_.wait(lock, [this] { return operations_.empty(); });
+    if (isMain_) {
+        std::unique_lock lock(mutex_);
+        changed_.wait(lock, [this] { return operations_.empty(); });
+        return;
+    }
+    // Rather than sleep while a worker thread is being woken for it, the
+    // waiting thread runs the queue's next operation itself when one is
+    // handed out but not begun yet: which thread runs an operation is not
+    // promised, and the order is the queue's either way.
+    for (;;) {
+        {
+            std::unique_lock lock(mutex_);
+            changed_.wait(lock, [this] { return operations_.empty() || !dispatched_.empty(); });
+            if (operations_.empty()) {
+                return;
+            }
+        }
+        runPendingOperationOnCurrentThread();
+    }
 }
 
 }  // namespace platform

@@ -22,6 +22,9 @@
 //   queue); the order in which operations of a concurrent queue end.
 // - Waiting for the queue from one of its own operations is a programming
 //   error, raised rather than left to deadlock.
+// - A thread that waits for the queue (or for one of its operations) may run
+//   an operation that is due but not yet begun itself, instead of sleeping
+//   until a worker thread gets to it.
 #pragma once
 
 #include "Platform/Foundation/Object.h"
@@ -74,22 +77,42 @@ public:
 
     bool isMainQueue() const { return isMain_; }
 
+    // Runs on the calling thread the queue's next operation that is due but
+    // not yet begun by a worker thread; false when there is none (always for
+    // the main queue). For a thread that waits on the queue's work anyway.
+    bool runPendingOperationOnCurrentThread();
+    // While set, operations that come due are not handed to worker threads:
+    // `waker` is called instead (on the thread that made them due) and the
+    // thread it wakes runs them with runPendingOperationOnCurrentThread.
+    // Setting nothing hands whatever is left to the workers. For a thread
+    // that blocks until the queue's next operation has run anyway. Not for
+    // the main queue.
+    void setServicingWaker(std::function<void()> waker);
+
 private:
     friend class Operation;
     explicit OperationQueue(bool isMain);
 
     // Starts every operation that may start now.
     void schedule();
+    // The job of a worker thread: runs the operation unless a waiting
+    // thread has taken it on meanwhile.
     void run(const OperationRef& operation);
+    // Runs `operation` on the calling thread if it is handed out to a worker
+    // that has not begun it; false otherwise.
+    bool runIfStillDispatched(const Operation& operation);
+    void execute(const OperationRef& operation);
     void operationDidEnd(const Operation& operation);
     // Waits on the main thread for the main queue by running the main run loop.
     static void pumpMainRunLoopUntil(const std::function<bool()>& done);
 
     const bool isMain_;
     mutable std::mutex mutex_;  // guards the fields below
-    std::condition_variable emptied_;
+    std::condition_variable changed_;  // an operation ended or was handed out
     std::vector<OperationRef> operations_;  // in the order they were added
     std::vector<const Operation*> started_;
+    std::vector<const Operation*> dispatched_;  // due, not begun yet, in order
+    std::function<void()> servicingWaker_;
     std::int64_t maxConcurrent_;
     bool suspended_ = false;
     std::string name_;

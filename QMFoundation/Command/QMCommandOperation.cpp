@@ -461,12 +461,21 @@ void QMCommandOperation::main()
         taskDidFailToLaunch();
         return;
     }
+    // The end is handled on the termination queue, whose operation this
+    // thread, which does nothing but wait for it, runs itself: the queue
+    // wakes it through `endHandled` instead of waking a worker thread, and
+    // then a worker thread's hand-back is not needed either.
+    taskNotificationQueue_->setServicingWaker([endHandled] { endHandled->signal(); });
     while (!isTaskTerminated()) {
+        if (taskNotificationQueue_->runPendingOperationOnCurrentThread()) {
+            continue;
+        }
         if (!loop->runModeBeforeDate(platform::NSDefaultRunLoopMode,
                                      platform::Date::now().dateByAddingTimeInterval(kPumpSlice))) {
             break;
         }
     }
+    taskNotificationQueue_->setServicingWaker(nullptr);
     loop->removeSource(endHandled, platform::NSDefaultRunLoopMode);
     operationDidFinish();
 }
@@ -580,6 +589,10 @@ void QMCommandOperation::readabilityChanged(Stream stream, platform::FileHandle&
     {
         std::lock_guard lock(readersMutex_);
         if (!readersActive_) {
+            // The end is being handled and will read the rest. Letting go of
+            // the handler here stops it being called again and again for data
+            // it must not read, which would starve the end handling itself.
+            handle.setReadabilityHandler(nullptr);
             return;
         }
         ++readersRunning_;

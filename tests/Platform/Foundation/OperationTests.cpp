@@ -402,6 +402,37 @@ TEST(OperationQueue, SubmissionsFromManyThreadsEachRunOnce)
     }
 }
 
+TEST(OperationQueue, AServicingThreadRunsTheDueOperationsItselfInOrder)
+{
+    auto queue = OperationQueue::create();
+    queue->setMaxConcurrentOperationCount(1);
+    std::atomic<int> wakes{0};
+    queue->setServicingWaker([&] { ++wakes; });
+    std::vector<int> order;
+    std::vector<std::thread::id> threads;
+    for (int index = 0; index < 3; ++index) {
+        queue->addOperationWithBlock([&, index] {
+            order.push_back(index);
+            threads.push_back(std::this_thread::get_id());
+        });
+    }
+    EXPECT_GE(wakes.load(), 1);
+    EXPECT_EQ(queue->operationCount(), 3U) << "no worker thread took them";
+    while (queue->runPendingOperationOnCurrentThread()) {
+    }
+    EXPECT_EQ(order, (std::vector<int>{0, 1, 2}));
+    EXPECT_EQ(threads, std::vector<std::thread::id>(3, std::this_thread::get_id()));
+    EXPECT_EQ(queue->operationCount(), 0U);
+
+    // Let go with work left: the workers take it.
+    Signal ran;
+    queue->addOperationWithBlock([&] { ran.raise(); });
+    queue->setServicingWaker(nullptr);
+    EXPECT_TRUE(ran.wait());
+    queue->waitUntilAllOperationsAreFinished();
+    EXPECT_FALSE(queue->runPendingOperationOnCurrentThread());
+}
+
 TEST(OperationQueue, TheMainQueueRunsOnTheMainThreadWhenItsRunLoopRuns)
 {
     ASSERT_TRUE(Thread::isMainThread()) << "tests run on the main thread";
