@@ -18,17 +18,18 @@
 #include <chrono>
 #include <csignal>
 #include <cstring>
+#include <mutex>
 #include <system_error>
 #include <thread>
+#include <vector>
 
 extern char** environ;
 
 namespace platform {
 namespace {
 
-// How long the monitor leaves an ended child to its launching thread before
-// it reaps it itself.
-constexpr auto kReapGrace = std::chrono::milliseconds(20);
+// How often the reaper looks for children that ended unnoticed.
+constexpr auto kSweepInterval = std::chrono::milliseconds(100);
 
 [[noreturn]] void raiseLaunchFailure(const std::string& problem)
 {
@@ -103,6 +104,62 @@ std::vector<char*> pointersTo(std::vector<std::string>& strings)
 }
 
 }  // namespace
+
+// Holds every task whose child may still need reaping and, while there are
+// any, looks at them every sweep interval: the launching thread's run loop
+// normally reaps a child the moment it ends, but a thread that never runs
+// its loop again (or ends) must not leave a zombie behind. Holding the tasks
+// is also what keeps a running task alive.
+struct Task::Reaper {
+    std::mutex mutex;  // guards the fields below
+    std::vector<TaskRef> tasks;
+    bool sweeping = false;
+
+    static Reaper& shared()
+    {
+        static auto* reaper = new Reaper;  // never destroyed: its timer may fire while the process exits
+        return *reaper;
+    }
+
+    void add(TaskRef task)
+    {
+        std::lock_guard lock(mutex);
+        tasks.push_back(std::move(task));
+        if (!sweeping) {
+            sweeping = true;
+            schedule();
+        }
+    }
+
+    void schedule()
+    {
+        EventMonitor::shared().addTimer(EventMonitor::Clock::now() + kSweepInterval, kSweepInterval / 2, [this] { sweep(); });
+    }
+
+    void sweep()
+    {
+        std::vector<TaskRef> current;
+        {
+            std::lock_guard lock(mutex);
+            current = tasks;
+        }
+        for (const auto& task : current) {
+            task->reapIfEnded();
+        }
+        std::vector<TaskRef> released;  // dropped outside the lock
+        std::lock_guard lock(mutex);
+        for (auto& task : tasks) {
+            if (!task->isRunning()) {
+                released.push_back(std::move(task));
+            }
+        }
+        std::erase(tasks, nullptr);
+        sweeping = !tasks.empty();
+        if (sweeping) {
+            schedule();
+        }
+    }
+};
 
 Task::~Task()
 {
@@ -308,19 +365,9 @@ void Task::launch()
         });
         *cell = source;
         loop->addFileDescriptorSource(source, NSRunLoopCommonModes);
-        // The monitor reaps as well, so that no zombie is left behind when the
-        // launching thread does not run its loop again. It leaves the first
-        // moments to that thread, which is usually waiting for exactly this,
-        // and keeps out of its way meanwhile.
-        try {
-            EventMonitor::shared().watch(pidfd, EPOLLIN, [self](EventMonitor::Token token, std::uint32_t) {
-                EventMonitor::shared().unwatch(token);
-                EventMonitor::shared().addTimer(EventMonitor::Clock::now() + kReapGrace, kReapGrace,
-                                                [self] { self->reapIfEnded(); });
-            });
-        } catch (const std::system_error&) {
-            // Out of descriptors: the launching loop alone reaps.
-        }
+        // The reaper sweeps as well, so that no zombie is left behind when
+        // the launching thread does not run its loop again.
+        Reaper::shared().add(self);
         return;
     }
 

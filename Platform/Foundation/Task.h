@@ -14,9 +14,9 @@
 //   (an unset stream is inherited); every other descriptor is closed in it.
 //   Signal dispositions and the signal mask are reset to their defaults.
 // - When the child ends it is reaped: at once by the launching thread's run
-//   loop, or within some milliseconds by the runtime if that loop is not run,
-//   so no zombie remains even if nobody asks. A running task is kept alive
-//   until then, whether or not anyone holds it.
+//   loop, or within a tenth of a second by the runtime if that loop is not
+//   run, so no zombie remains even if nobody asks. A running task is kept
+//   alive until then, whether or not anyone holds it.
 // - Then, in no promised order relative to each other: the termination
 //   handler runs on a worker thread, and "NSTaskDidTerminateNotification" is
 //   posted to the default centre on the thread that launched the task, from
@@ -98,6 +98,7 @@ public:
     TerminationReason terminationReason() const;
 
 private:
+    struct Reaper;
     Task() = default;
     // Reaps the child if it has ended and nobody reaped it yet.
     void reapIfEnded();

@@ -441,9 +441,9 @@ void QMCommandOperation::main()
     }
     setExecuting(true);
     commandWillExecute();
-    // Signalled when the end has been handled. While it is in the loop the
-    // loop is never empty, and its signal ends the current slice at once
-    // rather than when the slice runs out.
+    // Signalled when the end has been handled, and when either queue has an
+    // operation due. While it is in the loop the loop is never empty, and
+    // its signal ends the current slice at once rather than when it runs out.
     const auto loop = platform::RunLoop::currentRunLoop();
     const auto endHandled = platform::RunLoopSource::create([] {});
     loop->addSource(endHandled, platform::NSDefaultRunLoopMode);
@@ -451,6 +451,35 @@ void QMCommandOperation::main()
         std::lock_guard lock(mutex_);
         endHandled_ = endHandled;
     }
+    // This thread does nothing but wait while the program runs, so it
+    // services both serial queues itself: their operations run here, in the
+    // queues' order, and no worker thread is woken (and handed back from) for
+    // each chunk or for the end.
+    struct Servicing {
+        const std::vector<platform::OperationQueueRef> queues;
+        explicit Servicing(std::vector<platform::OperationQueueRef> serviced, const platform::RunLoopSourceRef& wake)
+            : queues(std::move(serviced))
+        {
+            for (const auto& queue : queues) {
+                queue->setServicingWaker([wake] { wake->signal(); });
+            }
+        }
+        ~Servicing()
+        {
+            for (const auto& queue : queues) {
+                queue->setServicingWaker(nullptr);  // anything left goes to the worker threads
+            }
+        }
+        bool runPending() const
+        {
+            bool ran = false;
+            for (const auto& queue : queues) {
+                ran = queue->runPendingOperationOnCurrentThread() || ran;
+            }
+            return ran;
+        }
+    } servicing({fileHandleNotificationQueue_, taskNotificationQueue_}, endHandled);
+
     try {
         initializeTask();
         registerObservers();
@@ -461,13 +490,8 @@ void QMCommandOperation::main()
         taskDidFailToLaunch();
         return;
     }
-    // The end is handled on the termination queue, whose operation this
-    // thread, which does nothing but wait for it, runs itself: the queue
-    // wakes it through `endHandled` instead of waking a worker thread, and
-    // then a worker thread's hand-back is not needed either.
-    taskNotificationQueue_->setServicingWaker([endHandled] { endHandled->signal(); });
     while (!isTaskTerminated()) {
-        if (taskNotificationQueue_->runPendingOperationOnCurrentThread()) {
+        if (servicing.runPending()) {
             continue;
         }
         if (!loop->runModeBeforeDate(platform::NSDefaultRunLoopMode,
@@ -475,7 +499,6 @@ void QMCommandOperation::main()
             break;
         }
     }
-    taskNotificationQueue_->setServicingWaker(nullptr);
     loop->removeSource(endHandled, platform::NSDefaultRunLoopMode);
     operationDidFinish();
 }

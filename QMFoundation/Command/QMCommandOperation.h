@@ -20,8 +20,8 @@
 //   is read to its end and delivered, the data properties are set, then the
 //   exit code; only then is the end flag raised. So every data callback
 //   comes before `commandDidTerminate:`, and no byte is lost or reordered.
-//   (The pumping thread services that queue while it pumps, so the end
-//   handling usually runs on it; the queue's order is what is promised.)
+//   (The pumping thread services both queues while it pumps, so chunks and
+//   the end are usually handled on it; the queues' order is what is promised.)
 // - `commandDidTerminate:` and `commandDidFailToLaunch:` run on the
 //   operation's own thread, after the operation has finished; exactly one of
 //   them is sent, unless the operation was cancelled before it began (then
