@@ -13,8 +13,12 @@
 
 #include "Platform/Security/SecItem.h"
 
+#include <algorithm>
+#include <array>
 #include <cstdio>
 #include <filesystem>
+#include <functional>
+#include <random>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -62,6 +66,13 @@ fs::path prepareStores(int items)
     return home;
 }
 
+void record(bool keep, std::vector<double>& times, double time)
+{
+    if (keep) {
+        times.push_back(time);
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -91,14 +102,20 @@ int main(int argc, char** argv)
         const std::string query = "protocol=https\nhost=" + server(wanted) + "\nusername=" + account(wanted) + "\n\n";
 
         std::vector<double> responderTimes, baselineTimes, gitTimes;
+        const std::function<void(bool)> runs[] = {
+            [&](bool keep) { record(keep, responderTimes, bench::timeProgramRun(responder, prompt, environment)); },
+            [&](bool keep) { record(keep, baselineTimes, bench::timeProgramRun(baseline, {}, environment)); },
+            [&](bool keep) { record(keep, gitTimes, bench::timeProgramRun(git, store, environment, query)); },
+        };
+        // The order is shuffled each round, so that no program always runs
+        // right after git: a run that follows git's reading of a large file
+        // finds the caches cold.
+        std::mt19937 shuffler(items);
+        std::array<int, 3> order{0, 1, 2};
         for (int round = -10; round < rounds; ++round) {  // ten rounds of warm-up
-            const double responderTime = bench::timeProgramRun(responder, prompt, environment);
-            const double baselineTime = bench::timeProgramRun(baseline, {}, environment);
-            const double gitTime = bench::timeProgramRun(git, store, environment, query);
-            if (round >= 0) {
-                responderTimes.push_back(responderTime);
-                baselineTimes.push_back(baselineTime);
-                gitTimes.push_back(gitTime);
+            std::shuffle(order.begin(), order.end(), shuffler);
+            for (const int run : order) {
+                runs[run](round >= 0);
             }
         }
         const double responderMedian = bench::median(responderTimes);

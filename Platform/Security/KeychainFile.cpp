@@ -101,6 +101,29 @@ std::string directoryOf(const std::string& path)
     return slash == std::string::npos || slash == 0 ? std::string("/") : path.substr(0, slash);
 }
 
+// Most processes that open a keychain make one look-up and exit, and every
+// page of memory a process touches first costs it a fault. SQLite's
+// defaults suit long-lived connections: a slab of lookaside memory and a
+// bulk of page-cache slots prepared per connection, and allocation
+// statistics kept under a lock. Without them a look-up touches only the
+// memory it uses. Must run before SQLite is first used in the process.
+void configureSQLiteForShortProcesses()
+{
+    static const bool configured = [] {
+        sqlite3_config(SQLITE_CONFIG_LOOKASIDE, 0, 0);
+        sqlite3_config(SQLITE_CONFIG_PAGECACHE, nullptr, 0, 0);
+        sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
+        return true;
+    }();
+    (void)configured;
+}
+
+int openConnection(const std::string& path, sqlite3** database)
+{
+    configureSQLiteForShortProcesses();
+    return sqlite3_open_v2(path.c_str(), database, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
+}
+
 int execute(sqlite3* database, const char* sql)
 {
     return sqlite3_exec(database, sql, nullptr, nullptr, nullptr);
@@ -138,6 +161,13 @@ OSStatus statusForSQLite(int resultCode)
         // (not a database, damaged pages, tables that are not ours) means the
         // file is not a usable keychain.
         return errSecInvalidKeychain;
+    }
+}
+
+void removeJournalFiles(const std::string& path)
+{
+    for (const char* suffix : {"-journal", "-wal", "-shm"}) {
+        ::unlink((path + suffix).c_str());
     }
 }
 
@@ -284,6 +314,52 @@ void KeychainFile::closeIdleConnections(const std::string& path)
     }
 }
 
+KeychainFileRef KeychainFile::takeIdleConnection(const std::string& path, std::uint64_t device, std::uint64_t inode)
+{
+    // An idle connection to this very file, not to one since put in its
+    // place; those to a replaced file are closed.
+    std::vector<std::unique_ptr<KeychainFile>> stale;
+    auto& pool = connectionPool();
+    std::lock_guard lock(pool.mutex);
+    const auto found = pool.idle.find(path);
+    if (found == pool.idle.end()) {
+        return nullptr;
+    }
+    auto& idle = found->second;
+    while (!idle.empty()) {
+        auto candidate = std::move(idle.back());
+        idle.pop_back();
+        if (candidate->device_ == device && candidate->inode_ == inode) {
+            return KeychainFileRef(candidate.release());
+        }
+        stale.push_back(std::move(candidate));
+    }
+    return nullptr;
+}
+
+OSStatus KeychainFile::connect(const std::string& path, std::uint64_t device, std::uint64_t inode,
+                               KeychainFileRef* file)
+{
+    sqlite3* database = nullptr;
+    // Read-write even for reading: a reader that finds the journal of a
+    // writer that died must roll it back. SQLite falls back to read-only
+    // when the file is write-protected.
+    const int result = openConnection(path, &database);
+    std::unique_ptr<KeychainFile> connection(new KeychainFile(path, database));
+    connection->device_ = device;
+    connection->inode_ = inode;
+    if (result != SQLITE_OK) {
+        // Not given to the pool: this connection is of no use.
+        return result == SQLITE_CANTOPEN && ::access(path.c_str(), R_OK) != 0 ? statusForErrno(errno)
+                                                                              : statusForSQLite(result);
+    }
+    if (const OSStatus status = connection->configure(); status != errSecSuccess) {
+        return status;
+    }
+    file->reset(connection.release());
+    return errSecSuccess;
+}
+
 OSStatus KeychainFile::open(const std::string& path, OpenMode mode, KeychainFileRef* file)
 {
     struct stat information {};
@@ -306,50 +382,19 @@ OSStatus KeychainFile::open(const std::string& path, OpenMode mode, KeychainFile
         return errSecInvalidKeychain;
     }
 
-    KeychainFileRef opened;
-    {
-        // An idle connection to this very file, not to one since put in its
-        // place; those to a replaced file are closed.
-        std::vector<std::unique_ptr<KeychainFile>> stale;
-        auto& pool = connectionPool();
-        std::lock_guard lock(pool.mutex);
-        if (const auto found = pool.idle.find(path); found != pool.idle.end()) {
-            auto& idle = found->second;
-            while (!idle.empty() && !opened) {
-                auto candidate = std::move(idle.back());
-                idle.pop_back();
-                if (candidate->device_ == information.st_dev && candidate->inode_ == information.st_ino) {
-                    opened.reset(candidate.release());
-                } else {
-                    stale.push_back(std::move(candidate));
-                }
-            }
-        }
+    KeychainFileRef opened = takeIdleConnection(path, information.st_dev, information.st_ino);
+    OSStatus status = opened ? errSecSuccess : connect(path, information.st_dev, information.st_ino, &opened);
+    if (status != errSecSuccess) {
+        return status;
     }
-    OSStatus status = errSecSuccess;
-    if (opened) {
-        // Read again: another process may have given an empty file its
-        // tables since, and each operation sees the file as it is now.
+    // A read sees the file through one snapshot, taken under one shared
+    // lock with its first page. The metadata is read each time: another
+    // process may have given an empty file its tables since.
+    if (mode == OpenMode::Read) {
+        status = statusForSQLite(execute(opened->database_, "BEGIN"));
+    }
+    if (status == errSecSuccess) {
         status = opened->readHeaderAndMetadata();
-    } else {
-        sqlite3* database = nullptr;
-        // Read-write even for reading: a WAL database needs its shared-memory
-        // file. SQLite falls back to read-only when the file is write-protected.
-        const int result =
-            sqlite3_open_v2(path.c_str(), &database, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
-        opened.reset(new KeychainFile(path, database));
-        opened->device_ = information.st_dev;
-        opened->inode_ = information.st_ino;
-        if (result != SQLITE_OK) {
-            // Not given back to the pool: this connection is of no use.
-            delete opened.release();
-            return result == SQLITE_CANTOPEN && ::access(path.c_str(), R_OK) != 0 ? statusForErrno(errno)
-                                                                                  : statusForSQLite(result);
-        }
-        status = opened->configure();
-        if (status == errSecSuccess) {
-            status = opened->readHeaderAndMetadata();
-        }
     }
     if (status == errSecSuccess && opened->isUninitialised() && mode != OpenMode::Read) {
         status = opened->initialise(std::nullopt, nullptr);
@@ -384,21 +429,18 @@ OSStatus KeychainFile::create(const std::string& path, const std::optional<KeyDe
     OSStatus status = errSecSuccess;
     {
         sqlite3* database = nullptr;
-        const int result =
-            sqlite3_open_v2(temporary.c_str(), &database, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
+        const int result = openConnection(temporary, &database);
         KeychainFile made(temporary, database);
         status = result == SQLITE_OK ? made.configure() : statusForSQLite(result);
         if (status == errSecSuccess) {
             status = made.initialise(derivation, key);
         }
-        // Closing the only connection checkpoints the journal into the file.
     }
     if (status == errSecSuccess && ::link(temporary.c_str(), path.c_str()) != 0) {
         status = statusForErrno(errno);
     }
     ::unlink(temporary.c_str());
-    ::unlink((temporary + "-wal").c_str());
-    ::unlink((temporary + "-shm").c_str());
+    removeJournalFiles(temporary);
     if (status != errSecSuccess) {
         return status;
     }
@@ -412,20 +454,21 @@ OSStatus KeychainFile::configure()
     // A keychain file may come from anywhere: never let its schema run code.
     sqlite3_db_config(database_, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
     sqlite3_db_config(database_, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
-    // A process that makes one call (the responder) closes the file's last
-    // connection on its way out. Keeping the journal files (emptied, mode
-    // intact) spares every such process creating and deleting them, which
-    // is most of what a look-up would cost; the close still checkpoints, so
-    // the next open finds an empty journal to scan.
-    int persistJournal = 1;
-    sqlite3_file_control(database_, "main", SQLITE_FCNTL_PERSIST_WAL, &persistJournal);
-    if (const int result = execute(database_, "PRAGMA journal_size_limit=0"); result != SQLITE_OK) {
-        return statusForSQLite(result);
+    return errSecSuccess;
+}
+
+OSStatus KeychainFile::configureForWriting()
+{
+    if (configuredForWriting_) {
+        return errSecSuccess;
     }
-    // NORMAL in WAL mode loses no committed write when a process dies;
-    // secure_delete overwrites the pages of deleted secrets. Every
-    // connection gets both, as a pooled one may serve a write next.
-    return statusForSQLite(execute(database_, "PRAGMA synchronous=NORMAL; PRAGMA secure_delete=ON;"));
+    // FULL syncs the journal before the file is touched and the file before
+    // the journal goes, so not even a power cut loses a committed item;
+    // keychain writes are rare enough to afford it. secure_delete overwrites
+    // the pages of deleted secrets.
+    const int result = execute(database_, "PRAGMA synchronous=FULL; PRAGMA secure_delete=ON;");
+    configuredForWriting_ = result == SQLITE_OK;
+    return statusForSQLite(result);
 }
 
 OSStatus KeychainFile::readHeaderAndMetadata()
@@ -489,12 +532,6 @@ OSStatus KeychainFile::readHeaderAndMetadata()
 
 OSStatus KeychainFile::initialise(const std::optional<KeyDerivation>& derivation, const SecretKey* key)
 {
-    // Changing the journal mode takes the file for itself, so it is done
-    // once, here, and never on an open for reading.
-    int result = execute(database_, "PRAGMA journal_mode=WAL");
-    if (result != SQLITE_OK) {
-        return statusForSQLite(result);
-    }
     if (const OSStatus status = beginWrite(); status != errSecSuccess) {
         return status;
     }
@@ -504,7 +541,7 @@ OSStatus KeychainFile::initialise(const std::optional<KeyDerivation>& derivation
         rollback();
         return status;
     }
-    result = execute(database_, kSchema);
+    int result = execute(database_, kSchema);
     const std::string identity = randomIdentity();
     auto setMeta = [this, &result](std::string_view name, auto bind) {
         if (result != SQLITE_OK) {
@@ -553,6 +590,9 @@ bool KeychainFile::verifiesKey(const SecretKey& key) const
 
 OSStatus KeychainFile::beginWrite()
 {
+    if (const OSStatus status = configureForWriting(); status != errSecSuccess) {
+        return status;
+    }
     // IMMEDIATE takes the write lock up front, through the busy handler; a
     // deferred transaction that upgrades later could fail at once instead.
     return statusForSQLite(execute(database_, "BEGIN IMMEDIATE"));

@@ -1,14 +1,17 @@
 // KeychainFile: one open connection to a keychain database. Private to
 // Platform/Security.
 //
-// The file is an SQLite database in WAL mode: readers never wait for the
-// writer, writers queue behind one another through a busy time-out, and a
-// process killed in the middle of a write leaves every committed item
-// readable. A connection is opened per operation and never crosses a fork.
+// The file is an SQLite database with a rollback journal: readers and
+// writers queue behind one another through a busy time-out (a write holds
+// the file for the moment of its commit only), and a process killed in the
+// middle of a write leaves a journal from which the next opener restores
+// every committed item. A connection is opened per operation and never
+// crosses a fork.
 //
-// Opening for reading does no schema work at all: it checks the header and
-// reads the few rows of metadata. Opening for writing creates the file and
-// its tables when asked to.
+// Opening for reading runs no statement but the one that reads the few rows
+// of metadata; the settings that only writes need are made by the first
+// write on a connection. Opening for writing creates the file and its tables
+// when asked to.
 #pragma once
 
 #include "Platform/Foundation/Value.h"
@@ -73,7 +76,10 @@ private:
     friend struct KeychainFileRelease;
 
     KeychainFile(std::string path, sqlite3* database) : path_(std::move(path)), database_(database) {}
+    static KeychainFileRef takeIdleConnection(const std::string& path, std::uint64_t device, std::uint64_t inode);
+    static OSStatus connect(const std::string& path, std::uint64_t device, std::uint64_t inode, KeychainFileRef* file);
     OSStatus configure();
+    OSStatus configureForWriting();
     OSStatus readHeaderAndMetadata();
     OSStatus initialise(const std::optional<KeyDerivation>& derivation, const SecretKey* key);
 
@@ -82,6 +88,7 @@ private:
     // The file this connection has open, to tell a replaced file.
     std::uint64_t device_ = 0;
     std::uint64_t inode_ = 0;
+    bool configuredForWriting_ = false;
     std::string identity_;
     std::optional<KeyDerivation> derivation_;
     Data verifier_;
@@ -89,6 +96,10 @@ private:
 
 // The keychain status for an SQLite result code.
 OSStatus statusForSQLite(int resultCode);
+
+// Removes the journal files SQLite may keep beside a keychain file: a
+// rollback journal, or the log and index of a file made in WAL mode.
+void removeJournalFiles(const std::string& path);
 
 // A prepared statement that finalises itself.
 class Statement {

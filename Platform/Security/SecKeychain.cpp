@@ -159,8 +159,7 @@ OSStatus SecKeychainDelete(const SecKeychainRef& keychain)
     if (::unlink(keychain->path().c_str()) != 0) {
         return errno == ENOENT ? errSecNoSuchKeychain : errSecWrPerm;
     }
-    ::unlink((keychain->path() + "-wal").c_str());
-    ::unlink((keychain->path() + "-shm").c_str());
+    security::removeJournalFiles(keychain->path());
     return errSecSuccess;
 }
 

@@ -80,9 +80,9 @@ e2e_say "ok: $writers writers added $((writers * items_per_writer)) items while 
 
 # --- writers killed with SIGKILL in the middle of a write -----------------------------
 # strace kills the tool at its Nth pwrite64, for N spread over the writes of a
-# reference add: while the item's pages go into the write-ahead log, before
-# the commit is synced, and while the log is copied back into the file. A
-# large secret makes the item span many pages, so most kills land mid-write.
+# reference add: while the pages it replaces go into the journal, and while
+# its own pages go into the file. A large secret makes the item span many
+# pages, so most kills land mid-write.
 command -v strace >/dev/null || e2e_fail "strace is not installed (scripts/install-deps)"
 big_secret() { printf 'big-%s-' "$1"; head -c 393216 /dev/zero | tr '\0' 'k'; printf '%s' "$salt"; }
 
@@ -94,7 +94,7 @@ traced_add() {
   # The subshell keeps bash's "Killed" notice out of the test's output.
   (
     ASAN_OPTIONS=${ASAN_OPTIONS:+$ASAN_OPTIONS:}detect_leaks=0 \
-      strace -f -qqq -y -o "$2" -e trace=pwrite64,fdatasync,fsync \
+      strace -f -qqq -y -o "$2" -e trace=pwrite64,fdatasync,fsync,unlink \
       ${3:+-e inject=pwrite64:signal=KILL:when=$3} \
       "$E2E_KEYCHAIN_TOOL" add-generic-password -a "$1" -s e2e-killed <"$E2E_TMP/victim-secret"
     exit $?
@@ -102,14 +102,13 @@ traced_add() {
 }
 
 # kill_phase LOG: where in the write the traced add was when it stopped. The
-# commit is on the disk once the log has been synced after its last write;
-# writes into the database file after that copy committed pages back.
+# write is committed the moment its journal is removed; until then the next
+# opener puts the old pages back from the journal.
 kill_phase() {
-  awk -v database="$keychain_file>" -v log_file="$keychain_file-wal>" '
-    / pwrite64\(/ && index($0, log_file) { wrote = 1; synced = 0 }
-    / pwrite64\(/ && index($0, database) { wrote = 1 }
-    /(fdatasync|fsync)\(/ && index($0, log_file) && / = 0$/ && wrote { synced = 1 }
-    END { print (!wrote ? "before-writing" : synced ? "after-commit" : "mid-write") }' "$1"
+  awk -v journal="\"$keychain_file-journal\"" '
+    / pwrite64\(/ { wrote = 1 }
+    /unlink\(/ && index($0, journal) && / = 0$/ && wrote { committed = 1 }
+    END { print (!wrote ? "before-writing" : committed ? "after-commit" : "mid-write") }' "$1"
 }
 
 traced_add reference "$E2E_TMP/reference.strace" || e2e_fail "a traced add of a large item failed"

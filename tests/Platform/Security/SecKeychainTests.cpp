@@ -97,27 +97,23 @@ TEST_F(SecKeychainTest, TheDefaultKeychainFollowsXdgDataHome)
 TEST_F(SecKeychainTest, TheFirstWriteCreatesAPrivateDefaultKeychainWhateverTheUmask)
 {
     const mode_t previous = ::umask(0);
-    // A reader holding the file open keeps its journal files in place, so
-    // their modes can be seen too.
     ASSERT_EQ(SecItemAdd({{kSecClass, kSecClassGenericPassword}, {kSecAttrService, "first"}}, nullptr), errSecSuccess);
-    sqlite3* reader = nullptr;
-    ASSERT_EQ(sqlite3_open(defaultKeychainPath().c_str(), &reader), SQLITE_OK);
-    ASSERT_EQ(sqlite3_exec(reader, "SELECT count(*) FROM items", nullptr, nullptr, nullptr), SQLITE_OK);
-    ASSERT_EQ(SecItemAdd({{kSecClass, kSecClassGenericPassword}, {kSecAttrService, "second"}}, nullptr),
-              errSecSuccess);
+    // A write caught before its commit shows the journal, which holds the
+    // pages it replaces and so must be as private as the file.
+    sqlite3* writer = nullptr;
+    ASSERT_EQ(sqlite3_open(defaultKeychainPath().c_str(), &writer), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(writer, "BEGIN; UPDATE items SET labl = 'changed'", nullptr, nullptr, nullptr), SQLITE_OK);
     ::umask(previous);
 
     EXPECT_EQ(modeOf(dataHome() + "/keychains"), 0700u);
     EXPECT_EQ(modeOf(defaultKeychainPath()), 0600u);
-    EXPECT_EQ(modeOf(defaultKeychainPath() + "-wal"), 0600u);
-    EXPECT_EQ(modeOf(defaultKeychainPath() + "-shm"), 0600u);
-    sqlite3_close(reader);
-    // Nothing else is left beside it: no half-made keychain.
+    EXPECT_EQ(modeOf(defaultKeychainPath() + "-journal"), 0600u);
+    sqlite3_exec(writer, "ROLLBACK", nullptr, nullptr, nullptr);
+    sqlite3_close(writer);
+    // Nothing else is left beside it: no half-made keychain, no journal.
     for (const auto& entry : std::filesystem::directory_iterator(dataHome() + "/keychains")) {
-        const auto name = entry.path().filename().string();
-        EXPECT_TRUE(name == "login.keychain-db" || name == "login.keychain-db-wal" || name == "login.keychain-db-shm")
-            << name;
-        EXPECT_EQ(modeOf(entry.path().string()), 0600u) << name;
+        EXPECT_EQ(entry.path().filename().string(), "login.keychain-db");
+        EXPECT_EQ(modeOf(entry.path().string()), 0600u);
     }
 }
 
@@ -142,9 +138,28 @@ TEST_F(SecKeychainTest, CreateReportPathAndDelete)
 
     ASSERT_EQ(SecKeychainDelete(keychain), errSecSuccess);
     EXPECT_FALSE(std::filesystem::exists(path));
-    EXPECT_FALSE(std::filesystem::exists(path + "-wal"));
+    EXPECT_FALSE(std::filesystem::exists(path + "-journal"));
     EXPECT_EQ(SecKeychainDelete(keychain), errSecNoSuchKeychain);
     EXPECT_EQ(readSecret(keychain, "svc"), errSecNoSuchKeychain);
+}
+
+TEST_F(SecKeychainTest, AKeychainKeptInWALModeIsStillReadAndWritten)
+{
+    const std::string path = sandboxPath("wal.keychain");
+    SecKeychainRef keychain;
+    ASSERT_EQ(SecKeychainCreate(path.c_str(), 0, nullptr, true, nullptr, &keychain), errSecSuccess);
+    ASSERT_EQ(SecItemAdd(genericIn(keychain, "before", "one"), nullptr), errSecSuccess);
+    tamper(path, "PRAGMA journal_mode=WAL");
+
+    ASSERT_EQ(SecItemAdd(genericIn(keychain, "after", "two"), nullptr), errSecSuccess);
+    std::string secret;
+    ASSERT_EQ(readSecret(keychain, "before", &secret), errSecSuccess);
+    EXPECT_EQ(secret, "one");
+    ASSERT_EQ(readSecret(keychain, "after", &secret), errSecSuccess);
+    EXPECT_EQ(secret, "two");
+    ASSERT_EQ(SecKeychainDelete(keychain), errSecSuccess);
+    EXPECT_FALSE(std::filesystem::exists(path + "-wal"));
+    EXPECT_FALSE(std::filesystem::exists(path + "-shm"));
 }
 
 TEST_F(SecKeychainTest, ARelativePathIsTakenFromTheWorkingDirectory)
@@ -224,8 +239,6 @@ TEST_F(SecKeychainTest, ADamagedKeychainNeverCrashesItsReaders)
     for (const std::string& damaged : {original.substr(0, original.size() / 2),
                                        original.substr(0, 4096) + std::string(original.size() - 4096, '\xA5')}) {
         writeFile(defaultKeychainPath(), damaged);
-        std::filesystem::remove(defaultKeychainPath() + "-wal");
-        std::filesystem::remove(defaultKeychainPath() + "-shm");
         const OSStatus searched = SecItemCopyMatching(search, nullptr);
         EXPECT_TRUE(searched == errSecInvalidKeychain || searched == errSecSuccess) << searched;
         const OSStatus added = SecItemAdd(add, nullptr);
@@ -252,7 +265,7 @@ TEST_F(PasswordKeychainTest, SecretsAreNeverStoredInClear)
     std::string secret;
     ASSERT_EQ(readSecret(keychain_, "svc", &secret), errSecSuccess);
     EXPECT_EQ(secret, "correct horse battery staple");
-    const std::string stored = contentsOf(path_) + contentsOf(path_ + "-wal");
+    const std::string stored = contentsOf(path_);
     EXPECT_EQ(stored.find("correct horse"), std::string::npos);
     EXPECT_EQ(stored.find("s3cret"), std::string::npos);
 }
