@@ -8,8 +8,11 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
+#include <memory>
 
 namespace platform {
 namespace {
@@ -29,25 +32,36 @@ FileHandleRef openAt(const std::string& path, int flags)
     return fd < 0 ? nullptr : FileHandle::create(fd, true);
 }
 
-// Reads until `limit` bytes or end of file.
-Data readUpTo(int fd, std::size_t limit, const char* method)
+// Scratch space for reads, never cleared: a read costs only the bytes it
+// brings, and one at end of file touches no memory at all.
+std::unique_ptr<std::uint8_t[]> makeScratch()
 {
-    Data data;
-    while (data.size() < limit) {
-        const std::size_t start = data.size();
-        data.resize(start + std::min(kChunkSize, limit - start));
-        const auto count = ::read(fd, data.data() + start, data.size() - start);
+    return std::make_unique_for_overwrite<std::uint8_t[]>(kChunkSize);
+}
+
+// One read of at most `limit` bytes (and at most a chunk), appended to
+// `data`. False at end of file.
+bool readChunk(int fd, std::uint8_t* scratch, std::size_t limit, Data& data, const char* method)
+{
+    for (;;) {
+        const auto count = ::read(fd, scratch, std::min(kChunkSize, limit));
         if (count < 0 && errno == EINTR) {
-            data.resize(start);
             continue;
         }
         if (count < 0) {
             raiseOperationFailure(method, errno);
         }
-        data.resize(start + static_cast<std::size_t>(count));
-        if (count == 0) {
-            break;
-        }
+        data.insert(data.end(), scratch, scratch + count);
+        return count > 0;
+    }
+}
+
+// Reads until `limit` bytes or end of file.
+Data readUpTo(int fd, std::size_t limit, const char* method)
+{
+    const auto scratch = makeScratch();
+    Data data;
+    while (data.size() < limit && readChunk(fd, scratch.get(), limit - data.size(), data, method)) {
     }
     return data;
 }
@@ -127,18 +141,9 @@ Data FileHandle::availableData()
     if (::fstat(fd, &status) == 0 && S_ISREG(status.st_mode)) {
         return readUpTo(fd, SIZE_MAX, "availableData");
     }
-    Data chunk(kChunkSize);
-    for (;;) {
-        const auto count = ::read(fd, chunk.data(), chunk.size());
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
-        if (count < 0) {
-            raiseOperationFailure("availableData", errno);
-        }
-        chunk.resize(static_cast<std::size_t>(count));
-        return chunk;
-    }
+    Data chunk;
+    readChunk(fd, makeScratch().get(), kChunkSize, chunk, "availableData");
+    return chunk;
 }
 
 Data FileHandle::readDataToEndOfFile()
