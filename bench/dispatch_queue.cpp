@@ -140,7 +140,7 @@ double roundTripNanoseconds(Queue& queue, long roundTrips)
 int main(int argc, char** argv)
 {
     const long submissions = argc > 1 ? std::atol(argv[1]) : 2000000;
-    const long roundTrips = argc > 2 ? std::atol(argv[2]) : 200000;
+    const long roundTrips = argc > 2 ? std::atol(argv[2]) : 20000;
     constexpr int kRounds = 9;
 
     const auto queue = platform::DispatchQueue::create("bench.serial");
