@@ -3,7 +3,6 @@
 #include "Platform/Foundation/Error.h"
 #include "Platform/Foundation/Exception.h"
 #include "Platform/Foundation/RegularExpression.h"
-#include "Platform/Foundation/Unicode.h"
 #include "QMFoundation/Strings/NSString+QMRegularExpression.h"
 
 #include <string>
@@ -51,6 +50,14 @@ const RegularExpressionRef& sshPasswordPattern()
     return pattern;
 }
 
+// A caseless search for one of the fixed texts above, compiled once.
+template <const std::string_view& Text>
+bool containsCaselessly(std::string_view prompt)
+{
+    static const RegularExpressionRef literal = RegularExpression::literal(Text, RegularExpression::CaseInsensitive);
+    return literal && literal->firstMatch(prompt).has_value();
+}
+
 // The text of the one capture group, when the pattern matches.
 std::optional<std::string> capturedText(std::string_view prompt, const RegularExpressionRef& pattern)
 {
@@ -77,17 +84,17 @@ std::shared_ptr<ZarvoAskpassHelpers> ZarvoAskpassHelpers::sharedInstance()
 
 bool ZarvoAskpassHelpers::isHostAuthenticityPrompt(std::string_view prompt)
 {
-    return platform::containsCaseInsensitive(prompt, kHostAuthenticitySubstring);
+    return containsCaselessly<kHostAuthenticitySubstring>(prompt);
 }
 
 bool ZarvoAskpassHelpers::isUsernamePrompt(std::string_view prompt)
 {
-    return platform::containsCaseInsensitive(prompt, kUsernameSubstring);
+    return containsCaselessly<kUsernameSubstring>(prompt);
 }
 
 bool ZarvoAskpassHelpers::isPasswordPrompt(std::string_view prompt)
 {
-    return platform::containsCaseInsensitive(prompt, kPasswordSubstring);
+    return containsCaselessly<kPasswordSubstring>(prompt);
 }
 
 std::optional<URL> ZarvoAskpassHelpers::urlFromHTTPUsernamePrompt(std::string_view prompt)

@@ -5,13 +5,11 @@ set -euo pipefail
 # shellcheck source=tests/e2e/lib.sh
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 e2e_init generic-password "${1:-}"
-e2e_require_programs
 
 marker="generic password clone $(e2e_random_secret)"
 e2e_make_bare_repo "$E2E_TMP/served/repo.git" README "$marker"
 frank_secret=$(e2e_random_secret)
-printf '%s\n' "frank:$frank_secret" >"$E2E_TMP/server-credentials"
-e2e_start_git_server "$E2E_TMP/served" "$E2E_TMP/server-credentials"
+e2e_start_git_server "$E2E_TMP/served" "frank:$frank_secret"
 host=127.0.0.1:$E2E_GIT_PORT
 
 service="Zarvo e2e hosting (generic)"

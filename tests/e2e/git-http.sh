@@ -8,7 +8,6 @@ set -euo pipefail
 # shellcheck source=tests/e2e/lib.sh
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 e2e_init git-http "${1:-}"
-e2e_require_programs
 
 marker="cloned through zarvo-askpass $(e2e_random_secret)"
 e2e_make_bare_repo "$E2E_TMP/served/team/repo.git" README "$marker"
@@ -17,10 +16,8 @@ local_secret=$(e2e_random_secret)
 carol_secret=$(e2e_random_secret)
 dave_secret=$(e2e_random_secret)
 erin_secret=$(e2e_random_secret)
-credentials=$E2E_TMP/server-credentials
-printf '%s\n' "zarvo-e2e:$local_secret" "carol:$carol_secret" "dave:$dave_secret" \
-  "erin:$erin_secret" >"$credentials"
-e2e_start_git_server "$E2E_TMP/served" "$credentials"
+e2e_start_git_server "$E2E_TMP/served" "zarvo-e2e:$local_secret" "carol:$carol_secret" "dave:$dave_secret" \
+  "erin:$erin_secret"
 host=127.0.0.1:$E2E_GIT_PORT
 repo=http://$host/team/repo.git
 

@@ -7,7 +7,6 @@ set -euo pipefail
 # shellcheck source=tests/e2e/lib.sh
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 e2e_init keychain-concurrency "${1:-}"
-e2e_require_programs
 
 writers=4
 items_per_writer=8

@@ -63,7 +63,8 @@ e2e_cleanup() {
 e2e_on_exit() { E2E_UNDO+=("$1"); }
 
 # e2e_init NAME [BIN_DIR]: the folder of the built programs comes from the
-# argument or from ZARVO_BINARY_DIR (which ctest sets).
+# argument or from ZARVO_BINARY_DIR (which ctest sets); fails unless they
+# and the peers every test needs are there.
 e2e_init() {
   E2E_NAME=$1
   local bin=${2:-${ZARVO_BINARY_DIR:-}}
@@ -95,6 +96,7 @@ e2e_init() {
   export LC_ALL=C
   export GIT_AUTHOR_NAME="Zarvo E2E" GIT_AUTHOR_EMAIL=e2e@zarvo.invalid
   export GIT_COMMITTER_NAME="Zarvo E2E" GIT_COMMITTER_EMAIL=e2e@zarvo.invalid
+  e2e_require_programs
 }
 
 e2e_require_programs() {
@@ -153,12 +155,15 @@ e2e_spawn() {
   return 1
 }
 
-# e2e_start_git_server ROOT CREDENTIALS_FILE: sets E2E_GIT_PORT.
+# e2e_start_git_server ROOT USER:SECRET...: serves the repositories below ROOT
+# to those users only. Sets E2E_GIT_PORT.
 e2e_start_git_server() {
-  local log=$E2E_TMP/git-server.log
+  local root=$1 log=$E2E_TMP/git-server.log credentials=$E2E_TMP/git-server-credentials
+  shift
+  printf '%s\n' "$@" >"$credentials"
   E2E_LOGS+=("$log")
   e2e_spawn "$log" "git server listening on 127.0.0.1 port *" \
-    "$E2E_PYTHON" "$E2E_DIR/git_http_server.py" --root "$1" --credentials "$2" ||
+    "$E2E_PYTHON" "$E2E_DIR/git_http_server.py" --root "$root" --credentials "$credentials" ||
     e2e_fail "the git server did not start"
   E2E_GIT_PORT=${E2E_SPAWNED_LINE##* }
   E2E_GIT_SERVER_LOG=$log
