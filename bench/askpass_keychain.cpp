@@ -1,9 +1,10 @@
 // Whole runs of zarvo-askpass answering git's HTTP password prompt from a
 // default keychain of 10, 1,000 and 100,000 items, against (a) a minimal C
 // program that prints a constant and (b) `git credential-store get` answering
-// the same credential from a credentials file of the same size. The three run
-// in turn, round by round, so all see the same machine; medians and ratios
-// are reported. The credential asked for is the middle one of each store.
+// the same credential from a credentials file of the same size. Each
+// comparison runs its two programs in alternating pairs, one comparison after
+// the other in the same run; medians and ratios are reported. The credential
+// asked for is the middle one of each store.
 //
 // Filled keychains are kept under $TMPDIR/zarvo-bench-cache, because filling
 // 100,000 items takes a while; delete that folder to start afresh.
@@ -13,12 +14,10 @@
 
 #include "Platform/Security/SecItem.h"
 
-#include <algorithm>
-#include <array>
 #include <cstdio>
 #include <filesystem>
 #include <functional>
-#include <random>
+#include <utility>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -66,11 +65,29 @@ fs::path prepareStores(int items)
     return home;
 }
 
-void record(bool keep, std::vector<double>& times, double time)
+using Run = std::function<double()>;
+
+// Median microseconds of `first` and of `second`, run in pairs whose order
+// alternates, after ten pairs of warm-up.
+std::pair<double, double> pairedMedians(const Run& first, const Run& second, int pairs)
 {
-    if (keep) {
-        times.push_back(time);
+    std::vector<double> firstTimes, secondTimes;
+    for (int pair = -10; pair < pairs; ++pair) {
+        double firstTime = 0;
+        double secondTime = 0;
+        if (pair % 2 == 0) {
+            firstTime = first();
+            secondTime = second();
+        } else {
+            secondTime = second();
+            firstTime = first();
+        }
+        if (pair >= 0) {
+            firstTimes.push_back(firstTime);
+            secondTimes.push_back(secondTime);
+        }
     }
+    return {bench::median(firstTimes), bench::median(secondTimes)};
 }
 
 }  // namespace
@@ -87,8 +104,8 @@ int main(int argc, char** argv)
     const std::string baseline = bin + "/print-constant";
     const std::string git = "/usr/bin/git";
 
-    std::printf("%-8s %12s %12s %12s %10s %10s\n", "items", "askpass us", "constant us", "git-store us", "vs (a)",
-                "vs (b)");
+    std::printf("%-8s %12s %12s %12s %12s %10s %10s\n", "items", "askpass us", "constant us", "askpass us",
+                "git-store us", "vs (a)", "vs (b)");
     for (const int items : {10, 1000, 100000}) {
         const auto home = prepareStores(items);
         const int wanted = items / 2;
@@ -101,28 +118,17 @@ int main(int argc, char** argv)
         const std::vector<std::string> store{"credential-store", "--file", (home / "git-credentials").string(), "get"};
         const std::string query = "protocol=https\nhost=" + server(wanted) + "\nusername=" + account(wanted) + "\n\n";
 
-        std::vector<double> responderTimes, baselineTimes, gitTimes;
-        const std::function<void(bool)> runs[] = {
-            [&](bool keep) { record(keep, responderTimes, bench::timeProgramRun(responder, prompt, environment)); },
-            [&](bool keep) { record(keep, baselineTimes, bench::timeProgramRun(baseline, {}, environment)); },
-            [&](bool keep) { record(keep, gitTimes, bench::timeProgramRun(git, store, environment, query)); },
-        };
-        // The order is shuffled each round, so that no program always runs
-        // right after git: a run that follows git's reading of a large file
-        // finds the caches cold.
-        std::mt19937 shuffler(items);
-        std::array<int, 3> order{0, 1, 2};
-        for (int round = -10; round < rounds; ++round) {  // ten rounds of warm-up
-            std::shuffle(order.begin(), order.end(), shuffler);
-            for (const int run : order) {
-                runs[run](round >= 0);
-            }
-        }
-        const double responderMedian = bench::median(responderTimes);
-        const double baselineMedian = bench::median(baselineTimes);
-        const double gitMedian = bench::median(gitTimes);
-        std::printf("%-8d %12.1f %12.1f %12.1f %10.2f %10.2f\n", items, responderMedian, baselineMedian, gitMedian,
-                    responderMedian / baselineMedian, responderMedian / gitMedian);
+        const Run runResponder = [&] { return bench::timeProgramRun(responder, prompt, environment); };
+        const Run runBaseline = [&] { return bench::timeProgramRun(baseline, {}, environment); };
+        const Run runGit = [&] { return bench::timeProgramRun(git, store, environment, query); };
+        // Each comparison in pairs of its own: a run right after git has read
+        // a large credentials file finds the caches cold, which is git's cost
+        // and must not be charged to the comparison with the C program.
+        const auto [responderBesideBaseline, baselineMedian] = pairedMedians(runResponder, runBaseline, rounds);
+        const auto [responderBesideGit, gitMedian] = pairedMedians(runResponder, runGit, rounds);
+        std::printf("%-8d %12.1f %12.1f %12.1f %12.1f %10.2f %10.2f\n", items, responderBesideBaseline, baselineMedian,
+                    responderBesideGit, gitMedian, responderBesideBaseline / baselineMedian,
+                    responderBesideGit / gitMedian);
     }
     return 0;
 }
