@@ -202,6 +202,9 @@ OSStatus SecKeychainUnlock(const SecKeychainRef& keychain, std::uint32_t passwor
     if (!usePassword) {
         return security::rememberedKey(file->identity()) ? errSecSuccess : errSecInteractionNotAllowed;
     }
+    // Deriving the key takes a while; writers need not wait for it. What it
+    // needs from the file has been read.
+    file->rollback();
     const auto key = security::SecretKey::derive(
         std::string_view(static_cast<const char*>(password), passwordLength), *file->derivation());
     if (!key) {
