@@ -223,14 +223,12 @@ void Operation::setCompletionBlock(std::function<void()> block)
 
 std::string Operation::name() const
 {
-    std::lock_guard lock(mutex_);
-    return name_;
+    return name_.get();
 }
 
 void Operation::setName(std::string name)
 {
-    std::lock_guard lock(mutex_);
-    name_ = std::move(name);
+    name_.set(std::move(name));
 }
 
 void Operation::operationStateDidChange()

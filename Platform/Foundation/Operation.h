@@ -34,6 +34,7 @@
 //   like any uncaught exception.
 #pragma once
 
+#include "Platform/Foundation/Guarded.h"
 #include "Platform/Foundation/Object.h"
 
 #include <atomic>
@@ -120,6 +121,7 @@ private:
     std::atomic<bool> cancelRequested_{false};
     std::atomic<bool> completionStarted_{false};
     std::atomic<bool> completed_{false};  // completion block ran, waiters released
+    Guarded<std::string> name_;  // tied to nothing else; never touched while `mutex_` is held
 
     mutable std::mutex mutex_;  // guards the fields below
     std::condition_variable ended_;
@@ -128,7 +130,6 @@ private:
     std::vector<OperationRef> dependencies_;
     std::vector<std::weak_ptr<Operation>> dependents_;
     std::function<void()> completionBlock_;
-    std::string name_;
     std::weak_ptr<OperationQueue> queue_;
 };
 

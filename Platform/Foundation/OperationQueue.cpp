@@ -50,8 +50,8 @@ thread_local Continuation* currentContinuation = nullptr;
 
 OperationQueue::OperationQueue(bool isMain)
     : isMain_(isMain),
-      maxConcurrent_(isMain ? 1 : NSOperationQueueDefaultMaxConcurrentOperationCount),
-      name_(isMain ? "NSOperationQueue Main Queue" : "NSOperationQueue " + addressString())
+      name_(isMain ? "NSOperationQueue Main Queue" : "NSOperationQueue " + addressString()),
+      maxConcurrent_(isMain ? 1 : NSOperationQueueDefaultMaxConcurrentOperationCount)
 {
 }
 
@@ -159,14 +159,12 @@ void OperationQueue::setSuspended(bool suspended)
 
 std::string OperationQueue::name() const
 {
-    std::lock_guard lock(mutex_);
-    return name_;
+    return name_.get();
 }
 
 void OperationQueue::setName(std::string name)
 {
-    std::lock_guard lock(mutex_);
-    name_ = std::move(name);
+    name_.set(std::move(name));
 }
 
 void OperationQueue::cancelAllOperations()

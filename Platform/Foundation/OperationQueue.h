@@ -27,6 +27,7 @@
 //   until a worker thread gets to it.
 #pragma once
 
+#include "Platform/Foundation/Guarded.h"
 #include "Platform/Foundation/Object.h"
 #include "Platform/Foundation/Operation.h"
 
@@ -107,6 +108,7 @@ private:
     static void pumpMainRunLoopUntil(const std::function<bool()>& done);
 
     const bool isMain_;
+    Guarded<std::string> name_;  // tied to nothing else; never touched while `mutex_` is held
     mutable std::mutex mutex_;  // guards the fields below
     std::condition_variable changed_;  // an operation ended or was handed out
     std::vector<OperationRef> operations_;  // in the order they were added
@@ -115,7 +117,6 @@ private:
     std::function<void()> servicingWaker_;
     std::int64_t maxConcurrent_;
     bool suspended_ = false;
-    std::string name_;
     std::shared_ptr<OperationQueue> keepAlive_;  // set while `operations_` is not empty
 };
 

@@ -55,9 +55,9 @@ QMCommandOperation::QMCommandOperation(std::optional<std::string> launchPath, st
     launchPath_ = std::move(launchPath);
     workingDirectory_ = std::move(workingDirectory);
     arguments_ = std::move(arguments);
-    delegate_ = std::move(delegate);
+    delegate_.set(std::move(delegate));
     environment_ = processEnvironment();
-    identifier_ = uniqueIdentifier();
+    identifier_.set(uniqueIdentifier());
 }
 
 QMCommandOperation::~QMCommandOperation()
@@ -132,26 +132,22 @@ bool QMCommandOperation::runCommandWithLaunchPath(const std::string& launchPath,
 
 QMCommandOperation::Delegate QMCommandOperation::delegate() const
 {
-    std::lock_guard lock(mutex_);
-    return delegate_;
+    return delegate_.get();
 }
 
 void QMCommandOperation::setDelegate(Delegate delegate)
 {
-    std::lock_guard lock(mutex_);
-    delegate_ = std::move(delegate);
+    delegate_.set(std::move(delegate));
 }
 
 std::string QMCommandOperation::identifier() const
 {
-    std::lock_guard lock(mutex_);
-    return identifier_;
+    return identifier_.get();
 }
 
 void QMCommandOperation::setIdentifier(std::string identifier)
 {
-    std::lock_guard lock(mutex_);
-    identifier_ = std::move(identifier);
+    identifier_.set(std::move(identifier));
 }
 
 std::optional<std::string> QMCommandOperation::launchPath() const
@@ -180,14 +176,12 @@ void QMCommandOperation::setWorkingDirectory(std::optional<std::string> workingD
 
 std::vector<std::string> QMCommandOperation::modes() const
 {
-    std::lock_guard lock(mutex_);
-    return modes_;
+    return modes_.get();
 }
 
 void QMCommandOperation::setModes(std::vector<std::string> modes)
 {
-    std::lock_guard lock(mutex_);
-    modes_ = std::move(modes);
+    modes_.set(std::move(modes));
 }
 
 QMCommandOperation::Arguments QMCommandOperation::arguments() const
@@ -228,26 +222,22 @@ void QMCommandOperation::setStandardInput(platform::ObjectRef standardInput)
 
 platform::PipeRef QMCommandOperation::standardOutput() const
 {
-    std::lock_guard lock(mutex_);
-    return standardOutput_;
+    return standardOutput_.get();
 }
 
 void QMCommandOperation::setStandardOutput(platform::PipeRef pipe)
 {
-    std::lock_guard lock(mutex_);
-    standardOutput_ = std::move(pipe);
+    standardOutput_.set(std::move(pipe));
 }
 
 platform::PipeRef QMCommandOperation::standardError() const
 {
-    std::lock_guard lock(mutex_);
-    return standardError_;
+    return standardError_.get();
 }
 
 void QMCommandOperation::setStandardError(platform::PipeRef pipe)
 {
-    std::lock_guard lock(mutex_);
-    standardError_ = std::move(pipe);
+    standardError_.set(std::move(pipe));
 }
 
 std::optional<Data> QMCommandOperation::standardOutputData() const

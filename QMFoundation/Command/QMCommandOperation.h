@@ -35,6 +35,7 @@
 
 #include "Platform/Foundation/Error.h"
 #include "Platform/Foundation/FileHandle.h"
+#include "Platform/Foundation/Guarded.h"
 #include "Platform/Foundation/NotificationCenter.h"
 #include "Platform/Foundation/Operation.h"
 #include "Platform/Foundation/OperationQueue.h"
@@ -209,17 +210,21 @@ private:
     template <typename Call>
     void tellDelegate(Call call);
 
-    mutable std::mutex mutex_;  // guards the plain fields below
-    Delegate delegate_;
-    std::string identifier_;
+    // Properties tied to no other field; never touched while `mutex_` is held.
+    platform::Guarded<Delegate> delegate_;
+    platform::Guarded<std::string> identifier_;
+    platform::Guarded<std::vector<std::string>> modes_;
+    platform::Guarded<platform::PipeRef> standardOutput_;
+    platform::Guarded<platform::PipeRef> standardError_;
+
+    // Guards the fields below. The program's setup is read in one go when the
+    // task is made, and the end sets the data and exit code in one go.
+    mutable std::mutex mutex_;
     std::optional<std::string> launchPath_;
     std::optional<std::string> workingDirectory_;
-    std::vector<std::string> modes_;
     Arguments arguments_;
     platform::Dictionary environment_;
     platform::ObjectRef standardInput_;
-    platform::PipeRef standardOutput_;
-    platform::PipeRef standardError_;
     std::optional<platform::Data> standardOutputData_;
     std::optional<platform::Data> standardErrorData_;
     std::int64_t exitCode_ = 0;
