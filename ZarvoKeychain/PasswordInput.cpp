@@ -51,9 +51,11 @@ PasswordInput::~PasswordInput()
 
 std::optional<std::string> PasswordInput::prompt(const std::string& text)
 {
+    // Echo goes off before the prompt shows: whatever is typed once it is
+    // there stays unseen (and is not thrown away by the switch).
+    EchoOff quiet;
     std::fputs(text.c_str(), stderr);
     std::fflush(stderr);
-    EchoOff quiet;
     std::string line;
     char character;
     ssize_t count;

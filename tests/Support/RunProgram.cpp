@@ -1,5 +1,7 @@
 #include "tests/Support/RunProgram.h"
 
+#include "tests/Support/CommandLine.h"
+
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
@@ -90,23 +92,7 @@ void pump(Pipe& input, const std::string& bytes, Pipe& output, Pipe& error, Prog
 ProgramResult runProgram(const std::string& path, const std::vector<std::string>& arguments,
                          const std::map<std::string, std::string>& environment, const std::string& input)
 {
-    std::vector<std::string> argumentStorage{path};
-    argumentStorage.insert(argumentStorage.end(), arguments.begin(), arguments.end());
-    std::vector<char*> argv;
-    for (auto& argument : argumentStorage) {
-        argv.push_back(argument.data());
-    }
-    argv.push_back(nullptr);
-    std::vector<std::string> environmentStorage;
-    for (const auto& [name, value] : environment) {
-        environmentStorage.push_back(name + "=" + value);
-    }
-    std::vector<char*> envp;
-    for (auto& entry : environmentStorage) {
-        envp.push_back(entry.data());
-    }
-    envp.push_back(nullptr);
-
+    const CommandLine command(path, arguments, environment);
     Pipe standardInput, standardOutput, standardError;
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
@@ -114,7 +100,7 @@ ProgramResult runProgram(const std::string& path, const std::vector<std::string>
     posix_spawn_file_actions_adddup2(&actions, standardOutput.write, STDOUT_FILENO);
     posix_spawn_file_actions_adddup2(&actions, standardError.write, STDERR_FILENO);
     pid_t child = 0;
-    const int failure = posix_spawn(&child, path.c_str(), &actions, nullptr, argv.data(), envp.data());
+    const int failure = posix_spawn(&child, command.path(), &actions, nullptr, command.argv(), command.envp());
     posix_spawn_file_actions_destroy(&actions);
     if (failure != 0) {
         throw std::runtime_error("cannot start " + path);
@@ -127,11 +113,16 @@ ProgramResult runProgram(const std::string& path, const std::vector<std::string>
     signal(SIGPIPE, SIG_IGN);
     ProgramResult result;
     pump(standardInput, input, standardOutput, standardError, result);
+    result.exitStatus = waitForExit(child);
+    return result;
+}
+
+int waitForExit(int child)
+{
     int status = 0;
     while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
     }
-    result.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    return result;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 std::string builtProgram(const std::string& name)

@@ -19,6 +19,9 @@ struct ProgramResult {
 ProgramResult runProgram(const std::string& path, const std::vector<std::string>& arguments,
                          const std::map<std::string, std::string>& environment, const std::string& input = {});
 
+// Waits for `child` to end: its exit code, or 128 + the signal that ended it.
+int waitForExit(int child);
+
 // The path of a program built into the project's bin directory.
 std::string builtProgram(const std::string& name);
 

@@ -1,5 +1,6 @@
 // Runs the built zarvo-keychain (and, where the two must agree, the built
 // zarvo-askpass) as child processes, each in a fresh data directory.
+#include "tests/Support/RunOnTerminal.h"
 #include "tests/Support/RunProgram.h"
 
 #include <gtest/gtest.h>
@@ -17,6 +18,13 @@ protected:
     ProgramResult tool(const std::vector<std::string>& arguments, const std::string& input = {}) const
     {
         return testsupport::runProgram(testsupport::builtProgram("zarvo-keychain"), arguments, environment(), input);
+    }
+
+    // The tool at a terminal, typing `answers` at its prompts.
+    testsupport::TerminalResult toolOnTerminal(const std::vector<std::string>& arguments,
+                                               const std::vector<std::string>& answers = {}) const
+    {
+        return testsupport::runOnTerminal(testsupport::builtProgram("zarvo-keychain"), arguments, environment(), answers);
     }
 
     ProgramResult askpass(const std::string& prompt) const
@@ -178,6 +186,39 @@ TEST_F(ZarvoKeychainToolTest, AKeychainWithoutAPasswordNeedsNoUnlocking)
     EXPECT_NE(unlock.standardError.find("no password"), std::string::npos);
     // Kept apart from the default keychain.
     EXPECT_EQ(tool({"find-generic-password", "-s", "svc"}).exitStatus, 3);
+}
+
+TEST_F(ZarvoKeychainToolTest, AtATerminalPasswordsAreAskedForWithoutEcho)
+{
+    const auto added = toolOnTerminal({"add-generic-password", "-a", "jo", "-s", "notes"}, {"typed s3cret", "typed s3cret"});
+    ASSERT_EQ(added.exitStatus, 0) << added.screen;
+    EXPECT_NE(added.screen.find("password to store: "), std::string::npos) << added.screen;
+    EXPECT_NE(added.screen.find("retype password to store: "), std::string::npos) << added.screen;
+    EXPECT_EQ(added.screen.find("s3cret"), std::string::npos) << added.screen;
+    EXPECT_EQ(tool({"find-generic-password", "-a", "jo", "-s", "notes", "-w"}).standardOutput, "typed s3cret");
+    // At a terminal the password gets a line of its own.
+    EXPECT_EQ(toolOnTerminal({"find-generic-password", "-a", "jo", "-s", "notes", "-w"}).screen, "typed s3cret\r\n");
+
+    const auto differing = toolOnTerminal({"add-generic-password", "-a", "jo", "-s", "other"}, {"one", "two"});
+    EXPECT_EQ(differing.exitStatus, 2);
+    EXPECT_NE(differing.screen.find("do not match"), std::string::npos) << differing.screen;
+    EXPECT_EQ(tool({"find-generic-password", "-a", "jo", "-s", "other"}).exitStatus, 3);
+}
+
+TEST_F(ZarvoKeychainToolTest, AtATerminalALockedKeychainAsksForItsPassword)
+{
+    const std::string keychain = path("protected.keychain");
+    ASSERT_EQ(toolOnTerminal({"create-keychain", keychain}, {"open sesame", "open sesame"}).exitStatus, 0);
+    const auto added =
+        toolOnTerminal({"add-generic-password", "-s", "svc", "-k", keychain}, {"open sesame", "item secret", "item secret"});
+    ASSERT_EQ(added.exitStatus, 0) << added.screen;
+    EXPECT_NE(added.screen.find("password to unlock " + keychain + ": "), std::string::npos) << added.screen;
+    EXPECT_EQ(added.screen.find("sesame"), std::string::npos) << added.screen;
+
+    EXPECT_EQ(toolOnTerminal({"find-generic-password", "-s", "svc", "-k", keychain, "-w"}, {"wrong"}).exitStatus, 6);
+    const auto found = toolOnTerminal({"find-generic-password", "-s", "svc", "-k", keychain, "-w"}, {"open sesame"});
+    EXPECT_EQ(found.exitStatus, 0) << found.screen;
+    EXPECT_TRUE(found.screen.ends_with("item secret\r\n")) << found.screen;
 }
 
 TEST_F(ZarvoKeychainToolTest, DeleteKeychainRefusesAFileThatIsNotOne)
