@@ -1,5 +1,7 @@
 // Guarded<T>: a value together with the lock that guards it, for a property
-// that several threads read and write and that has no tie to any other field.
+// that several threads read and write and that has no tie to any other field;
+// and copyUnder / storeUnder for the plain reads and writes of a field that
+// shares its lock with others.
 //
 //   Guarded<std::string> name_{"untitled"};
 //   name_.set("queue");
@@ -17,6 +19,28 @@
 
 namespace platform {
 
+// For a field that shares its mutex with other fields (which is why it is
+// not a Guarded of its own): a copy of it, and a new value for it, each
+// under that mutex. The value replaced is released after the lock, so a
+// destructor that reads the same field cannot deadlock.
+template <typename T>
+T copyUnder(std::mutex& mutex, const T& field)
+{
+    std::lock_guard lock(mutex);
+    return field;
+}
+
+template <typename T>
+void storeUnder(std::mutex& mutex, T& field, T value)
+{
+    {
+        std::lock_guard lock(mutex);
+        using std::swap;
+        swap(field, value);
+    }
+    // `value` now holds the previous one, released here, outside the lock.
+}
+
 template <typename T>
 class Guarded {
 public:
@@ -25,21 +49,8 @@ public:
     Guarded(const Guarded&) = delete;
     Guarded& operator=(const Guarded&) = delete;
 
-    T get() const
-    {
-        std::lock_guard lock(mutex_);
-        return value_;
-    }
-
-    void set(T value)
-    {
-        {
-            std::lock_guard lock(mutex_);
-            using std::swap;
-            swap(value_, value);
-        }
-        // `value` now holds the previous one, released here, outside the lock.
-    }
+    T get() const { return copyUnder(mutex_, value_); }
+    void set(T value) { storeUnder(mutex_, value_, std::move(value)); }
 
     // The result is returned by value: a reference into the guarded value
     // would outlive the lock.

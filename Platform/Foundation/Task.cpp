@@ -3,6 +3,7 @@
 #include "Platform/Foundation/EventMonitor.h"
 #include "Platform/Foundation/Exception.h"
 #include "Platform/Foundation/FileHandle.h"
+#include "Platform/Foundation/Guarded.h"
 #include "Platform/Foundation/NotificationCenter.h"
 #include "Platform/Foundation/Pipe.h"
 #include "Platform/Foundation/RunLoop.h"
@@ -175,101 +176,85 @@ TaskRef Task::create()
 
 std::optional<std::string> Task::launchPath() const
 {
-    std::lock_guard lock(mutex_);
-    return launchPath_;
+    return copyUnder(mutex_, launchPath_);
 }
 
 void Task::setLaunchPath(std::optional<std::string> path)
 {
-    std::lock_guard lock(mutex_);
-    launchPath_ = std::move(path);
+    storeUnder(mutex_, launchPath_, std::move(path));
 }
 
 std::vector<std::string> Task::arguments() const
 {
-    std::lock_guard lock(mutex_);
-    return arguments_;
+    return copyUnder(mutex_, arguments_);
 }
 
 void Task::setArguments(std::vector<std::string> arguments)
 {
-    std::lock_guard lock(mutex_);
-    arguments_ = std::move(arguments);
+    storeUnder(mutex_, arguments_, std::move(arguments));
 }
 
 std::optional<Dictionary> Task::environment() const
 {
-    std::lock_guard lock(mutex_);
-    return environment_;
+    return copyUnder(mutex_, environment_);
 }
 
 void Task::setEnvironment(std::optional<Dictionary> environment)
 {
-    std::lock_guard lock(mutex_);
-    environment_ = std::move(environment);
+    storeUnder(mutex_, environment_, std::move(environment));
 }
 
 std::optional<std::string> Task::currentDirectoryPath() const
 {
-    std::lock_guard lock(mutex_);
-    return currentDirectoryPath_;
+    return copyUnder(mutex_, currentDirectoryPath_);
 }
 
 void Task::setCurrentDirectoryPath(std::optional<std::string> path)
 {
-    std::lock_guard lock(mutex_);
-    currentDirectoryPath_ = std::move(path);
+    storeUnder(mutex_, currentDirectoryPath_, std::move(path));
 }
 
 ObjectRef Task::standardInput() const
 {
-    std::lock_guard lock(mutex_);
-    return standardInput_;
+    return copyUnder(mutex_, standardInput_);
 }
 
 void Task::setStandardInput(ObjectRef stream)
 {
     checkStream(stream);
-    std::lock_guard lock(mutex_);
-    standardInput_ = std::move(stream);
+    storeUnder(mutex_, standardInput_, std::move(stream));
 }
 
 ObjectRef Task::standardOutput() const
 {
-    std::lock_guard lock(mutex_);
-    return standardOutput_;
+    return copyUnder(mutex_, standardOutput_);
 }
 
 void Task::setStandardOutput(ObjectRef stream)
 {
     checkStream(stream);
-    std::lock_guard lock(mutex_);
-    standardOutput_ = std::move(stream);
+    storeUnder(mutex_, standardOutput_, std::move(stream));
 }
 
 ObjectRef Task::standardError() const
 {
-    std::lock_guard lock(mutex_);
-    return standardError_;
+    return copyUnder(mutex_, standardError_);
 }
 
 void Task::setStandardError(ObjectRef stream)
 {
     checkStream(stream);
-    std::lock_guard lock(mutex_);
-    standardError_ = std::move(stream);
+    storeUnder(mutex_, standardError_, std::move(stream));
 }
 
 Task::TerminationHandler Task::terminationHandler() const
 {
-    std::lock_guard lock(mutex_);
-    return terminationHandler_;
+    return copyUnder(mutex_, terminationHandler_);
 }
 
 void Task::setTerminationHandler(TerminationHandler handler)
 {
-    std::lock_guard lock(mutex_);
-    terminationHandler_ = std::move(handler);
+    storeUnder(mutex_, terminationHandler_, std::move(handler));
 }
 
 void Task::launch()
@@ -486,8 +471,7 @@ bool Task::isRunning() const
 
 int Task::processIdentifier() const
 {
-    std::lock_guard lock(mutex_);
-    return pid_;
+    return copyUnder(mutex_, pid_);
 }
 
 int Task::terminationStatus() const

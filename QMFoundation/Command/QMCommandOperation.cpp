@@ -152,26 +152,22 @@ void QMCommandOperation::setIdentifier(std::string identifier)
 
 std::optional<std::string> QMCommandOperation::launchPath() const
 {
-    std::lock_guard lock(mutex_);
-    return launchPath_;
+    return platform::copyUnder(mutex_, launchPath_);
 }
 
 void QMCommandOperation::setLaunchPath(std::optional<std::string> launchPath)
 {
-    std::lock_guard lock(mutex_);
-    launchPath_ = std::move(launchPath);
+    platform::storeUnder(mutex_, launchPath_, std::move(launchPath));
 }
 
 std::optional<std::string> QMCommandOperation::workingDirectory() const
 {
-    std::lock_guard lock(mutex_);
-    return workingDirectory_;
+    return platform::copyUnder(mutex_, workingDirectory_);
 }
 
 void QMCommandOperation::setWorkingDirectory(std::optional<std::string> workingDirectory)
 {
-    std::lock_guard lock(mutex_);
-    workingDirectory_ = std::move(workingDirectory);
+    platform::storeUnder(mutex_, workingDirectory_, std::move(workingDirectory));
 }
 
 std::vector<std::string> QMCommandOperation::modes() const
@@ -186,38 +182,32 @@ void QMCommandOperation::setModes(std::vector<std::string> modes)
 
 QMCommandOperation::Arguments QMCommandOperation::arguments() const
 {
-    std::lock_guard lock(mutex_);
-    return arguments_;
+    return platform::copyUnder(mutex_, arguments_);
 }
 
 void QMCommandOperation::setArguments(Arguments arguments)
 {
-    std::lock_guard lock(mutex_);
-    arguments_ = std::move(arguments);
+    platform::storeUnder(mutex_, arguments_, std::move(arguments));
 }
 
 Dictionary QMCommandOperation::environment() const
 {
-    std::lock_guard lock(mutex_);
-    return environment_;
+    return platform::copyUnder(mutex_, environment_);
 }
 
 void QMCommandOperation::setEnvironment(Dictionary environment)
 {
-    std::lock_guard lock(mutex_);
-    environment_ = std::move(environment);
+    platform::storeUnder(mutex_, environment_, std::move(environment));
 }
 
 platform::ObjectRef QMCommandOperation::standardInput() const
 {
-    std::lock_guard lock(mutex_);
-    return standardInput_;
+    return platform::copyUnder(mutex_, standardInput_);
 }
 
 void QMCommandOperation::setStandardInput(platform::ObjectRef standardInput)
 {
-    std::lock_guard lock(mutex_);
-    standardInput_ = std::move(standardInput);
+    platform::storeUnder(mutex_, standardInput_, std::move(standardInput));
 }
 
 platform::PipeRef QMCommandOperation::standardOutput() const
@@ -242,56 +232,47 @@ void QMCommandOperation::setStandardError(platform::PipeRef pipe)
 
 std::optional<Data> QMCommandOperation::standardOutputData() const
 {
-    std::lock_guard lock(mutex_);
-    return standardOutputData_;
+    return platform::copyUnder(mutex_, standardOutputData_);
 }
 
 std::optional<Data> QMCommandOperation::standardErrorData() const
 {
-    std::lock_guard lock(mutex_);
-    return standardErrorData_;
+    return platform::copyUnder(mutex_, standardErrorData_);
 }
 
 std::int64_t QMCommandOperation::exitCode() const
 {
-    std::lock_guard lock(mutex_);
-    return exitCode_;
+    return platform::copyUnder(mutex_, exitCode_);
 }
 
 platform::TaskRef QMCommandOperation::task() const
 {
-    std::lock_guard lock(mutex_);
-    return task_;
+    return platform::copyUnder(mutex_, task_);
 }
 
 Data QMCommandOperation::standardOutputBuffer() const
 {
-    std::lock_guard lock(mutex_);
-    return output_.buffer;
+    return platform::copyUnder(mutex_, output_.buffer);
 }
 
 Data QMCommandOperation::standardErrorBuffer() const
 {
-    std::lock_guard lock(mutex_);
-    return error_.buffer;
+    return platform::copyUnder(mutex_, error_.buffer);
 }
 
 bool QMCommandOperation::isStandardOutputClosed() const
 {
-    std::lock_guard lock(mutex_);
-    return output_.closed;
+    return platform::copyUnder(mutex_, output_.closed);
 }
 
 bool QMCommandOperation::isStandardErrorClosed() const
 {
-    std::lock_guard lock(mutex_);
-    return error_.closed;
+    return platform::copyUnder(mutex_, error_.closed);
 }
 
 std::vector<std::string> QMCommandOperation::keyPathObservers() const
 {
-    std::lock_guard lock(mutex_);
-    return keyPathObservers_;
+    return platform::copyUnder(mutex_, keyPathObservers_);
 }
 
 platform::FileHandleRef QMCommandOperation::standardOutputFileHandle() const
@@ -308,8 +289,7 @@ platform::FileHandleRef QMCommandOperation::standardErrorFileHandle() const
 
 platform::ObjectRef QMCommandOperation::taskObserver() const
 {
-    std::lock_guard lock(mutex_);
-    return taskObserver_;
+    return platform::copyUnder(mutex_, taskObserver_);
 }
 
 void QMCommandOperation::setExecutingValue(bool executing)
