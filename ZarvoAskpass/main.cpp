@@ -2,6 +2,7 @@
 // without a newline, and exits 0; exits 1 with no output only when no
 // responder could be made.
 #include "Platform/Foundation/Exception.h"
+#include "Platform/Security/SecKeychain.h"
 #include "ZarvoAskpass/ZarvoAskpass.h"
 
 #include <cstdio>
@@ -27,6 +28,7 @@ ZarvoAskpass::Environment processEnvironment(char** environment)
 int main(int argc, char** argv, char** envp)
 {
     platform::installUncaughtExceptionReporter();
+    platform::SecKeychainPrepareForShortProcess();
 
     const ZarvoAskpass::Arguments arguments(argv, argv + argc);
     const auto response = ZarvoAskpass::responseForArguments(arguments, processEnvironment(envp));

@@ -2,9 +2,11 @@
 #include "ZarvoKeychain/KeychainTool.h"
 
 #include "Platform/Foundation/Exception.h"
+#include "Platform/Security/SecKeychain.h"
 
 int main(int argc, char** argv)
 {
     platform::installUncaughtExceptionReporter();
+    platform::SecKeychainPrepareForShortProcess();
     return runKeychainTool(std::vector<std::string>(argv + 1, argv + argc));
 }

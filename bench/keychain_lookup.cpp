@@ -92,6 +92,7 @@ void baselineLookup(const std::string& path, const std::string& account, const s
 
 int main(int argc, char** argv)
 {
+    SecKeychainPrepareForShortProcess();  // as the responder does
     const int rounds = argc > 1 ? std::atoi(argv[1]) : 15;
     constexpr int kCallsPerRound = 200;
     const auto directory = std::filesystem::temp_directory_path() / ("keychain-lookup-" + std::to_string(::getpid()));

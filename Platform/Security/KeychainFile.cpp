@@ -101,26 +101,8 @@ std::string directoryOf(const std::string& path)
     return slash == std::string::npos || slash == 0 ? std::string("/") : path.substr(0, slash);
 }
 
-// Most processes that open a keychain make one look-up and exit, and every
-// page of memory a process touches first costs it a fault. SQLite's
-// defaults suit long-lived connections: a slab of lookaside memory and a
-// bulk of page-cache slots prepared per connection, and allocation
-// statistics kept under a lock. Without them a look-up touches only the
-// memory it uses. Must run before SQLite is first used in the process.
-void configureSQLiteForShortProcesses()
-{
-    static const bool configured = [] {
-        sqlite3_config(SQLITE_CONFIG_LOOKASIDE, 0, 0);
-        sqlite3_config(SQLITE_CONFIG_PAGECACHE, nullptr, 0, 0);
-        sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
-        return true;
-    }();
-    (void)configured;
-}
-
 int openConnection(const std::string& path, sqlite3** database)
 {
-    configureSQLiteForShortProcesses();
     return sqlite3_open_v2(path.c_str(), database, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
 }
 

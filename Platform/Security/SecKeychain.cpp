@@ -3,6 +3,8 @@
 #include "Platform/Security/KeychainCrypto.h"
 #include "Platform/Security/KeychainFile.h"
 
+#include <sqlite3.h>
+
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -88,6 +90,13 @@ bool SecKeychainItem::isEqual(const Object& other) const
     const auto* item = dynamic_cast<const SecKeychainItem*>(&other);
     return item != nullptr && item->row_ == row_ && item->fileIdentity_ == fileIdentity_ &&
            item->keychainPath_ == keychainPath_;
+}
+
+void SecKeychainPrepareForShortProcess()
+{
+    sqlite3_config(SQLITE_CONFIG_LOOKASIDE, 0, 0);
+    sqlite3_config(SQLITE_CONFIG_PAGECACHE, nullptr, 0, 0);
+    sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
 }
 
 std::string SecKeychainDefaultPath()

@@ -70,6 +70,15 @@ private:
 };
 using SecKeychainItemRef = std::shared_ptr<SecKeychainItem>;
 
+// For a program that makes a look-up or two and exits, as the responder does
+// (an addition of ours). SQLite's defaults suit long-lived connections: a slab
+// of lookaside memory and a bulk of page-cache slots prepared per connection,
+// and allocation statistics kept under a lock. After this call a look-up
+// touches only the memory it uses, and each first touch of a page costs a
+// fault. It changes SQLite for the whole process, so call it first thing,
+// before anything opens a database; a long-lived application does not.
+void SecKeychainPrepareForShortProcess();
+
 // The path of the user's default keychain under the current environment.
 std::string SecKeychainDefaultPath();
 
