@@ -1,8 +1,7 @@
 #include "Platform/Foundation/URL.h"
 
+#include "Platform/Foundation/RegularExpression.h"
 #include "Platform/Foundation/Unicode.h"
-
-#include <uriparser/Uri.h>
 
 #include <algorithm>
 #include <cctype>
@@ -13,16 +12,61 @@
 namespace platform {
 namespace {
 
-std::optional<std::string> rangeText(const UriTextRangeA& range)
+// RFC 3986's grammar of a URI reference (section 4.1, with the rules of
+// appendix A), written out for PCRE2. Every component the URL keeps has its own
+// group, present exactly when its delimiter is: 1 scheme, 2 user information,
+// 3 host (the text inside the brackets of an IP literal), 4 port, 5 query,
+// 6 fragment. The host of an IPv4 address is read as a registered name, which
+// takes the same text. The named rules come last, so that they take no group
+// numbers before the components.
+constexpr std::string_view kURIReferenceGrammar = R"grammar(
+\A
+(?: ( [A-Za-z] [A-Za-z0-9+.\-]* ) : )?                                             # scheme
+(?: // (?: ( (?: (?&unreserved) | (?&pct) | (?&subdelims) | : )*+ ) @ )?           # authority: user information,
+       (?| \[ ( (?&ipv6) | (?&ipvfuture) ) \] | ( (?: (?&unreserved) | (?&pct) | (?&subdelims) )*+ ) )  # host,
+       (?: : ( [0-9]*+ ) )?                                                        # port,
+       (?: / (?&segment) )*+                                                       # then path-abempty
+  |    / (?: (?&pchar)++ (?: / (?&segment) )*+ )?                                  # path-absolute
+  |    (?(1) (?&pchar)++ | (?: (?&unreserved) | (?&pct) | (?&subdelims) | @ )++ )  # path-rootless, or without a
+       (?: / (?&segment) )*+                                                       #   scheme path-noscheme (no colon)
+  |    )                                                                           # path-empty
+(?: \? ( (?: (?&pchar) | [/?] )*+ ) )?                                             # query
+(?: \# ( (?: (?&pchar) | [/?] )*+ ) )?                                             # fragment
+\z
+(?(DEFINE)
+  (?<unreserved>  [A-Za-z0-9\-._~] )
+  (?<pct>         %[0-9A-Fa-f]{2} )
+  (?<subdelims>   [!$&'()*+,;=] )
+  (?<pchar>       (?&unreserved) | (?&pct) | (?&subdelims) | [:@] )
+  (?<segment>     (?&pchar)*+ )
+  (?<h16>         [0-9A-Fa-f]{1,4} )
+  (?<decoctet>    25[0-5] | 2[0-4][0-9] | 1[0-9]{2} | [1-9]?[0-9] )
+  (?<ipv4>        (?&decoctet) (?: \. (?&decoctet) ){3} )
+  (?<ls32>        (?&h16) : (?&h16) | (?&ipv4) )
+  (?<ipv6>                                       (?: (?&h16) : ){6} (?&ls32)
+          |                                   :: (?: (?&h16) : ){5} (?&ls32)
+          | (?:                     (?&h16) )? :: (?: (?&h16) : ){4} (?&ls32)
+          | (?: (?: (?&h16) : ){0,1} (?&h16) )? :: (?: (?&h16) : ){3} (?&ls32)
+          | (?: (?: (?&h16) : ){0,2} (?&h16) )? :: (?: (?&h16) : ){2} (?&ls32)
+          | (?: (?: (?&h16) : ){0,3} (?&h16) )? ::     (?&h16) :      (?&ls32)
+          | (?: (?: (?&h16) : ){0,4} (?&h16) )? ::                    (?&ls32)
+          | (?: (?: (?&h16) : ){0,5} (?&h16) )? ::     (?&h16)
+          | (?: (?: (?&h16) : ){0,6} (?&h16) )? :: )
+  (?<ipvfuture>   v [0-9A-Fa-f]+ \. (?: (?&unreserved) | (?&subdelims) | : )+ )
+)
+)grammar";
+
+enum URIGroup : std::size_t { kScheme = 1, kUserInformation, kHost, kPort, kQuery, kFragment };
+
+// Compiled on first use, then shared by every thread.
+const RegularExpression& uriReferenceGrammar()
 {
-    if (range.first == nullptr || range.afterLast == nullptr) {
-        return std::nullopt;
-    }
-    return std::string(range.first, range.afterLast);
+    static const auto grammar = RegularExpression::create(kURIReferenceGrammar, RegularExpression::AllowCommentsAndWhitespace);
+    return *grammar;
 }
 
-// The uriparser grammar is the RFC's; the rules the platform adds on top are a
-// non-empty text and a port that fits in sixteen bits.
+// The rules the platform adds to the RFC's grammar are a non-empty text and a
+// port that fits in sixteen bits.
 bool validPort(const std::optional<std::string>& portText, std::optional<int>& port)
 {
     if (!portText || portText->empty()) {
@@ -92,24 +136,25 @@ std::optional<std::string> percentDecode(std::string_view text)
 
 std::optional<URL> URL::fromString(std::string_view text)
 {
-    if (text.empty()) {
+    // The grammar is ASCII. Other bytes are turned away here, because the
+    // expression would take an invalid UTF-8 sequence for the end of the text.
+    const auto isASCII = [](unsigned char byte) { return byte < 0x80; };
+    if (text.empty() || !std::all_of(text.begin(), text.end(), isASCII)) {
         return std::nullopt;
     }
-    UriUriA parsed;
-    const char* errorPosition = nullptr;
-    if (uriParseSingleUriExA(&parsed, text.data(), text.data() + text.size(), &errorPosition) != URI_SUCCESS) {
+    const auto match = uriReferenceGrammar().firstMatch(text);
+    if (!match) {
         return std::nullopt;
     }
 
     URL url;
     url.text_ = std::string(text);
-    url.scheme_ = rangeText(parsed.scheme);
-    url.host_ = rangeText(parsed.hostText);
-    url.query_ = rangeText(parsed.query);
-    url.fragment_ = rangeText(parsed.fragment);
-    const auto userInformation = rangeText(parsed.userInfo);
-    const auto portText = rangeText(parsed.portText);
-    uriFreeUriMembersA(&parsed);
+    url.scheme_ = match->substring(text, kScheme);
+    url.host_ = match->substring(text, kHost);
+    url.query_ = match->substring(text, kQuery);
+    url.fragment_ = match->substring(text, kFragment);
+    const auto userInformation = match->substring(text, kUserInformation);
+    const auto portText = match->substring(text, kPort);
 
     if (!validPort(portText, url.port_)) {
         return std::nullopt;

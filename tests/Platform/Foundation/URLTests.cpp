@@ -9,7 +9,8 @@ namespace {
 TEST(URLParsing, RejectsTextThatIsNotAURL)
 {
     for (const char* text : {"", "https://host name/", "https://host/a b", "https://host:abc/", "https://host:99999/",
-                             "https://host/<x>", "https://host/%zz", "https://host/\"", "https://[::1/"}) {
+                             "https://host/<x>", "https://host/%zz", "https://host/\"", "https://[::1/",
+                             "https://host/caf\xC3\xA9", "https://host/?q\xC3(x"}) {
         EXPECT_FALSE(URL::fromString(text).has_value()) << text;
     }
 }
@@ -45,6 +46,40 @@ TEST(URLParsing, DistinguishesAbsentFromEmptyParts)
     EXPECT_EQ(URL::fromString("https://host/")->path(), "/");
     EXPECT_EQ(URL::fromString("https://host/a/b/")->path(), "/a/b");
     EXPECT_EQ(URL::fromString("ssh://[::1]:22")->host(), "::1");
+}
+
+TEST(URLParsing, FollowsTheGrammarOfRelativeReferences)
+{
+    EXPECT_EQ(URL::fromString("//host/x")->host(), "host");
+    EXPECT_FALSE(URL::fromString("//host/x")->scheme());
+    EXPECT_EQ(URL::fromString("team/repo.git")->path(), "team/repo.git");
+    EXPECT_EQ(URL::fromString("a/b:c")->path(), "a/b:c");
+    // A colon in the first segment makes that segment a scheme, or no URL.
+    EXPECT_EQ(URL::fromString("git:repo")->scheme(), "git");
+    EXPECT_FALSE(URL::fromString(":repo"));
+    EXPECT_FALSE(URL::fromString("1git:repo"));
+    EXPECT_FALSE(URL::fromString("https://host?a#b#c"));
+
+    const auto empties = URL::fromString("https://@host?#");
+    ASSERT_TRUE(empties);
+    EXPECT_EQ(empties->user(), "");
+    EXPECT_EQ(empties->query(), "");
+    EXPECT_EQ(empties->fragment(), "");
+    EXPECT_EQ(URL::fromString("file:///tmp/x")->host(), "");
+}
+
+TEST(URLParsing, ReadsIPLiteralsByTheirGrammar)
+{
+    for (const char* host : {"::1", "::", "1::", "1:2:3:4:5:6:7:8", "1:2:3:4:5:6:7::", "::ffff:192.0.2.1", "fe80::1:2", "v1.zone"}) {
+        const auto url = URL::fromString(std::string("ssh://[") + host + "]:2222/x");
+        ASSERT_TRUE(url) << host;
+        EXPECT_EQ(url->host(), host);
+        EXPECT_EQ(url->port(), 2222);
+    }
+    for (const char* host : {"1:2:3:4:5:6:7:8:9", "1:2:3:4:5:6:7:8::", "1::2::3", "12345::", "192.0.2.1", "::ffff:192.0.2.256", ""}) {
+        EXPECT_FALSE(URL::fromString(std::string("ssh://[") + host + "]/x")) << host;
+    }
+    EXPECT_EQ(URL::fromString("http://192.0.2.1:80")->host(), "192.0.2.1");
 }
 
 TEST(URLPaths, SplitsComponentsAndBuildsFileURLs)
