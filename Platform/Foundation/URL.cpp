@@ -238,8 +238,8 @@ std::string URL::lastPathComponent() const
 URL URL::URLByAppendingPathComponent(std::string_view component) const
 {
     std::string text = text_.substr(0, text_.size() - (query_ ? query_->size() + 1 : 0) - (fragment_ ? fragment_->size() + 1 : 0));
-    if (text.empty() || text.back() != '/') {
-        text += '/';
+    if (encodedPath_.empty() || encodedPath_.back() != '/') {
+        text += '/';  // also after an empty authority: "ssh://" + "x" would name a host
     }
     for (const unsigned char byte : component) {
         text += isUnreservedPathByte(byte) && byte != '/' ? std::string(1, static_cast<char>(byte)) : percentEscape(byte);

@@ -94,6 +94,8 @@ TEST(URLPaths, SplitsComponentsAndBuildsFileURLs)
     EXPECT_EQ(file.absoluteString(), "file:///tmp/with%20space/x.txt");
     EXPECT_EQ(file.path(), "/tmp/with space/x.txt");
     EXPECT_EQ(URL::fromString("https://h/a?q=1")->URLByAppendingPathComponent("b c").absoluteString(), "https://h/a/b%20c?q=1");
+    EXPECT_EQ(URL::fromString("https://h/")->URLByAppendingPathComponent("b").absoluteString(), "https://h/b");
+    EXPECT_EQ(URL::fromString("ssh://")->URLByAppendingPathComponent("b").absoluteString(), "ssh:///b");
 }
 
 TEST(PercentDecoding, RejectsMalformedEscapesAndInvalidUTF8)
