@@ -4,7 +4,7 @@ BUILD_DIR ?= build
 CHECK_DIR ?= build-check
 TSAN_DIR ?= build-tsan
 
-.PHONY: deps build demo check check-tsan bench fuzz clean
+.PHONY: deps build demo check check-tsan check-release bench fuzz clean
 
 deps:
 	scripts/install-deps
@@ -21,12 +21,20 @@ check: deps
 	cmake --build $(CHECK_DIR) -j $(JOBS)
 	cd $(CHECK_DIR) && ctest --output-on-failure -j $(JOBS)
 	$(MAKE) check-tsan
+	$(MAKE) check-release
 
 # The runtime's concurrency tests, again under ThreadSanitizer.
 check-tsan: deps
 	cmake -S . -B $(TSAN_DIR) -G Ninja -DCMAKE_BUILD_TYPE=Debug -DZARVO_TSAN=ON -DZARVO_BUILD_BENCHMARKS=OFF
 	cmake --build $(TSAN_DIR) -j $(JOBS) --target tsan-tests
 	cd $(TSAN_DIR) && ctest --output-on-failure -j $(JOBS) -L tsan
+
+# The programs as they ship (Release, the responder linked wholly static),
+# again through the end-to-end tests.
+check-release: deps
+	cmake -S . -B $(BUILD_DIR) -G Ninja -DCMAKE_BUILD_TYPE=Release
+	cmake --build $(BUILD_DIR) -j $(JOBS) --target zarvo-askpass zarvo-keychain
+	cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS) -L e2e
 
 bench: build
 	scripts/bench $(BUILD_DIR)/bin

@@ -3,7 +3,6 @@ find_package(PkgConfig REQUIRED)
 find_package(Threads REQUIRED)
 
 pkg_check_modules(PCRE2 REQUIRED IMPORTED_TARGET libpcre2-8)
-pkg_check_modules(URIPARSER REQUIRED IMPORTED_TARGET liburiparser)
 pkg_check_modules(SQLITE3 REQUIRED IMPORTED_TARGET sqlite3)
 pkg_check_modules(SODIUM REQUIRED IMPORTED_TARGET libsodium)
 pkg_check_modules(LIBCRYPTO REQUIRED IMPORTED_TARGET libcrypto)
@@ -25,6 +24,24 @@ endfunction()
 zarvo_prefer_archive(PCRE2 libpcre2-8.a)
 zarvo_prefer_archive(SQLITE3 libsqlite3.a)
 zarvo_prefer_archive(SODIUM libsodium.a)
+
+# A program linked wholly static (one whose ZARVO_STATIC_PROGRAM property is
+# set: the responder) needs the archive of every library it links, also of
+# those that other programs load as shared objects. Those keep the shared
+# object: a program that also loads libcurl must not hold a second copy of
+# libcrypto.
+function(zarvo_archive_for_static_programs prefix archive)
+  find_library(${prefix}_ARCHIVE NAMES ${archive} REQUIRED)
+  set(dependencies ${${prefix}_STATIC_LIBRARIES})
+  list(REMOVE_ITEM dependencies ${${prefix}_LIBRARIES})
+  get_target_property(shared PkgConfig::${prefix} INTERFACE_LINK_LIBRARIES)
+  set(static_program "$<BOOL:$<TARGET_PROPERTY:ZARVO_STATIC_PROGRAM>>")
+  set_property(TARGET PkgConfig::${prefix} PROPERTY INTERFACE_LINK_LIBRARIES
+    "$<${static_program}:${${prefix}_ARCHIVE};${dependencies}>"
+    "$<$<NOT:${static_program}>:${shared}>")
+endfunction()
+zarvo_archive_for_static_programs(LIBCRYPTO libcrypto.a)
+zarvo_archive_for_static_programs(UUID libuuid.a)
 
 if(ZARVO_BUILD_TESTS)
   find_package(GTest REQUIRED)
