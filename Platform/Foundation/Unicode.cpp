@@ -1,7 +1,5 @@
 #include "Platform/Foundation/Unicode.h"
 
-#include "Platform/Foundation/RegularExpression.h"
-
 #include <cstdint>
 
 namespace platform {
@@ -99,15 +97,6 @@ UTF8Character decodeUTF8Character(std::string_view text, std::size_t index)
         codePoint = (codePoint << 6) | (static_cast<std::uint8_t>(text[index + offset]) & 0x3F);
     }
     return {codePoint, length, true};
-}
-
-bool containsCaseInsensitive(std::string_view haystack, std::string_view needle)
-{
-    if (needle.empty()) {
-        return false;
-    }
-    const auto expression = RegularExpression::literal(needle, RegularExpression::CaseInsensitive);
-    return expression && expression->firstMatch(haystack).has_value();
 }
 
 }  // namespace platform

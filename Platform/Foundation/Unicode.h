@@ -28,8 +28,4 @@ struct UTF8Character {
 };
 UTF8Character decodeUTF8Character(std::string_view text, std::size_t index);
 
-// Case-insensitive (Unicode simple case folding) search for `needle` anywhere
-// in `haystack`. Invalid UTF-8 in the haystack never matches a character.
-bool containsCaseInsensitive(std::string_view haystack, std::string_view needle);
-
 }  // namespace platform
