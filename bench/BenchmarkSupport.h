@@ -1,5 +1,5 @@
-// Helpers shared by the benchmarks: medians of samples, and timing one whole
-// run of a program.
+// Helpers shared by the benchmarks: medians of samples, timing one whole run
+// of a program, and comparing two runs pair by pair.
 #pragma once
 
 #include <algorithm>
@@ -7,10 +7,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
+#include <functional>
 #include <spawn.h>
 #include <string>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 namespace bench {
@@ -66,6 +68,32 @@ inline double timeProgramRun(const std::string& path, const std::vector<std::str
         std::exit(2);
     }
     return std::chrono::duration<double, std::micro>(elapsed).count();
+}
+
+using Run = std::function<double()>;
+
+// Median microseconds of `first` and of `second`, run in pairs whose order
+// alternates, so that both see the same machine, after `warmUpPairs` pairs
+// that are not counted.
+inline std::pair<double, double> pairedMedians(const Run& first, const Run& second, int pairs, int warmUpPairs = 10)
+{
+    std::vector<double> firstTimes, secondTimes;
+    for (int pair = -warmUpPairs; pair < pairs; ++pair) {
+        double firstTime = 0;
+        double secondTime = 0;
+        if (pair % 2 == 0) {
+            firstTime = first();
+            secondTime = second();
+        } else {
+            secondTime = second();
+            firstTime = first();
+        }
+        if (pair >= 0) {
+            firstTimes.push_back(firstTime);
+            secondTimes.push_back(secondTime);
+        }
+    }
+    return {median(firstTimes), median(secondTimes)};
 }
 
 }  // namespace bench

@@ -16,8 +16,6 @@
 
 #include <cstdio>
 #include <filesystem>
-#include <functional>
-#include <utility>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -65,31 +63,6 @@ fs::path prepareStores(int items)
     return home;
 }
 
-using Run = std::function<double()>;
-
-// Median microseconds of `first` and of `second`, run in pairs whose order
-// alternates, after ten pairs of warm-up.
-std::pair<double, double> pairedMedians(const Run& first, const Run& second, int pairs)
-{
-    std::vector<double> firstTimes, secondTimes;
-    for (int pair = -10; pair < pairs; ++pair) {
-        double firstTime = 0;
-        double secondTime = 0;
-        if (pair % 2 == 0) {
-            firstTime = first();
-            secondTime = second();
-        } else {
-            secondTime = second();
-            firstTime = first();
-        }
-        if (pair >= 0) {
-            firstTimes.push_back(firstTime);
-            secondTimes.push_back(secondTime);
-        }
-    }
-    return {bench::median(firstTimes), bench::median(secondTimes)};
-}
-
 }  // namespace
 
 int main(int argc, char** argv)
@@ -118,14 +91,14 @@ int main(int argc, char** argv)
         const std::vector<std::string> store{"credential-store", "--file", (home / "git-credentials").string(), "get"};
         const std::string query = "protocol=https\nhost=" + server(wanted) + "\nusername=" + account(wanted) + "\n\n";
 
-        const Run runResponder = [&] { return bench::timeProgramRun(responder, prompt, environment); };
-        const Run runBaseline = [&] { return bench::timeProgramRun(baseline, {}, environment); };
-        const Run runGit = [&] { return bench::timeProgramRun(git, store, environment, query); };
+        const bench::Run runResponder = [&] { return bench::timeProgramRun(responder, prompt, environment); };
+        const bench::Run runBaseline = [&] { return bench::timeProgramRun(baseline, {}, environment); };
+        const bench::Run runGit = [&] { return bench::timeProgramRun(git, store, environment, query); };
         // Each comparison in pairs of its own: a run right after git has read
         // a large credentials file finds the caches cold, which is git's cost
         // and must not be charged to the comparison with the C program.
-        const auto [responderBesideBaseline, baselineMedian] = pairedMedians(runResponder, runBaseline, rounds);
-        const auto [responderBesideGit, gitMedian] = pairedMedians(runResponder, runGit, rounds);
+        const auto [responderBesideBaseline, baselineMedian] = bench::pairedMedians(runResponder, runBaseline, rounds);
+        const auto [responderBesideGit, gitMedian] = bench::pairedMedians(runResponder, runGit, rounds);
         std::printf("%-8d %12.1f %12.1f %12.1f %12.1f %10.2f %10.2f\n", items, responderBesideBaseline, baselineMedian,
                     responderBesideGit, gitMedian, responderBesideBaseline / baselineMedian,
                     responderBesideGit / gitMedian);

@@ -1,6 +1,7 @@
 // Times whole runs of the built responder against a minimal C program that
 // prints a constant: the cost of starting any process. Runs alternate pair by
-// pair, so both see the same machine; the ratio of the medians is reported.
+// pair (the order within a pair alternating too), so both see the same
+// machine; the ratio of the medians is reported.
 //
 //   askpass_startup BIN_DIR [RUNS]
 #include "bench/BenchmarkSupport.h"
@@ -10,7 +11,6 @@
 #include <string>
 #include <unistd.h>
 #include <vector>
-
 
 int main(int argc, char** argv)
 {
@@ -44,18 +44,9 @@ int main(int argc, char** argv)
 
     std::printf("%-24s %14s %14s %8s\n", "case", "responder us", "baseline us", "ratio");
     for (const auto& benchmarkCase : cases) {
-        std::vector<double> responderTimes;
-        std::vector<double> baselineTimes;
-        for (int warmUp = 0; warmUp < 20; ++warmUp) {
-            bench::timeProgramRun(responder, benchmarkCase.arguments, environment);
-            bench::timeProgramRun(baseline, {}, environment);
-        }
-        for (int run = 0; run < runs; ++run) {
-            responderTimes.push_back(bench::timeProgramRun(responder, benchmarkCase.arguments, environment));
-            baselineTimes.push_back(bench::timeProgramRun(baseline, {}, environment));
-        }
-        const double responderMedian = bench::median(responderTimes);
-        const double baselineMedian = bench::median(baselineTimes);
+        const auto [responderMedian, baselineMedian] = bench::pairedMedians(
+            [&] { return bench::timeProgramRun(responder, benchmarkCase.arguments, environment); },
+            [&] { return bench::timeProgramRun(baseline, {}, environment); }, runs, 20);
         std::printf("%-24s %14.1f %14.1f %8.2f\n", benchmarkCase.name, responderMedian, baselineMedian,
                     responderMedian / baselineMedian);
     }
