@@ -229,15 +229,25 @@ void OperationQueue::schedule()
     }
 }
 
+OperationRef OperationQueue::takeDispatchedLocked(const Operation* operation)
+{
+    const auto found = std::find(dispatched_.begin(), dispatched_.end(), operation);
+    if (found == dispatched_.end()) {
+        return nullptr;
+    }
+    dispatched_.erase(found);
+    const auto held = std::find_if(operations_.begin(), operations_.end(),
+                                   [operation](const OperationRef& candidate) { return candidate.get() == operation; });
+    return held != operations_.end() ? *held : nullptr;
+}
+
 void OperationQueue::run(const OperationRef& operation)
 {
     if (!isMain_) {
         std::lock_guard lock(mutex_);
-        const auto found = std::find(dispatched_.begin(), dispatched_.end(), operation.get());
-        if (found == dispatched_.end()) {
+        if (!takeDispatchedLocked(operation.get())) {
             return;  // a waiting thread ran it already
         }
-        dispatched_.erase(found);
     }
     execute(operation);
 }
@@ -247,16 +257,10 @@ bool OperationQueue::runIfStillDispatched(const Operation& operation)
     OperationRef taken;
     {
         std::lock_guard lock(mutex_);
-        const auto found = std::find(dispatched_.begin(), dispatched_.end(), &operation);
-        if (found == dispatched_.end()) {
-            return false;
-        }
-        dispatched_.erase(found);
-        for (const auto& held : operations_) {
-            if (held.get() == &operation) {
-                taken = held;
-            }
-        }
+        taken = takeDispatchedLocked(&operation);
+    }
+    if (!taken) {
+        return false;
     }
     execute(taken);
     return true;
@@ -288,15 +292,18 @@ void OperationQueue::setServicingWaker(std::function<void()> waker)
 
 bool OperationQueue::runPendingOperationOnCurrentThread()
 {
-    const Operation* next = nullptr;
+    OperationRef taken;
     {
         std::lock_guard lock(mutex_);
-        if (dispatched_.empty()) {
-            return false;
+        if (!dispatched_.empty()) {
+            taken = takeDispatchedLocked(dispatched_.front());
         }
-        next = dispatched_.front();
     }
-    return runIfStillDispatched(*next);
+    if (!taken) {
+        return false;
+    }
+    execute(taken);
+    return true;
 }
 
 void OperationQueue::execute(const OperationRef& operation)

@@ -102,6 +102,9 @@ private:
     // Runs `operation` on the calling thread if it is handed out to a worker
     // that has not begun it; false otherwise.
     bool runIfStillDispatched(const Operation& operation);
+    // Under `mutex_`: takes `operation` off the handed-out list and returns
+    // it; nothing when it is not there (a thread has begun it).
+    OperationRef takeDispatchedLocked(const Operation* operation);
     void execute(const OperationRef& operation);
     void operationDidEnd(const Operation& operation);
     // Waits on the main thread for the main queue by running the main run loop.
