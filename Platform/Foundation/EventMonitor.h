@@ -22,7 +22,6 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
-#include <optional>
 #include <sys/epoll.h>
 
 namespace platform {
@@ -50,31 +49,6 @@ private:
     void run();
     struct State;
     State* state_;
-};
-
-// An epoll set whose waits other threads can interrupt (through an eventfd),
-// shared by the monitor and the run loops. Descriptors are added with
-// `epoll_ctl` on `descriptor()`, their `data.u64` any value but `kWakeTag`.
-class WakeableEpoll {
-public:
-    static constexpr std::uint64_t kWakeTag = ~std::uint64_t{0};
-
-    WakeableEpoll();  // raises std::system_error when the kernel refuses
-    ~WakeableEpoll();
-    WakeableEpoll(const WakeableEpoll&) = delete;
-    WakeableEpoll& operator=(const WakeableEpoll&) = delete;
-
-    int descriptor() const { return epoll_; }
-    // Waits up to `seconds` (nothing: without limit; zero or less: not at
-    // all), with nanosecond precision where the kernel offers it. Returns the
-    // number of events stored, wake-ups left out.
-    int wait(epoll_event* events, int capacity, std::optional<double> seconds);
-    // Ends a wait in progress, or the next one.
-    void wake() const;
-
-private:
-    int epoll_;
-    int wakeFd_;
 };
 
 }  // namespace platform

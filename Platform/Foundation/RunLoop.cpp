@@ -1,8 +1,8 @@
 #include "Platform/Foundation/RunLoop.h"
 
-#include "Platform/Foundation/EventMonitor.h"
 #include "Platform/Foundation/Exception.h"
 #include "Platform/Foundation/Thread.h"
+#include "Platform/Foundation/WakeableEpoll.h"
 
 #include <sys/epoll.h>
 
