@@ -3,15 +3,15 @@
 #include <sqlite3.h>
 
 #include <cerrno>
+#include <cstdlib>
+#include <fcntl.h>
 #include <map>
 #include <mutex>
 #include <pthread.h>
-#include <vector>
-#include <cstdlib>
-#include <fcntl.h>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 namespace platform::security {
 namespace {
@@ -243,8 +243,7 @@ struct ConnectionPool {
 ConnectionPool& connectionPool();
 
 // SQLite connections must not cross a fork. The idle ones are closed before
-// it (in the parent, so their last close empties the journal as usual);
-// posix_spawn does not come here.
+// it, in the parent; posix_spawn does not come here.
 void closeIdleBeforeFork()
 {
     auto& pool = connectionPool();
@@ -259,8 +258,8 @@ void unlockAfterFork()
 
 ConnectionPool& connectionPool()
 {
-    // Destroyed at exit, which closes the idle connections and so
-    // checkpoints each file's journal.
+    // Destroyed at exit, which closes the idle connections (the last close
+    // of a keychain still in WAL mode folds its log back into the file).
     static ConnectionPool pool;
     static std::once_flag forkHandlers;
     std::call_once(forkHandlers, [] { ::pthread_atfork(closeIdleBeforeFork, unlockAfterFork, unlockAfterFork); });

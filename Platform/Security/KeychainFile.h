@@ -5,13 +5,14 @@
 // writers queue behind one another through a busy time-out (a write holds
 // the file for the moment of its commit only), and a process killed in the
 // middle of a write leaves a journal from which the next opener restores
-// every committed item. A connection is opened per operation and never
+// every committed item. A connection serves one operation at a time; between
+// operations it waits in a per-file pool of this process, and it never
 // crosses a fork.
 //
-// Opening for reading runs no statement but the one that reads the few rows
-// of metadata; the settings that only writes need are made by the first
-// write on a connection. Opening for writing creates the file and its tables
-// when asked to.
+// Opening for reading begins a read transaction and runs no statement but
+// the one that reads the few rows of metadata; the settings that only writes
+// need are made by the first write on a connection. Opening for writing
+// creates the file and its tables when asked to.
 #pragma once
 
 #include "Platform/Foundation/Value.h"
