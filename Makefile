@@ -4,6 +4,11 @@ BUILD_DIR ?= build
 CHECK_DIR ?= build-check
 TSAN_DIR ?= build-tsan
 
+# ccache keys on paths relative to the checkout and ignores the build
+# directory's name, so a fresh clone reuses what an earlier one compiled.
+export CCACHE_BASEDIR := $(CURDIR)
+export CCACHE_NOHASHDIR := 1
+
 .PHONY: deps build demo check check-tsan check-release bench fuzz clean
 
 deps:
