@@ -62,9 +62,13 @@ std::string ZarvoAskpass::prompt() const
     return arguments_.size() > 1 ? arguments_[1] : std::string();
 }
 
+// git and ssh read an answer up to its first line break; an answer holding
+// one would reach them cut short, or carry a second line they would take for
+// something else. Such an answer is no answer.
 std::string ZarvoAskpass::response()
 {
-    return responseForPrompt(prompt()).value_or("");
+    auto answer = responseForPrompt(prompt()).value_or("");
+    return answer.find_first_of("\r\n") == std::string::npos ? answer : std::string();
 }
 
 // Host-key questions first, in both modes; then, when the launching

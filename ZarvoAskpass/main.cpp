@@ -7,6 +7,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <string_view>
 
 namespace {
 
@@ -33,7 +34,9 @@ int main(int argc, char** argv, char** envp)
     const ZarvoAskpass::Arguments arguments(argv, argv + argc);
     const auto response = ZarvoAskpass::responseForArguments(arguments, processEnvironment(envp));
 
-    const std::string output = response.value_or("");
+    // The answer goes out as a C string, in one write: up to its first NUL.
+    const std::string answer = response.value_or("");
+    const std::string_view output(answer.c_str());
     std::fwrite(output.data(), 1, output.size(), stdout);
     return response ? 0 : 1;
 }

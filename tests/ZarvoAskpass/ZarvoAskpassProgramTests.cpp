@@ -1,9 +1,11 @@
 // The responder as git and OpenSSH see it: the built program, run with an
 // argument vector and an environment, judged by its output and exit status.
+#include "QMFoundation/Keychain/QMKeychain.h"
 #include "tests/Support/RunProgram.h"
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -25,6 +27,17 @@ protected:
     ProgramResult run(std::vector<std::string> arguments, std::map<std::string, std::string> extra = {}) const
     {
         return testsupport::runProgram(testsupport::builtProgram("zarvo-askpass"), arguments, environment(std::move(extra)));
+    }
+
+    // Stores a password in the default keychain the program will read.
+    void store(const std::string& url, const std::string& password) const
+    {
+        std::filesystem::create_directories(data_.path() + "/keychains");
+        platform::ErrorRef error;
+        const auto keychain = QMKeychain::keychainWithPath(data_.path() + "/keychains/login.keychain-db", std::nullopt, &error);
+        ASSERT_TRUE(keychain) << (error ? error->description() : "");
+        ASSERT_TRUE(keychain->addInternetPasswordWithURL(*platform::URL::fromString(url), password, &error))
+            << (error ? error->description() : "");
     }
 
     testsupport::TemporaryDirectory data_;
@@ -100,6 +113,13 @@ TEST_F(ZarvoAskpassProgram, SurvivesAnyArgumentAndEnvironment)
             EXPECT_TRUE(result.standardOutput.empty() || result.standardOutput.back() != '\n');
         }
     }
+}
+
+// The answer is printed as a C string: a stored NUL ends it.
+TEST_F(ZarvoAskpassProgram, PrintsAnAnswerUpToItsFirstNul)
+{
+    store("https://jo@example.com", std::string("before\0after", 12));
+    expectAnswer(run({"Password for 'https://jo@example.com': "}), "before");
 }
 
 TEST_F(ZarvoAskpassProgram, MalformedRemoteURLFallsBackToPromptParsing)

@@ -83,6 +83,36 @@ TEST_F(ZarvoAskpassResponses, AnswersHostKeyQuestionsBeforeAnythingElse)
     EXPECT_EQ(answer("(Yes/No)", {{"ZARVO_ASKPASS_SERVICE_NAME", "svc"}, {"ZARVO_ASKPASS_SERVICE_ACCOUNT", "acct"}}), "yes");
 }
 
+// A URL that names no host cannot say whose password is wanted; answering it
+// from the keychain would hand some other site's password to whoever asked.
+TEST_F(ZarvoAskpassResponses, AnswersNothingForAURLWithoutAHost)
+{
+    for (const char* prompt : {"Password for 'x:':", "Password for 'foo:bar':", "Password for 'mailto:jo@evil.com':",
+                               "Password for 'https://':", "Password for 'https://jo@':", "jo@'s password:",
+                               "mailto:jo@evil.com's password:"}) {
+        SCOPED_TRACE(prompt);
+        EXPECT_EQ(answer(prompt), "");
+    }
+    for (const char* remote : {"myserver:repo.git", "github.com:org/repo.git", "https://", "mailto:jo@evil.com"}) {
+        SCOPED_TRACE(remote);
+        EXPECT_EQ(answer("Password:", {{"ZARVO_ASKPASS_REMOTE_URL", remote}}), "");
+    }
+}
+
+// git reads an answer up to its first line break: a value with one in it
+// would be cut to something nobody stored or typed.
+TEST_F(ZarvoAskpassResponses, AnswersNothingThatHoldsALineBreak)
+{
+    store("https://cr@example.com", "before\rafter");
+    store("https://lf@example.com", "before\nafter");
+    EXPECT_EQ(answer("Password for 'https://cr@example.com':"), "");
+    EXPECT_EQ(answer("Password for 'https://lf@example.com':"), "");
+    EXPECT_EQ(answer("Username for 'https://example.com':", {{"USER", "jo\n"}}), "");
+    EXPECT_EQ(answer("Username:", {{"ZARVO_ASKPASS_REMOTE_URL", "https://j%0Ao@example.com/repo.git"}}), "");
+    EXPECT_EQ(answer("Username:", {{"ZARVO_ASKPASS_REMOTE_URL", "https://j%0Do@example.com/repo.git"}}), "");
+    EXPECT_EQ(answer("Username for 'https://example.com':", {{"USER", "jo\tx"}}), "jo\tx");
+}
+
 TEST_F(ZarvoAskpassResponses, FillsTheDefaultKeychainLazilyAndOnce)
 {
     auto responder = ZarvoAskpass::create(ZarvoAskpass::Arguments{"zarvo-askpass"}, ZarvoAskpass::Environment{});

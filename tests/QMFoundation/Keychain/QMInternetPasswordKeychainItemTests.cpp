@@ -135,6 +135,24 @@ TEST_F(QMInternetPasswordKeychainItemTest, FindAllWithoutAURLFindsOnlyEntriesWit
     EXPECT_EQ(QMKeychain::findAllInternetPasswordsForURLInSearchList(url("https://b:8443"))->size(), 1u);
 }
 
+// Without a host the query would leave the server open and the first stored
+// site would answer: a look-up by such a URL finds nothing at all.
+TEST_F(QMInternetPasswordKeychainItemTest, AURLWithoutAHostFindsNothing)
+{
+    const auto keychain = QMKeychain::defaultKeychain();
+    ASSERT_NE(keychain->addInternetPasswordWithURL(url("https://jo@bank.example"), "bank"), nullptr);
+    for (const auto* text : {"myserver:repo.git", "mailto:jo@evil.com", "https://", "https://jo@", "ssh://jo@:22", "x:"}) {
+        SCOPED_TRACE(text);
+        ErrorRef error = Error::create("stale", 1);
+        EXPECT_EQ(keychain->findInternetPasswordForURL(url(text), &error), nullptr);
+        EXPECT_EQ(error, nullptr);  // not finding is no error
+        EXPECT_EQ(QMKeychain::findInternetPasswordForURLInSearchList(url(text)), nullptr);
+        const auto all = keychain->findAllInternetPasswordsForURL(url(text));
+        ASSERT_TRUE(all.has_value());
+        EXPECT_TRUE(all->empty());
+    }
+}
+
 TEST_F(QMInternetPasswordKeychainItemTest, OnlyStorableURLsMakeItems)
 {
     for (const auto* text : {"gopher://jo@host", "HTTPS://jo@host", "file:///tmp/x"}) {
