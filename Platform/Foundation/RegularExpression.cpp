@@ -41,6 +41,19 @@ std::string compilerMessage(int code)
     return length < 0 ? "unknown error" : std::string(reinterpret_cast<const char*>(buffer), static_cast<std::size_t>(length));
 }
 
+// Every Unicode line break ends a line, as the platform's expressions treat
+// them: "." crosses none of CR, LF, CRLF, VT, FF, NEL, LS and PS, and "$" and
+// multi-line anchors stop at each. PCRE2 alone would know only LF.
+pcre2_compile_context* compileContext()
+{
+    static pcre2_compile_context* const context = [] {
+        auto* made = pcre2_compile_context_create(nullptr);
+        pcre2_set_newline(made, PCRE2_NEWLINE_ANY);
+        return made;
+    }();
+    return context;
+}
+
 struct MatchDataDeleter {
     void operator()(pcre2_match_data* data) const { pcre2_match_data_free(data); }
 };
@@ -73,7 +86,7 @@ RegularExpressionRef RegularExpression::create(std::string_view pattern, unsigne
     PCRE2_SIZE errorOffset = 0;
     auto code = std::make_unique<Code>();
     code->compiled = pcre2_compile(reinterpret_cast<PCRE2_SPTR>(pattern.data()), pattern.size(),
-                                   compileOptions(options), &errorCode, &errorOffset, nullptr);
+                                   compileOptions(options), &errorCode, &errorOffset, compileContext());
     if (code->compiled == nullptr) {
         if (error != nullptr) {
             const auto description = "The value \u201c" + std::string(pattern) + "\u201d is invalid: "

@@ -2,9 +2,10 @@
 // properties.
 //
 // Matching follows the platform's defaults: "^" anchors at the start of the
-// whole subject and "." does not cross a line break unless asked. Invalid UTF-8
-// in a subject never matches a character but is no error. A compiled
-// expression is immutable and may be shared between threads.
+// whole subject and "." does not cross a line break unless asked; every
+// Unicode line break counts as one (CR, LF, CRLF, VT, FF, NEL, LS, PS).
+// Invalid UTF-8 in a subject never matches a character but is no error. A
+// compiled expression is immutable and may be shared between threads.
 //
 //   ErrorRef error;
 //   auto expression = RegularExpression::create("Password for '(.+)':",

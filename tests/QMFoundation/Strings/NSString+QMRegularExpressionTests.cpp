@@ -32,6 +32,20 @@ TEST(ComponentsMatchedByRegularExpression, MatchesCaselesslyAndAnchorsAtTheStart
     EXPECT_FALSE(isMatchedByRegularExpression("\xff\xfe's", RegularExpression::create("^(x+)'s", 0)));
 }
 
+// A prompt that carries a second line must not have it read as part of a URL
+// or a user name, whichever line break separates them.
+TEST(ComponentsMatchedByRegularExpression, DotStopsAtEveryLineBreak)
+{
+    const auto anchored = RegularExpression::create("^(.+)'s password:", RegularExpression::CaseInsensitive);
+    for (const std::string lineBreak : {"\n", "\r", "\r\n", "\v", "\f", "\u0085", "\u2028", "\u2029"}) {
+        SCOPED_TRACE(testing::PrintToString(lineBreak));
+        EXPECT_FALSE(isMatchedByRegularExpression("evil.com" + lineBreak + "jo@host's password:", anchored));
+    }
+    EXPECT_TRUE(isMatchedByRegularExpression("jo@host\t's password:", anchored));
+    const auto dotAll = RegularExpression::create("^(.+)'s", RegularExpression::DotMatchesLineSeparators);
+    EXPECT_TRUE(isMatchedByRegularExpression("a\rb's", dotAll));
+}
+
 TEST(ComponentsMatchedByRegularExpression, AssertsOnAMissingExpression)
 {
     platform::AssertionFailure seen;
