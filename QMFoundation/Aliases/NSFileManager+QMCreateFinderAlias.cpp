@@ -1,12 +1,12 @@
 #include "QMFoundation/Aliases/NSFileManager+QMCreateFinderAlias.h"
 
+#include "QMFoundation/Aliases/SymbolicLinkTarget.h"
 #include "QMFoundation/Command/QMCommandOperation.h"
 #include "QMFoundation/Strings/NSFileManager+QMTemporaryFiles.h"
 
 #include "Platform/Foundation/Exception.h"
 
 #include <cerrno>
-#include <climits>
 #include <cstdio>
 #include <string>
 #include <sys/stat.h>
@@ -32,14 +32,12 @@ bool moveLink(const std::string& from, const std::string& to, platform::ErrorRef
         platform::setError(error, moveError(errno, from, to));
         return false;
     }
-    std::string target(PATH_MAX + 1, '\0');
-    const auto length = readlink(from.c_str(), target.data(), target.size());
-    if (length < 0 || static_cast<std::size_t>(length) == target.size()) {
-        platform::setError(error, moveError(length < 0 ? errno : ENAMETOOLONG, from, to));
+    const auto target = qm::internal::symbolicLinkTarget(from);
+    if (!target) {
+        platform::setError(error, moveError(errno, from, to));
         return false;
     }
-    target.resize(static_cast<std::size_t>(length));
-    if (symlink(target.c_str(), to.c_str()) != 0) {
+    if (symlink(target->c_str(), to.c_str()) != 0) {
         platform::setError(error, moveError(errno, from, to));
         return false;
     }

@@ -1,12 +1,11 @@
 #include "QMFoundation/Aliases/NSURL+QMFinderAlias.h"
 
 #include "Platform/Foundation/Exception.h"
+#include "QMFoundation/Aliases/SymbolicLinkTarget.h"
 
 #include <cerrno>
 #include <cstring>
 #include <string>
-#include <sys/stat.h>
-#include <unistd.h>
 
 namespace {
 
@@ -30,32 +29,13 @@ std::optional<platform::URL> fileURLFromAliasAtURL(const std::optional<platform:
     PLATFORM_PARAMETER_ASSERT(aliasFileURL->isFileURL(), "aliasFileURL.isFileURL");
     const auto path = aliasFileURL->path();
 
-    // A link's size is the length of its target; read one byte more to see
-    // whether the target changed length in between, and try again if so.
-    std::string target;
-    for (;;) {
-        struct stat status {};
-        if (lstat(path.c_str(), &status) != 0) {
-            platform::setError(error, readError(errno, path));
-            return std::nullopt;
-        }
-        if (!S_ISLNK(status.st_mode)) {
-            platform::setError(error, readError(EINVAL, path));
-            return std::nullopt;
-        }
-        target.resize(static_cast<std::size_t>(status.st_size) + 1);
-        const auto length = readlink(path.c_str(), target.data(), target.size());
-        if (length < 0) {
-            platform::setError(error, readError(errno, path));
-            return std::nullopt;
-        }
-        if (static_cast<std::size_t>(length) < target.size()) {
-            target.resize(static_cast<std::size_t>(length));
-            break;
-        }
+    auto target = qm::internal::symbolicLinkTarget(path);
+    if (!target) {
+        platform::setError(error, readError(errno, path));
+        return std::nullopt;
     }
-    if (!target.empty() && target.front() != '/') {
-        target = path.substr(0, path.rfind('/') + 1) + target;
+    if (!target->empty() && target->front() != '/') {
+        target = path.substr(0, path.rfind('/') + 1) + *target;
     }
-    return platform::URL::fileURLWithPath(target);
+    return platform::URL::fileURLWithPath(*target);
 }

@@ -140,6 +140,21 @@ TEST_F(AliasTest, ResolvesOnlyLinks)
     EXPECT_FALSE(fileURLFromAliasAtURL(fileURL(path("missing"))));
 }
 
+// Links in /proc report a size of 0, and a target may be far longer than a
+// first guess: neither may stop the resolver from reading the whole target.
+TEST_F(AliasTest, ResolvesLinksWhateverTheirReportedSize)
+{
+    const auto workingDirectory = fileURLFromAliasAtURL(fileURL("/proc/self/cwd"));
+    ASSERT_TRUE(workingDirectory);
+    EXPECT_EQ(workingDirectory->path(), fs::current_path().string());
+
+    const std::string longTarget = "/" + std::string(300, 'a') + "/" + std::string(250, 'b') + "/" + std::string(200, 'c');
+    fs::create_symlink(longTarget, path("long"));
+    const auto resolved = fileURLFromAliasAtURL(fileURL(path("long")));
+    ASSERT_TRUE(resolved);
+    EXPECT_EQ(resolved->path(), longTarget);
+}
+
 TEST_F(AliasTest, AssertsItsArguments)
 {
     const auto file = fileURL(path("file"));
