@@ -184,7 +184,7 @@ DispatchQueueRef DispatchQueue::create(std::string label)
 
 DispatchQueueRef DispatchQueue::main()
 {
-    static const auto* main = new DispatchQueueRef(new DispatchQueue("com.apple.main-thread", true));
+    static const auto* main = new DispatchQueueRef(new DispatchQueue("zarvo.main-thread", true));
     return *main;
 }
 

@@ -61,7 +61,8 @@ public:
     ~DispatchQueue() override;
 
     static DispatchQueueRef create(std::string label = {});
-    // Labelled "com.apple.main-thread", as the platform labels it.
+    // Labelled "zarvo.main-thread": the name log lines show for work on the
+    // main thread.
     static DispatchQueueRef main();
 
     const std::string& label() const { return label_; }

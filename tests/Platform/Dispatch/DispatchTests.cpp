@@ -216,7 +216,7 @@ TEST(DispatchQueue, PendingBlocksKeepTheQueueAlive)
 TEST(DispatchQueue, TheMainQueueRunsOnTheMainThreadThroughItsRunLoop)
 {
     ASSERT_TRUE(Thread::isMainThread());
-    EXPECT_EQ(DispatchQueue::currentLabel(), "com.apple.main-thread");
+    EXPECT_EQ(DispatchQueue::currentLabel(), "zarvo.main-thread");
     std::string plainThreadLabel = "unset";
     std::thread([&] { plainThreadLabel = DispatchQueue::currentLabel(); }).join();
     EXPECT_EQ(plainThreadLabel, "");
