@@ -6,13 +6,13 @@
 #include <termios.h>
 #include <unistd.h>
 
-namespace {
-
-void wipe(std::string& text)
+void wipeSecret(std::string& secret)
 {
-    sodium_memzero(text.data(), text.size());
-    text.clear();
+    sodium_memzero(secret.data(), secret.size());
+    secret.clear();
 }
+
+namespace {
 
 // Turns terminal echo off for as long as it lives.
 class EchoOff {
@@ -46,7 +46,7 @@ PasswordInput::PasswordInput() : interactive_(::isatty(STDIN_FILENO) == 1) {}
 
 PasswordInput::~PasswordInput()
 {
-    wipe(pending_);
+    wipeSecret(pending_);
 }
 
 std::optional<std::string> PasswordInput::prompt(const std::string& text)
@@ -111,13 +111,13 @@ std::optional<std::string> PasswordInput::newPassword(const std::string& promptT
         auto second = prompt("retype " + promptText + ": ");
         if (!second || *second != *first) {
             *mismatch = second.has_value();
-            wipe(*first);
+            wipeSecret(*first);
             if (second) {
-                wipe(*second);
+                wipeSecret(*second);
             }
             return std::nullopt;
         }
-        wipe(*second);
+        wipeSecret(*second);
         return first;
     }
     readStandardInput();
@@ -125,7 +125,7 @@ std::optional<std::string> PasswordInput::newPassword(const std::string& promptT
         return std::nullopt;
     }
     std::string secret = pending_;
-    wipe(pending_);
+    wipeSecret(pending_);
     if (!secret.empty() && secret.back() == '\n') {
         secret.pop_back();
         if (!secret.empty() && secret.back() == '\r') {
