@@ -18,9 +18,10 @@ constexpr Command kCommands[] = {
     {"add-internet-password", "asrPplkU", true, false, 0,
      "[-a account] (-s server | --url URL) [-r protocol] [-P port] [-p path] [-l label] [-k keychain] [-U]",
      "Stores a password for a server. The password is read from standard input, or asked for\n"
-     "twice on a terminal; it is never taken from the command line. --url maps a URL the way\n"
-     "zarvo-askpass looks one up (user, host, scheme, port or 0, path). -U replaces the\n"
-     "password of an existing item instead of failing.",
+     "twice on a terminal; it is never taken from the command line. When the keychain is locked,\n"
+     "the first line of standard input is the keychain's password and the item's follows.\n"
+     "--url maps a URL the way zarvo-askpass looks one up (user, host, scheme, port or 0, path).\n"
+     "-U replaces the password of an existing item instead of failing.",
      addInternetPassword},
     {"find-internet-password", "asrPplkw", true, false, 0,
      "[-a account] [-s server | --url URL] [-r protocol] [-P port] [-p path] [-l label] [-k keychain] [-w]",
@@ -37,8 +38,10 @@ constexpr Command kCommands[] = {
     {"delete-generic-password", "aslk", false, false, 0, "[-a account] [-s service] [-l label] [-k keychain]",
      "Deletes the first matching item.", deleteGenericPassword},
     {"create-keychain", "", false, true, 1, "[--no-password] path",
-     "Creates a keychain file. Its password is read like an item's; with --no-password it has\n"
-     "none and, like the default keychain, is protected by its file permissions (mode 0600).",
+     "Creates a keychain file. Its password is asked for twice on a terminal; otherwise it is\n"
+     "the first line of standard input, as for every command that unlocks a keychain. With\n"
+     "--no-password it has none and, like the default keychain, is protected by its file\n"
+     "permissions (mode 0600).",
      createKeychain},
     {"delete-keychain", "", false, false, 1, "path", "Deletes a keychain file (only a keychain).", deleteKeychain},
     {"unlock-keychain", "k", false, false, 1, "[-k keychain | keychain]",

@@ -24,7 +24,7 @@ int createKeychain(const Command& command, const Options& options)
     }
     PasswordInput input;
     bool mismatch = false;
-    auto password = input.newPassword("password for the new keychain", &mismatch);
+    auto password = input.newKeychainPassword("password for the new keychain", &mismatch);
     if (!password || password->empty()) {
         return usageError(command, mismatch ? "the passwords do not match"
                                             : "no password given; use --no-password for a keychain protected only "

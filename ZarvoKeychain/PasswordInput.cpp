@@ -82,16 +82,13 @@ void PasswordInput::readStandardInput()
     sodium_memzero(buffer, sizeof buffer);
 }
 
-std::optional<std::string> PasswordInput::keychainPassword(const std::string& keychainPath)
+std::optional<std::string> PasswordInput::takeFirstLine()
 {
-    if (interactive_) {
-        return prompt("password to unlock " + keychainPath + ": ");
-    }
     readStandardInput();
-    const auto lineEnd = pending_.find('\n');
     if (pending_.empty()) {
         return std::nullopt;
     }
+    const auto lineEnd = pending_.find('\n');
     std::string line = pending_.substr(0, lineEnd);
     pending_.erase(0, lineEnd == std::string::npos ? pending_.size() : lineEnd + 1);
     if (!line.empty() && line.back() == '\r') {
@@ -100,26 +97,8 @@ std::optional<std::string> PasswordInput::keychainPassword(const std::string& ke
     return line;
 }
 
-std::optional<std::string> PasswordInput::newPassword(const std::string& promptText, bool* mismatch)
+std::optional<std::string> PasswordInput::takeTheRest()
 {
-    *mismatch = false;
-    if (interactive_) {
-        auto first = prompt(promptText + ": ");
-        if (!first) {
-            return std::nullopt;
-        }
-        auto second = prompt("retype " + promptText + ": ");
-        if (!second || *second != *first) {
-            *mismatch = second.has_value();
-            wipeSecret(*first);
-            if (second) {
-                wipeSecret(*second);
-            }
-            return std::nullopt;
-        }
-        wipeSecret(*second);
-        return first;
-    }
     readStandardInput();
     if (pending_.empty()) {
         return std::nullopt;
@@ -133,4 +112,40 @@ std::optional<std::string> PasswordInput::newPassword(const std::string& promptT
         }
     }
     return secret;
+}
+
+std::optional<std::string> PasswordInput::promptTwice(const std::string& text, bool* mismatch)
+{
+    auto first = prompt(text + ": ");
+    if (!first) {
+        return std::nullopt;
+    }
+    auto second = prompt("retype " + text + ": ");
+    if (!second || *second != *first) {
+        *mismatch = second.has_value();
+        wipeSecret(*first);
+        if (second) {
+            wipeSecret(*second);
+        }
+        return std::nullopt;
+    }
+    wipeSecret(*second);
+    return first;
+}
+
+std::optional<std::string> PasswordInput::keychainPassword(const std::string& keychainPath)
+{
+    return interactive_ ? prompt("password to unlock " + keychainPath + ": ") : takeFirstLine();
+}
+
+std::optional<std::string> PasswordInput::newKeychainPassword(const std::string& promptText, bool* mismatch)
+{
+    *mismatch = false;
+    return interactive_ ? promptTwice(promptText, mismatch) : takeFirstLine();
+}
+
+std::optional<std::string> PasswordInput::newPassword(const std::string& promptText, bool* mismatch)
+{
+    *mismatch = false;
+    return interactive_ ? promptTwice(promptText, mismatch) : takeTheRest();
 }

@@ -174,6 +174,30 @@ TEST_F(ZarvoKeychainToolTest, APasswordProtectedKeychainIsLockedInEveryNewProces
     EXPECT_EQ(tool({"delete-keychain", keychain}).exitStatus, 7);
 }
 
+TEST_F(ZarvoKeychainToolTest, AKeychainPasswordFromStandardInputIsItsFirstLine)
+{
+    const std::string keychain = path("piped.keychain");
+    // Piped twice, as the terminal prompt asks for it: the first line is the
+    // password, for creating as for unlocking.
+    ASSERT_EQ(tool({"create-keychain", keychain}, "open sesame\nopen sesame\n").exitStatus, 0);
+    EXPECT_EQ(tool({"unlock-keychain", keychain}, "open sesame\n").exitStatus, 0);
+    EXPECT_EQ(tool({"unlock-keychain", keychain}, "open sesame\r\n").exitStatus, 0);
+    EXPECT_EQ(tool({"unlock-keychain", keychain}, "open sesame\nopen sesame\n").exitStatus, 0);
+    ASSERT_EQ(tool({"add-generic-password", "-s", "svc", "-k", keychain}, "open sesame\nthe secret\n").exitStatus, 0);
+    EXPECT_EQ(tool({"find-generic-password", "-s", "svc", "-k", keychain, "-w"}, "open sesame\n").standardOutput,
+              "the secret");
+
+    // A line break ending the only line, as from echo, is not part of it.
+    const std::string windows = path("crlf.keychain");
+    ASSERT_EQ(tool({"create-keychain", windows}, "open sesame\r\n").exitStatus, 0);
+    EXPECT_EQ(tool({"unlock-keychain", windows}, "open sesame").exitStatus, 0);
+
+    // An empty first line is no password, whatever follows it.
+    const std::string empty = path("empty.keychain");
+    EXPECT_EQ(tool({"create-keychain", empty}, "\nopen sesame\n").exitStatus, 2);
+    EXPECT_FALSE(std::filesystem::exists(empty));
+}
+
 TEST_F(ZarvoKeychainToolTest, AKeychainWithoutAPasswordNeedsNoUnlocking)
 {
     const std::string keychain = path("plain.keychain");
