@@ -56,11 +56,17 @@ std::optional<std::int64_t> parsePort(const std::string& text)
     if (options.url) {
         const auto url = URL::fromString(*options.url);
         if (!url) {
-            return refuse("not a URL: " + *options.url, error);
+            return refuseValue("not a URL: " + *options.url, error);
         }
-        if (forAdding && (!QMKeychain::supportsProtocol(url->scheme()) || !url->host())) {
-            return refuse("a URL to store needs one of the schemes ftp, ftps, http, https, ssh and a host",
-                                 error);
+        // Such a URL maps to no server at all, and a query without one
+        // matches the items of every server: a find would show, and a delete
+        // remove, some other site's password. Nor may an item be stored for
+        // an empty server.
+        if (!url->host() || url->host()->empty()) {
+            return refuseValue("the URL given with --url names no host", error);
+        }
+        if (forAdding && !QMKeychain::supportsProtocol(url->scheme())) {
+            return refuseValue("a URL to store needs one of the schemes ftp, ftps, http, https, ssh", error);
         }
         *attributes = QMInternetPasswordKeychainItem::attributesForURL(*url);
     }
@@ -73,7 +79,7 @@ std::optional<std::int64_t> parsePort(const std::string& text)
     if (options.protocol) {
         const auto protocol = parseProtocol(*options.protocol);
         if (!protocol) {
-            return refuse(
+            return refuseValue(
                 "unknown protocol " + *options.protocol + " (use ftp, ftps, http, https, ssh or a four-letter code)",
                 error);
         }
@@ -82,7 +88,7 @@ std::optional<std::int64_t> parsePort(const std::string& text)
     if (options.port) {
         const auto port = parsePort(*options.port);
         if (!port) {
-            return refuse("not a port number: " + *options.port, error);
+            return refuseValue("not a port number: " + *options.port, error);
         }
         attributes->set(kSecAttrPort, *port);
     }

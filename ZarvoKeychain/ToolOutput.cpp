@@ -76,6 +76,13 @@ bool refuse(std::string message, ErrorRef* error)
     return false;
 }
 
+bool refuseValue(std::string message, ErrorRef* error)
+{
+    setError(error, Error::create(std::string(kToolErrorDomain), kToolErrorBadValue,
+                                  {{NSLocalizedDescriptionKey, Value(std::move(message))}}));
+    return false;
+}
+
 void print(FILE* stream, std::string_view text)
 {
     std::fwrite(text.data(), 1, text.size(), stream);
@@ -95,6 +102,10 @@ int usageError(const Command& command, std::string_view message)
 
 int complain(const Command& command, const ErrorRef& error)
 {
+    if (error->code() == kToolErrorBadValue) {
+        fail(command, error->localizedDescription());
+        return kExitUsage;
+    }
     return usageError(command, error->localizedDescription());
 }
 

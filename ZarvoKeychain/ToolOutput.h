@@ -21,20 +21,26 @@ inline constexpr std::string_view kProgram = "zarvo-keychain";
 
 inline constexpr std::string_view kToolErrorDomain = "ZarvoKeychainToolErrorDomain";
 enum ToolErrorCode : std::int64_t {
-    // The command line is wrong; the user is pointed at the command's --help.
+    // The command line is wrong in its shape (an unknown option, a missing
+    // one); the user is pointed at the command's --help.
     kToolErrorUsage = 1,
+    // An option's value cannot be used (a URL without a host, a port out of
+    // range); the one line says why, and --help would not add to it.
+    kToolErrorBadValue = 2,
 };
 
-// Puts a complaint about the command line, described by `message`, into
-// `error` (when given one) and returns false, for `return refuse(...)`.
+// Put a complaint about the command line, described by `message`, into
+// `error` (when given one) and return false, for `return refuse(...)`.
 bool refuse(std::string message, platform::ErrorRef* error);
+bool refuseValue(std::string message, platform::ErrorRef* error);
 
 void print(FILE* stream, std::string_view text);
 
 // "zarvo-keychain: command: message" on standard error.
 void fail(const Command& command, std::string_view message);
 
-// Writes the complaint in `error` and returns the exit status for it.
+// Writes the complaint in `error` and returns the exit status for it,
+// kExitUsage for both kinds.
 int complain(const Command& command, const platform::ErrorRef& error);
 int usageError(const Command& command, std::string_view message);
 

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -130,6 +131,29 @@ TEST_F(ZarvoKeychainToolTest, BadUsageIsRefusedBeforeAnythingIsWritten)
     // A password must come from somewhere.
     EXPECT_EQ(tool({"add-generic-password", "-s", "svc"}, "").exitStatus, 2);
     EXPECT_FALSE(std::filesystem::exists(defaultKeychain()));
+}
+
+TEST_F(ZarvoKeychainToolTest, AURLWithoutAHostIsRefusedInOneLine)
+{
+    ASSERT_EQ(tool({"add-internet-password", "--url", "https://jo@git.example.com"}, "kept").exitStatus, 0);
+    for (const char* url :
+         {"https://", "https://jo@", "https://:8443/", "https:///team/repo.git", "ssh://", "myserver:repo.git",
+          "mailto:jo@evil.com"}) {
+        // Without a host, a find or delete would match items of any server.
+        for (const char* command : {"add-internet-password", "find-internet-password", "delete-internet-password"}) {
+            SCOPED_TRACE(std::string(command) + " --url " + url);
+            const auto result = tool({command, "--url", url}, "leaked\n");
+            EXPECT_EQ(result.exitStatus, 2);
+            EXPECT_EQ(std::count(result.standardError.begin(), result.standardError.end(), '\n'), 1)
+                << result.standardError;
+            EXPECT_NE(result.standardError.find("no host"), std::string::npos) << result.standardError;
+            EXPECT_EQ(result.standardOutput, "");
+        }
+    }
+    const auto dump = tool({"dump-keychain", "-d"});
+    EXPECT_EQ(dump.exitStatus, 0);
+    EXPECT_NE(dump.standardOutput.find("password: \"kept\""), std::string::npos) << dump.standardOutput;
+    EXPECT_EQ(dump.standardOutput.find("class:"), dump.standardOutput.rfind("class:")) << dump.standardOutput;
 }
 
 TEST_F(ZarvoKeychainToolTest, EveryCommandExplainsItself)
