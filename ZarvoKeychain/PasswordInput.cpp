@@ -1,9 +1,10 @@
 #include "ZarvoKeychain/PasswordInput.h"
 
+#include "ZarvoKeychain/EchoOff.h"
+
 #include <sodium.h>
 
 #include <cstdio>
-#include <termios.h>
 #include <unistd.h>
 
 void wipeSecret(std::string& secret)
@@ -11,36 +12,6 @@ void wipeSecret(std::string& secret)
     sodium_memzero(secret.data(), secret.size());
     secret.clear();
 }
-
-namespace {
-
-// Turns terminal echo off for as long as it lives.
-class EchoOff {
-public:
-    EchoOff()
-    {
-        if (::tcgetattr(STDIN_FILENO, &saved_) == 0) {
-            termios quiet = saved_;
-            quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
-            quiet.c_lflag |= ECHONL;
-            active_ = ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &quiet) == 0;
-        }
-    }
-    ~EchoOff()
-    {
-        if (active_) {
-            ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &saved_);
-        }
-    }
-    EchoOff(const EchoOff&) = delete;
-    EchoOff& operator=(const EchoOff&) = delete;
-
-private:
-    termios saved_{};
-    bool active_ = false;
-};
-
-}  // namespace
 
 PasswordInput::PasswordInput() : interactive_(::isatty(STDIN_FILENO) == 1) {}
 
@@ -53,7 +24,7 @@ std::optional<std::string> PasswordInput::prompt(const std::string& text)
 {
     // Echo goes off before the prompt shows: whatever is typed once it is
     // there stays unseen (and is not thrown away by the switch).
-    EchoOff quiet;
+    EchoOff quiet(STDIN_FILENO);
     std::fputs(text.c_str(), stderr);
     std::fflush(stderr);
     std::string line;

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -23,9 +24,11 @@ protected:
 
     // The tool at a terminal, typing `answers` at its prompts.
     testsupport::TerminalResult toolOnTerminal(const std::vector<std::string>& arguments,
-                                               const std::vector<std::string>& answers = {}) const
+                                               const std::vector<std::string>& answers = {},
+                                               int signalAfterAnswers = 0) const
     {
-        return testsupport::runOnTerminal(testsupport::builtProgram("zarvo-keychain"), arguments, environment(), answers);
+        return testsupport::runOnTerminal(testsupport::builtProgram("zarvo-keychain"), arguments, environment(), answers,
+                                          signalAfterAnswers);
     }
 
     ProgramResult askpass(const std::string& prompt) const
@@ -267,6 +270,40 @@ TEST_F(ZarvoKeychainToolTest, AtATerminalALockedKeychainAsksForItsPassword)
     const auto found = toolOnTerminal({"find-generic-password", "-s", "svc", "-k", keychain, "-w"}, {"open sesame"});
     EXPECT_EQ(found.exitStatus, 0) << found.screen;
     EXPECT_TRUE(found.screen.ends_with("item secret\r\n")) << found.screen;
+}
+
+TEST_F(ZarvoKeychainToolTest, AtATerminalASignalAtAPromptPutsEchoBackAndEndsTheProgramByThatSignal)
+{
+    const std::string keychain = path("protected.keychain");
+    ASSERT_EQ(tool({"create-keychain", keychain}, "open sesame\n").exitStatus, 0);
+    struct Interruption {
+        const char* what;
+        std::vector<std::string> arguments;
+        std::vector<std::string> answers;
+        int sent;    // sent to the program after the answers; 0 when typed
+        int ending;  // the signal that should end the program
+    };
+    const Interruption interruptions[] = {
+        {"Ctrl-C typed at the password prompt", {"add-generic-password", "-s", "svc"}, {"\x03"}, 0, SIGINT},
+        {"SIGTERM at the password prompt", {"add-generic-password", "-s", "svc"}, {}, SIGTERM, SIGTERM},
+        {"SIGTERM at the second prompt", {"add-generic-password", "-s", "svc"}, {"typed"}, SIGTERM, SIGTERM},
+        {"SIGINT at the unlock prompt", {"add-generic-password", "-s", "svc", "-k", keychain}, {}, SIGINT, SIGINT},
+        {"SIGHUP at the new keychain's prompt", {"create-keychain", path("new.keychain")}, {}, SIGHUP, SIGHUP},
+    };
+    for (const auto& interruption : interruptions) {
+        SCOPED_TRACE(interruption.what);
+        const auto result = toolOnTerminal(interruption.arguments, interruption.answers, interruption.sent);
+        EXPECT_EQ(result.exitStatus, 128 + interruption.ending) << result.screen;
+        EXPECT_TRUE(result.echoing) << result.screen;
+    }
+    EXPECT_EQ(tool({"find-generic-password", "-s", "svc"}).exitStatus, 3);
+    EXPECT_EQ(tool({"find-generic-password", "-s", "svc", "-k", keychain}).exitStatus, 3);
+    EXPECT_FALSE(std::filesystem::exists(path("new.keychain")));
+
+    // A prompt answered in full leaves echo on as well.
+    const auto answered = toolOnTerminal({"add-generic-password", "-s", "svc"}, {"typed", "typed"});
+    EXPECT_EQ(answered.exitStatus, 0) << answered.screen;
+    EXPECT_TRUE(answered.echoing);
 }
 
 TEST_F(ZarvoKeychainToolTest, DeleteKeychainRefusesAFileThatIsNotOne)
