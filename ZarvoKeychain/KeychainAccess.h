@@ -24,6 +24,6 @@ void restrictTo(platform::Dictionary& query, const platform::SecKeychainRef& key
 // the password. Returns kExitSuccess when the command may go on (also for a
 // missing keychain, which the command itself reports), else the exit status of
 // the failure already reported.
-int ensureUnlocked(const Command& command, const platform::SecKeychainRef& keychain, PasswordInput& input);
+[[nodiscard]] int ensureUnlocked(const Command& command, const platform::SecKeychainRef& keychain, PasswordInput& input);
 
 }  // namespace keychaintool

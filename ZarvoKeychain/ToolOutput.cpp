@@ -67,19 +67,22 @@ std::string valueText(std::string_view key, const Value& value)
     return std::to_string(number);
 }
 
+ErrorRef complaint(ToolErrorCode code, std::string message)
+{
+    return Error::create(std::string(kToolErrorDomain), code, {{NSLocalizedDescriptionKey, Value(std::move(message))}});
+}
+
 }  // namespace
 
 bool refuse(std::string message, ErrorRef* error)
 {
-    setError(error, Error::create(std::string(kToolErrorDomain), kToolErrorUsage,
-                                  {{NSLocalizedDescriptionKey, Value(std::move(message))}}));
+    setError(error, complaint(kToolErrorUsage, std::move(message)));
     return false;
 }
 
 bool refuseValue(std::string message, ErrorRef* error)
 {
-    setError(error, Error::create(std::string(kToolErrorDomain), kToolErrorBadValue,
-                                  {{NSLocalizedDescriptionKey, Value(std::move(message))}}));
+    setError(error, complaint(kToolErrorBadValue, std::move(message)));
     return false;
 }
 

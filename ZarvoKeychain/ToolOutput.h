@@ -31,8 +31,8 @@ enum ToolErrorCode : std::int64_t {
 
 // Put a complaint about the command line, described by `message`, into
 // `error` (when given one) and return false, for `return refuse(...)`.
-bool refuse(std::string message, platform::ErrorRef* error);
-bool refuseValue(std::string message, platform::ErrorRef* error);
+[[nodiscard]] bool refuse(std::string message, platform::ErrorRef* error);
+[[nodiscard]] bool refuseValue(std::string message, platform::ErrorRef* error);
 
 void print(FILE* stream, std::string_view text);
 
@@ -41,13 +41,13 @@ void fail(const Command& command, std::string_view message);
 
 // Writes the complaint in `error` and returns the exit status for it,
 // kExitUsage for both kinds.
-int complain(const Command& command, const platform::ErrorRef& error);
-int usageError(const Command& command, std::string_view message);
+[[nodiscard]] int complain(const Command& command, const platform::ErrorRef& error);
+[[nodiscard]] int usageError(const Command& command, std::string_view message);
 
 // The exit status for a keychain status (see ToolExit).
-int exitForStatus(platform::OSStatus status);
+[[nodiscard]] int exitForStatus(platform::OSStatus status);
 // Writes the keychain's message for a failed status; returns its exit status.
-int report(const Command& command, platform::OSStatus status);
+[[nodiscard]] int report(const Command& command, platform::OSStatus status);
 
 // An item's keychain, class and attributes, one to a line, on standard
 // output; its password too when `withSecret` is set.
