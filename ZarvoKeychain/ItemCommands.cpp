@@ -56,13 +56,14 @@ std::optional<std::int64_t> parsePort(const std::string& text)
     if (options.url) {
         const auto url = URL::fromString(*options.url);
         if (!url) {
-            return refuseValue("not a URL: " + *options.url, error);
+            // Not repeated: the text may hold a password in its user part.
+            return refuseValue("the value given with --url is not a URL", error);
         }
         // Such a URL maps to no server at all, and a query without one
         // matches the items of every server: a find would show, and a delete
         // remove, some other site's password. Nor may an item be stored for
         // an empty server.
-        if (!url->host() || url->host()->empty()) {
+        if (!url->hasHost()) {
             return refuseValue("the URL given with --url names no host", error);
         }
         if (forAdding && !QMKeychain::supportsProtocol(url->scheme())) {

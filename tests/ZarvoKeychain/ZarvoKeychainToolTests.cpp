@@ -159,6 +159,15 @@ TEST_F(ZarvoKeychainToolTest, AURLWithoutAHostIsRefusedInOneLine)
     EXPECT_EQ(dump.standardOutput.find("class:"), dump.standardOutput.rfind("class:")) << dump.standardOutput;
 }
 
+// A URL that does not parse may still carry a password in its user part.
+TEST_F(ZarvoKeychainToolTest, AnInvalidURLIsRefusedWithoutRepeatingIt)
+{
+    const auto result = tool({"find-internet-password", "--url", "https://jo:s3cret word@git.example.com"});
+    EXPECT_EQ(result.exitStatus, 2);
+    EXPECT_NE(result.standardError.find("not a URL"), std::string::npos) << result.standardError;
+    EXPECT_EQ(result.standardError.find("s3cret"), std::string::npos) << result.standardError;
+}
+
 TEST_F(ZarvoKeychainToolTest, EveryCommandExplainsItself)
 {
     const auto overall = tool({"--help"});
