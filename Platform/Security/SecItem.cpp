@@ -194,7 +194,7 @@ OSStatus keychainPathOf(const Value& value, std::string* path)
 // --- Reading a query: each key is an attribute of kAttributes or one of
 // kQueryKeys below; any other key is refused.
 
-OSStatus readClass(const Value& value, Query* query)
+[[nodiscard]] OSStatus readClass(const Value& value, Query* query)
 {
     if (!value.isString()) {
         return errSecParam;
@@ -210,7 +210,7 @@ OSStatus readClass(const Value& value, Query* query)
     return errSecSuccess;
 }
 
-OSStatus readValueData(const Value& value, Query* query)
+[[nodiscard]] OSStatus readValueData(const Value& value, Query* query)
 {
     if (value.data() == nullptr) {
         return errSecParam;
@@ -219,14 +219,14 @@ OSStatus readValueData(const Value& value, Query* query)
     return errSecSuccess;
 }
 
-OSStatus readValueReference(const Value& value, Query* query)
+[[nodiscard]] OSStatus readValueReference(const Value& value, Query* query)
 {
     query->reference = value.objectAs<SecKeychainItem>();
     return query->reference ? errSecSuccess : errSecParam;
 }
 
 template <bool Query::*flag>
-OSStatus readReturnFlag(const Value& value, Query* query)
+[[nodiscard]] OSStatus readReturnFlag(const Value& value, Query* query)
 {
     const auto given = value.boolValue();
     if (!given) {
@@ -237,7 +237,7 @@ OSStatus readReturnFlag(const Value& value, Query* query)
 }
 
 // kSecMatchLimitOne, kSecMatchLimitAll, or a count of at least one.
-OSStatus readMatchLimit(const Value& value, Query* query)
+[[nodiscard]] OSStatus readMatchLimit(const Value& value, Query* query)
 {
     query->hasLimit = true;
     if (value.isString() && *value.string() == kSecMatchLimitOne) {
@@ -253,7 +253,7 @@ OSStatus readMatchLimit(const Value& value, Query* query)
     return errSecSuccess;
 }
 
-OSStatus readSearchList(const Value& value, Query* query)
+[[nodiscard]] OSStatus readSearchList(const Value& value, Query* query)
 {
     const auto* keychains = value.array();
     if (keychains == nullptr) {
@@ -271,7 +271,7 @@ OSStatus readSearchList(const Value& value, Query* query)
     return errSecSuccess;
 }
 
-OSStatus readUseKeychain(const Value& value, Query* query)
+[[nodiscard]] OSStatus readUseKeychain(const Value& value, Query* query)
 {
     std::string path;
     if (keychainPathOf(value, &path) != errSecSuccess) {
@@ -309,7 +309,7 @@ const QueryKey* findQueryKey(std::string_view key)
     return nullptr;
 }
 
-OSStatus readEntry(std::string_view key, const Value& value, Purpose purpose, Query* query)
+[[nodiscard]] OSStatus readEntry(std::string_view key, const Value& value, Purpose purpose, Query* query)
 {
     if (value.isNothing()) {
         return errSecParam;
@@ -330,7 +330,7 @@ OSStatus readEntry(std::string_view key, const Value& value, Purpose purpose, Qu
 
 // What only the query as a whole shows: a class where one is needed, no
 // item reference to add, and no attribute of the other class.
-OSStatus checkQuery(const Query& query, Purpose purpose)
+[[nodiscard]] OSStatus checkQuery(const Query& query, Purpose purpose)
 {
     if (purpose != Purpose::Changes && query.classBits == 0) {
         return errSecParam;
@@ -348,7 +348,7 @@ OSStatus checkQuery(const Query& query, Purpose purpose)
     return errSecSuccess;
 }
 
-OSStatus parseQuery(const Dictionary& dictionary, Purpose purpose, Query* query)
+[[nodiscard]] OSStatus parseQuery(const Dictionary& dictionary, Purpose purpose, Query* query)
 {
     for (const auto& [key, value] : dictionary) {
         if (const OSStatus status = readEntry(key, value, purpose, query); status != errSecSuccess) {
