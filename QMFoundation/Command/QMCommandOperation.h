@@ -17,15 +17,19 @@
 //   order they were read.
 // - The end is handled on the serial `taskNotificationQueue`: the readers are
 //   stopped, every chunk already read is delivered, the rest of each stream
-//   is read to its end and delivered, the data properties are set, then the
-//   exit code; only then is the end flag raised. So every data callback
-//   comes before `commandDidTerminate:`, and no byte is lost or reordered.
+//   is read to its end and delivered; then the data properties, the exit
+//   code and the end flag are set in one step. So every data callback comes
+//   before `commandDidTerminate:`, and no byte is lost or reordered.
 //   (The pumping thread services both queues while it pumps, so chunks and
 //   the end are usually handled on it; the queues' order is what is promised.)
 // - `commandDidTerminate:` and `commandDidFailToLaunch:` run on the
 //   operation's own thread, after the operation has finished; exactly one of
 //   them is sent, unless the operation was cancelled before it began (then
 //   neither, and no hook runs).
+// - The hooks run on the operation's thread too: `commandWillExecute` once
+//   the operation is executing, before the program is set up;
+//   `commandDidTerminate` and `commandDidFailToLaunch` after it has
+//   finished, each just before the delegate's method of the same name.
 // - Cancelling while the program runs interrupts it (SIGINT); the end then
 //   follows the usual path with the status the program reports.
 // - State changes are announced under the keys "executingValue" and
