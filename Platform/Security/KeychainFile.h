@@ -45,7 +45,7 @@ using KeychainFileRef = std::unique_ptr<KeychainFile, KeychainFileRelease>;
 
 enum class OpenMode {
     Read,            // a missing file answers errSecNoSuchKeychain
-    Examine,         // as Read, but the user's own file may be too open: to lock or delete it
+    Examine,         // as Read, but the user's own file may be too open: for what reads no secret
     Write,           // as Read; an empty file is given its tables, a too-open mode is made 0600
     WriteCreating,   // as Write; a missing file is created, with its directory
 };

@@ -43,7 +43,7 @@ std::string homeDirectory()
     return "/";
 }
 
-OSStatus openExisting(const SecKeychainRef& keychain, KeychainFileRef* file, OpenMode mode = OpenMode::Read)
+OSStatus openExisting(const SecKeychainRef& keychain, KeychainFileRef* file, OpenMode mode)
 {
     return keychain ? KeychainFile::open(keychain->path(), mode, file) : errSecParam;
 }
@@ -219,8 +219,10 @@ OSStatus SecKeychainUnlock(const SecKeychainRef& keychain, std::uint32_t passwor
     if (usePassword && passwordLength > 0 && password == nullptr) {
         return errSecParam;
     }
+    // No secret is read here, so the user's own too-open file may be
+    // unlocked: a write then makes it private, a read still refuses it.
     KeychainFileRef file;
-    if (const OSStatus status = openExisting(keychain, &file); status != errSecSuccess) {
+    if (const OSStatus status = openExisting(keychain, &file, OpenMode::Examine); status != errSecSuccess) {
         return status;
     }
     if (!file->hasPassword()) {
@@ -255,7 +257,7 @@ OSStatus SecKeychainGetStatus(const SecKeychainRef& keychain, SecKeychainStatus*
         return errSecParam;
     }
     KeychainFileRef file;
-    if (const OSStatus opened = openExisting(keychain, &file); opened != errSecSuccess) {
+    if (const OSStatus opened = openExisting(keychain, &file, OpenMode::Examine); opened != errSecSuccess) {
         return opened;
     }
     status->hasPassword = file->hasPassword();
