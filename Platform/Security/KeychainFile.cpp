@@ -15,6 +15,7 @@
 #include <map>
 #include <mutex>
 #include <pthread.h>
+#include <set>
 #include <string>
 #include <sys/stat.h>
 #include <thread>
@@ -338,6 +339,27 @@ bool isStagingName(std::string_view name, std::string_view* suffix)
     return suffix->empty() || *suffix == "-journal" || *suffix == "-wal" || *suffix == "-shm";
 }
 
+// The staging files this process is making. Another thread's cleaner must
+// not so much as open one: closing any descriptor of a file drops every
+// POSIX lock this process holds on it, SQLite's among them.
+struct StagingFiles {
+    std::mutex mutex;  // guards paths
+    std::set<std::string> paths;
+};
+
+StagingFiles& stagingFiles()
+{
+    static StagingFiles files;
+    return files;
+}
+
+bool isBeingMadeHere(const std::string& path)
+{
+    auto& files = stagingFiles();
+    std::lock_guard lock(files.mutex);
+    return files.paths.contains(path);
+}
+
 // Removes what a create() killed midway left in `directory`: staging files
 // of this user that no live creator holds locked, and journals whose
 // staging file is gone. A creator still at work keeps its lock, so its file
@@ -358,6 +380,9 @@ void removeStaleStagingFiles(const std::string& directory)
         }
         if (!suffix.empty()) {
             orphanJournals.emplace_back(name);
+            continue;
+        }
+        if (isBeingMadeHere(directory + "/" + std::string(name))) {
             continue;
         }
         const int descriptor =
@@ -731,6 +756,11 @@ OSStatus KeychainFile::create(const std::string& path, const std::optional<KeyDe
         return errSecIO;
     }
     ::fchmod(descriptor, 0600);
+    {
+        auto& files = stagingFiles();
+        std::lock_guard lock(files.mutex);
+        files.paths.insert(temporary);
+    }
 
     OSStatus status = errSecSuccess;
     {
@@ -747,6 +777,11 @@ OSStatus KeychainFile::create(const std::string& path, const std::optional<KeyDe
     }
     ::unlink(temporary.c_str());
     removeJournalFiles(temporary);
+    {
+        auto& files = stagingFiles();
+        std::lock_guard lock(files.mutex);
+        files.paths.erase(temporary);
+    }
     // Closed only now: SQLite has let go of the file, and closing drops the
     // lock.
     ::close(descriptor);

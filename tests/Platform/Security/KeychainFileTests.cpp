@@ -18,6 +18,8 @@
 #include <mutex>
 #include <string>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -439,6 +441,57 @@ TEST_F(KeychainFileTest, ACreateRemovesWhatAKilledCreateLeftButNotWhatALiveOneMa
     EXPECT_TRUE(std::filesystem::exists(backup));
     EXPECT_TRUE(std::filesystem::exists(lookalike));
     EXPECT_TRUE(std::filesystem::exists(directory + "/new.keychain"));
+}
+
+TEST_F(KeychainFileTest, CreatorsAtWorkInOneDirectoryNeverRemoveEachOthersFiles)
+{
+    // Each create first cleans the directory, while the others are making
+    // theirs: in other processes (their lock keeps their files) and in other
+    // threads of this one (which the cleaner must not even open).
+    const std::string directory = sandboxPath("busy");
+    std::filesystem::create_directory(directory);
+    constexpr int kWorkers = 3;
+    constexpr int kKeychainsEach = 8;
+    const auto createAll = [&directory](const std::string& worker) {
+        int failures = 0;
+        for (int index = 0; index < kKeychainsEach; ++index) {
+            const std::string path = directory + "/" + worker + "-" + std::to_string(index) + ".keychain";
+            failures += SecKeychainCreate(path.c_str(), 0, nullptr, true, nullptr, nullptr) == errSecSuccess ? 0 : 1;
+        }
+        return failures;
+    };
+    std::vector<pid_t> children;
+    for (int worker = 0; worker < kWorkers; ++worker) {
+        const pid_t child = ::fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            ::_exit(createAll("process" + std::to_string(worker)) == 0 ? 0 : 1);
+        }
+        children.push_back(child);
+    }
+    std::vector<std::future<int>> threads;
+    for (int worker = 0; worker < kWorkers; ++worker) {
+        threads.push_back(std::async(std::launch::async, createAll, "thread" + std::to_string(worker)));
+    }
+    for (auto& thread : threads) {
+        EXPECT_EQ(thread.get(), 0);
+    }
+    for (const pid_t child : children) {
+        int status = 0;
+        ASSERT_EQ(::waitpid(child, &status, 0), child);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    }
+
+    int keychains = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(directory)) {
+        const std::string name = entry.path().filename().string();
+        EXPECT_FALSE(name.starts_with(".keychain-")) << name;
+        SecKeychainRef keychain;
+        ASSERT_EQ(SecKeychainOpen(entry.path().c_str(), &keychain), errSecSuccess);
+        EXPECT_EQ(add(keychain, "svc"), errSecSuccess) << name;
+        ++keychains;
+    }
+    EXPECT_EQ(keychains, 2 * kWorkers * kKeychainsEach);
 }
 
 }  // namespace
