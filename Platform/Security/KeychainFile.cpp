@@ -171,7 +171,8 @@ int execute(sqlite3* database, const char* sql)
 std::string printable(std::string_view path)
 {
     std::string text(path);
-    std::replace_if(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; }, '?');
+    const auto isControl = [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; };
+    std::replace_if(text.begin(), text.end(), isControl, '?');
     return text;
 }
 
@@ -400,8 +401,10 @@ void removeStaleStagingFiles(const std::string& directory)
     for (const auto& journal : orphanJournals) {
         const std::string stagingName = journal.substr(0, journal.rfind('-'));
         struct stat information {};
-        if (::fstatat(directoryDescriptor, stagingName.c_str(), &information, AT_SYMLINK_NOFOLLOW) != 0 &&
-            errno == ENOENT && ::fstatat(directoryDescriptor, journal.c_str(), &information, AT_SYMLINK_NOFOLLOW) == 0 &&
+        const bool stagingFileGone =
+            ::fstatat(directoryDescriptor, stagingName.c_str(), &information, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT;
+        if (stagingFileGone &&
+            ::fstatat(directoryDescriptor, journal.c_str(), &information, AT_SYMLINK_NOFOLLOW) == 0 &&
             information.st_uid == ::geteuid()) {
             ::unlinkat(directoryDescriptor, journal.c_str(), 0);
         }
