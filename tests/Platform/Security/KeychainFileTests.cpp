@@ -42,18 +42,18 @@ struct Notices {
     std::vector<std::string> lines;
 };
 
+Notices sharedNotices;
+
 Notices& notices()
 {
-    static Notices shared;
-    return shared;
+    return sharedNotices;
 }
 
 void collectNotice(const std::string& line)
 {
-    auto& shared = notices();
-    std::lock_guard lock(shared.mutex);
-    shared.lines.push_back(line);
-    shared.arrived.notify_all();
+    std::lock_guard lock(sharedNotices.mutex);
+    sharedNotices.lines.push_back(line);
+    sharedNotices.arrived.notify_all();
 }
 
 class KeychainFileTest : public testsupport::KeychainSandbox {
