@@ -43,21 +43,23 @@ std::string homeDirectory()
     return "/";
 }
 
-OSStatus openExisting(const SecKeychainRef& keychain, KeychainFileRef* file)
+OSStatus openExisting(const SecKeychainRef& keychain, KeychainFileRef* file, OpenMode mode)
 {
-    return keychain ? KeychainFile::open(keychain->path(), OpenMode::Read, file) : errSecParam;
+    return keychain ? KeychainFile::open(keychain->path(), mode, file) : errSecParam;
 }
 
-// Makes this process forget the keychain's key, as on locking it.
-OSStatus forgetKeyOf(const SecKeychainRef& keychain)
+// Makes this process forget the keychain's key, as on locking it. With
+// `keychainOnly`, a file that was never given its tables is no keychain.
+OSStatus forgetKeyOf(const SecKeychainRef& keychain, bool keychainOnly = false)
 {
     KeychainFileRef file;
-    if (const OSStatus status = openExisting(keychain, &file); status != errSecSuccess) {
+    if (const OSStatus status = openExisting(keychain, &file, OpenMode::Examine); status != errSecSuccess) {
         return status;
     }
-    if (!file->isUninitialised()) {
-        security::forgetKey(file->identity());
+    if (file->isUninitialised()) {
+        return keychainOnly ? errSecInvalidKeychain : errSecSuccess;
     }
+    security::forgetKey(file->identity());
     return errSecSuccess;
 }
 
@@ -97,6 +99,21 @@ void SecKeychainPrepareForShortProcess()
     sqlite3_config(SQLITE_CONFIG_LOOKASIDE, 0, 0);
     sqlite3_config(SQLITE_CONFIG_PAGECACHE, nullptr, 0, 0);
     sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
+}
+
+void SecKeychainSetBusyWait(std::chrono::milliseconds limit)
+{
+    security::setBusyWait(limit);
+}
+
+void SecKeychainSetNoticeHandler(SecKeychainNoticeHandler handler)
+{
+    security::setNoticeHandler(handler);
+}
+
+std::string SecKeychainCopyRefusalReason()
+{
+    return security::lastRefusalReason();
 }
 
 std::string SecKeychainDefaultPath()
@@ -160,8 +177,9 @@ OSStatus SecKeychainCreate(const char* pathName, std::uint32_t passwordLength, c
 OSStatus SecKeychainDelete(const SecKeychainRef& keychain)
 {
     // Forgetting the key opens the file first, which also makes sure it is a
-    // keychain: a wrong path must not cost the user an unrelated file.
-    if (const OSStatus status = forgetKeyOf(keychain); status != errSecSuccess) {
+    // keychain: a wrong path must not cost the user an unrelated file, be it
+    // empty or another program's database.
+    if (const OSStatus status = forgetKeyOf(keychain, true); status != errSecSuccess) {
         return status;
     }
     KeychainFile::closeIdleConnections(keychain->path());
@@ -201,8 +219,10 @@ OSStatus SecKeychainUnlock(const SecKeychainRef& keychain, std::uint32_t passwor
     if (usePassword && passwordLength > 0 && password == nullptr) {
         return errSecParam;
     }
+    // No secret is read here, so the user's own too-open file may be
+    // unlocked: a write then makes it private, a read still refuses it.
     KeychainFileRef file;
-    if (const OSStatus status = openExisting(keychain, &file); status != errSecSuccess) {
+    if (const OSStatus status = openExisting(keychain, &file, OpenMode::Examine); status != errSecSuccess) {
         return status;
     }
     if (!file->hasPassword()) {
@@ -237,7 +257,7 @@ OSStatus SecKeychainGetStatus(const SecKeychainRef& keychain, SecKeychainStatus*
         return errSecParam;
     }
     KeychainFileRef file;
-    if (const OSStatus opened = openExisting(keychain, &file); opened != errSecSuccess) {
+    if (const OSStatus opened = openExisting(keychain, &file, OpenMode::Examine); opened != errSecSuccess) {
         return opened;
     }
     status->hasPassword = file->hasPassword();

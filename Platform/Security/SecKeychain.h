@@ -12,12 +12,28 @@
 // one that created it; SecKeychainUnlock opens it for the rest of the
 // process. A keychain without a password is protected by its file mode alone.
 //
+// So a keychain file is used only while no other user can read or replace
+// it: it must belong to this user (or root) and be writable by no one else,
+// and so must every directory above it, up to "/", unless the directory has
+// the sticky bit (as /tmp does), which keeps others from renaming what they
+// do not own. The directories are those the file really lies in, symbolic
+// links resolved. A file readable by others is refused as well, unless
+// ZARVO_KEYCHAIN_ALLOW_READABLE=1 is set. A refused file answers
+// errSecUnprotectedKeychain, and SecKeychainCopyRefusalReason says why. A
+// write to the user's own file whose mode is too open makes it 0600 instead,
+// and says so through the notice handler.
+//
+// Only files whose schema is exactly the one this layer makes are opened:
+// no views, triggers or other tables (errSecInvalidKeychain otherwise), and
+// no single step of a statement may run unbounded.
+//
 // All functions are safe to call from several threads and processes at once.
 #pragma once
 
 #include "Platform/Foundation/Object.h"
 #include "Platform/Security/SecBase.h"
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -79,6 +95,25 @@ using SecKeychainItemRef = std::shared_ptr<SecKeychainItem>;
 // before anything opens a database; a long-lived application does not.
 void SecKeychainPrepareForShortProcess();
 
+// How long an operation waits for a keychain that another program holds
+// (a write being committed, a program that locked the file) before it
+// answers errSecNotAvailable: 30 seconds unless set. The responder, which
+// must never stall its caller, sets a short wait. For the whole process.
+void SecKeychainSetBusyWait(std::chrono::milliseconds limit);
+
+// Receives the one-line notes meant for the user: that an operation has
+// waited a second for a busy keychain (once per process), and that a write
+// made a too-open keychain file private. Lines name the file, never a
+// secret. None is installed by default. Set it first thing, before any
+// keychain is used; it may be called from any thread that uses a keychain.
+using SecKeychainNoticeHandler = void (*)(const std::string& line);
+void SecKeychainSetNoticeHandler(SecKeychainNoticeHandler handler);
+
+// Why the last operation of this thread answered errSecUnprotectedKeychain:
+// one line naming the file or directory and its fault ("... can be read by
+// others (mode 0644) ..."). Empty while none has.
+std::string SecKeychainCopyRefusalReason();
+
 // The path of the user's default keychain under the current environment.
 std::string SecKeychainDefaultPath();
 
@@ -99,6 +134,9 @@ OSStatus SecKeychainCreate(const char* pathName, std::uint32_t passwordLength, c
                            bool promptUser, const void* initialAccess, SecKeychainRef* keychain);
 
 // Removes the keychain file (and its journal files) and forgets its key.
+// Only a keychain is removed: an empty file, a database without this
+// layer's tables or anything else answers errSecInvalidKeychain and stays.
+// A too-open mode of the user's own file is no reason to keep it.
 OSStatus SecKeychainDelete(const SecKeychainRef& keychain);
 
 // Copies the NUL-terminated path into `pathName`, whose size `*ioPathLength`
