@@ -341,6 +341,11 @@ bool FileManager::removeExtendedAttribute(std::string_view name, const std::stri
 
 std::vector<URL> FileManager::URLsForDirectory(SearchPathDirectory directory)
 {
+    return {URL::fileURLWithPath(pathForDirectory(directory), true)};
+}
+
+std::string FileManager::pathForDirectory(SearchPathDirectory directory)
+{
     const auto [variable, defaultUnderHome] = [&]() -> std::pair<const char*, const char*> {
         switch (directory) {
         case SearchPathDirectory::ApplicationSupport: return {"XDG_DATA_HOME", "/.local/share"};
@@ -349,12 +354,11 @@ std::vector<URL> FileManager::URLsForDirectory(SearchPathDirectory directory)
         }
         return {"XDG_DATA_HOME", "/.local/share"};
     }();
-    std::string path = absoluteVariable(variable);
-    if (path.empty()) {
-        const std::string home = homeDirectory();
-        path = (home == "/" ? std::string() : home) + defaultUnderHome;
+    if (std::string path = absoluteVariable(variable); !path.empty()) {
+        return path;
     }
-    return {URL::fileURLWithPath(path, true)};
+    const std::string home = homeDirectory();
+    return (home == "/" ? std::string() : home) + defaultUnderHome;
 }
 
 std::string FileManager::homeDirectory()

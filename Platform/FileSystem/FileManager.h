@@ -108,6 +108,9 @@ public:
     // platform's answer is a list; there is one user domain here). Not
     // created: the caller makes it when it first writes there.
     static std::vector<URL> URLsForDirectory(SearchPathDirectory directory);
+    // The same directory as a path, bytes as the environment gives them (a
+    // URL's path reads only UTF-8).
+    static std::string pathForDirectory(SearchPathDirectory directory);
     // $HOME when it is an absolute path, else the user database's home, else "/".
     static std::string homeDirectory();
     // $TMPDIR when it names a directory, else "/tmp".
