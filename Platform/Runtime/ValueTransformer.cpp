@@ -19,9 +19,6 @@ Guarded<TransformersByName>& transformersByName()
 
 }  // namespace
 
-PLATFORM_CLASS_REGISTRATION(NSValueTransformer) =
-    ClassDescription("NSValueTransformer").superclass("NSObject").factory([] { return ValueTransformer::create(); });
-
 ValueTransformerRef ValueTransformer::create()
 {
     return ValueTransformerRef(new ValueTransformer(), ObjectDeleter());
@@ -85,3 +82,7 @@ ValueTransformerRef ValueTransformer::valueTransformerForName(std::string_view n
 }
 
 }  // namespace platform
+
+PLATFORM_CLASS_REGISTRATION(NSValueTransformer) = platform::ClassDescription("NSValueTransformer")
+                                                      .superclass("NSObject")
+                                                      .factory([] { return platform::ValueTransformer::create(); });
