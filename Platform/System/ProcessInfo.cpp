@@ -20,7 +20,7 @@ std::size_t atLeastOne(long count)
 
 std::vector<std::string> readArguments()
 {
-    // The kernel's copy, so it holds whatever `main` later does to argv.
+    // The kernel's view, so it needs nothing from `main`.
     std::ifstream file("/proc/self/cmdline", std::ios::binary);
     const std::string all((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
     std::vector<std::string> arguments;

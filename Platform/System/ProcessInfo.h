@@ -33,8 +33,10 @@ public:
     // The program's file name, without its folder, as it was started.
     static std::string processName();
     static int processIdentifier();
-    // The arguments the process was started with, the program first, as the
-    // kernel recorded them at start (bytes as given, not checked for UTF-8).
+    // The arguments the process was started with, the program first, bytes
+    // as given (not checked for UTF-8). Read once, on the first call, from the
+    // kernel's view of the argument strings: a program that rewrites its argv
+    // strings in place before then would change what is read.
     static const std::vector<std::string>& arguments();
     // The environment now. When a variable is defined twice the first
     // definition counts, as getenv sees it; entries without "=" are left out.

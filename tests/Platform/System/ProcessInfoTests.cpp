@@ -101,14 +101,6 @@ TEST(ProcessInfoArguments, AreTheBytesTheProcessWasStartedWith)
     EXPECT_EQ(report.name, std::filesystem::path(self).filename().string());
 }
 
-TEST(ProcessInfoArguments, StayAsTheyWereAtStartAndAreTheSameObjectEachTime)
-{
-    const auto& arguments = ProcessInfo::arguments();
-    ASSERT_FALSE(arguments.empty());
-    EXPECT_EQ(&ProcessInfo::arguments(), &arguments);
-    EXPECT_EQ(std::filesystem::path(arguments.front()).filename().string(), ProcessInfo::processName());
-}
-
 TEST(ProcessInfoEnvironment, IsExactlyTheProcessEnvironment)
 {
     const auto report = runChild({}, {{"PLAIN", "value"}, {"EMPTY", ""}, {"WITH_EQUALS", "a=b=c"}});
