@@ -1,5 +1,7 @@
 #include "Platform/Security/SecKeychain.h"
 
+#include "Platform/FileSystem/FileManager.h"
+
 #include "Platform/Security/KeychainCrypto.h"
 #include "Platform/Security/KeychainFile.h"
 
@@ -8,7 +10,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -30,17 +31,6 @@ std::string absolutePath(std::string path)
     }
     directory.resize(std::strlen(directory.c_str()));
     return directory + (directory.back() == '/' ? "" : "/") + path;
-}
-
-std::string homeDirectory()
-{
-    if (const char* home = std::getenv("HOME"); home != nullptr && *home == '/') {
-        return home;
-    }
-    if (const passwd* entry = ::getpwuid(::getuid()); entry != nullptr && entry->pw_dir != nullptr) {
-        return entry->pw_dir;
-    }
-    return "/";
 }
 
 OSStatus openExisting(const SecKeychainRef& keychain, KeychainFileRef* file, OpenMode mode)
@@ -118,11 +108,7 @@ std::string SecKeychainCopyRefusalReason()
 
 std::string SecKeychainDefaultPath()
 {
-    // A relative XDG_DATA_HOME is not a valid setting and is ignored.
-    const char* dataHome = std::getenv("XDG_DATA_HOME");
-    const std::string base =
-        dataHome != nullptr && *dataHome == '/' ? std::string(dataHome) : homeDirectory() + "/.local/share";
-    return base + "/keychains/login.keychain-db";
+    return FileManager::pathForDirectory(SearchPathDirectory::ApplicationSupport) + "/keychains/login.keychain-db";
 }
 
 OSStatus SecKeychainCopyDefault(SecKeychainRef* keychain)
