@@ -100,6 +100,13 @@ public:
 private:
     struct Reaper;
     Task() = default;
+    // The launch steps. `checkLaunchable` raises the launch failures that
+    // need no spawn; it reads the settings and so runs with `mutex_` held.
+    void checkLaunchable() const;
+    // How the launching loop learns of the child's end: from its process
+    // descriptor, or where there is none from a thread that waits for it.
+    void watchProcessDescriptor(const std::shared_ptr<RunLoop>& loop, int pidfd);
+    void waitOnThread(const std::shared_ptr<RunLoop>& loop, int pid);
     // Reaps the child if it has ended and nobody reaped it yet.
     void reapIfEnded();
     void recordEnd(int status);
