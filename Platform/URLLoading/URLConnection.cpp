@@ -3,9 +3,18 @@
 #include "Platform/URLLoading/internal/CurlDriver.h"
 #include "Platform/URLLoading/internal/Transfer.h"
 
+#include <chrono>
+#include <future>
+
 namespace platform {
 
 using urlloading_internal::CurlDriver;
+
+void URLConnectionDelegate::connectionWillSendRequestForAuthenticationChallenge(
+    const URLConnectionRef&, const URLAuthenticationChallengeRef& challenge)
+{
+    challenge->sender()->performDefaultHandlingForAuthenticationChallenge(challenge);
+}
 
 void URLConnectionDelegate::connectionDidReceiveResponse(const URLConnectionRef&, const HTTPURLResponseRef&) {}
 void URLConnectionDelegate::connectionDidReceiveData(const URLConnectionRef&, const Data&) {}
@@ -85,6 +94,29 @@ void URLConnection::deliver(Event event)
             event(*delegate, connection);
         }
     });
+}
+
+void URLConnection::askDelegate(const URLAuthenticationChallengeRef& challenge)
+{
+    const auto delegate = delegate_;
+    if (isCancelled() || !delegate) {
+        return;
+    }
+    if (!delegateQueue_) {
+        delegate->connectionWillSendRequestForAuthenticationChallenge(self(), challenge);
+        return;
+    }
+    // The handshake waits for the answer on the transport's thread; a queue
+    // that does not get to it within the request's time-out cancels.
+    auto answered = std::make_shared<std::promise<void>>();
+    auto waited = answered->get_future();
+    delegateQueue_->addOperationWithBlock([connection = self(), delegate, challenge, answered] {
+        if (!connection->isCancelled()) {
+            delegate->connectionWillSendRequestForAuthenticationChallenge(connection, challenge);
+        }
+        answered->set_value();
+    });
+    waited.wait_for(std::chrono::duration<double>(request_->timeoutInterval()));
 }
 
 }  // namespace platform

@@ -14,6 +14,8 @@
 // - A started connection keeps its run loop from looking empty until it
 //   ends, so a caller that runs the loop until it reports nothing left to do
 //   waits for the answer. A cancelled connection no longer counts.
+// - A delegate that handles authentication challenges is asked about the
+//   server's certificate chain first (see URLAuthenticationChallenge.h).
 // - Callbacks, in order: `connectionDidReceiveResponse` once, before any data
 //   (after redirects, for the final answer); `connectionDidReceiveData` for
 //   each chunk; then exactly one of `connectionDidFinishLoading` or
@@ -32,6 +34,7 @@
 #include "Platform/Foundation/OperationQueue.h"
 #include "Platform/Foundation/RunLoop.h"
 #include "Platform/URLLoading/HTTPURLResponse.h"
+#include "Platform/URLLoading/URLAuthenticationChallenge.h"
 #include "Platform/URLLoading/URLRequest.h"
 
 #include <atomic>
@@ -52,6 +55,16 @@ class CurlDriver;
 class URLConnectionDelegate {
 public:
     virtual ~URLConnectionDelegate() = default;
+
+    // Whether the delegate answers authentication challenges; without it an
+    // https load trusts what the system trusts. A load whose delegate answers
+    // them is asked about every server it reaches, so it never shares a
+    // connection or a TLS session with another load.
+    virtual bool handlesAuthenticationChallenges() const { return false; }
+    // Asked during the TLS handshake, before anything is sent to the
+    // server; answer through the challenge's sender before returning.
+    virtual void connectionWillSendRequestForAuthenticationChallenge(const URLConnectionRef& connection,
+                                                                     const URLAuthenticationChallengeRef& challenge);
 
     virtual void connectionDidReceiveResponse(const URLConnectionRef& connection, const HTTPURLResponseRef& response);
     virtual void connectionDidReceiveData(const URLConnectionRef& connection, const Data& data);
@@ -86,6 +99,9 @@ private:
 
     // On the run loop the load is driven from.
     void deliver(Event event);
+    // On the run loop the load is driven from, from inside curl: the
+    // delegate's answer is in the challenge when this returns.
+    void askDelegate(const URLAuthenticationChallengeRef& challenge);
 
     const URLRequestRef request_;
     URLConnectionDelegateRef delegate_;  // the driving run loop's, until the load ends

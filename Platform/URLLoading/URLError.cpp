@@ -17,6 +17,7 @@ std::string_view describe(URLErrorCode code)
     case NSURLErrorNetworkConnectionLost: return "The connection to the server was lost before the answer was complete.";
     case NSURLErrorHTTPTooManyRedirects: return "The server redirected too many times.";
     case NSURLErrorBadServerResponse: return "The server's answer is not HTTP.";
+    case NSURLErrorUserCancelledAuthentication: return "The server's certificate was not accepted.";
     case NSURLErrorCannotDecodeContentData: return "The server's compressed answer could not be decoded.";
     case NSURLErrorSecureConnectionFailed: return "A secure connection to the server could not be made.";
     case NSURLErrorServerCertificateHasBadDate: return "The server's certificate has expired or is not yet valid.";

@@ -24,6 +24,7 @@ enum URLErrorCode : std::int64_t {
     NSURLErrorNetworkConnectionLost = -1005,
     NSURLErrorHTTPTooManyRedirects = -1007,
     NSURLErrorBadServerResponse = -1011,
+    NSURLErrorUserCancelledAuthentication = -1012,
     NSURLErrorCannotDecodeContentData = -1016,
     NSURLErrorSecureConnectionFailed = -1200,
     NSURLErrorServerCertificateHasBadDate = -1201,

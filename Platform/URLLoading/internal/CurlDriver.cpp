@@ -70,6 +70,10 @@ CurlDriver::~CurlDriver()
 
 void CurlDriver::add(const URLConnectionRef& connection)
 {
+    if (insideCurl_ > 0) {
+        loop_->performBlock([this, connection] { add(connection); });
+        return;
+    }
     if (connection->isCancelled()) {
         return;
     }
@@ -77,12 +81,18 @@ void CurlDriver::add(const URLConnectionRef& connection)
     CURL* easy = connection->transfer_->handle();
     running_.emplace(easy, connection);
     markBusy(true);
+    ++insideCurl_;
     curl_multi_add_handle(multi_, easy);
+    --insideCurl_;
     afterCurl();
 }
 
 void CurlDriver::remove(const URLConnectionRef& connection)
 {
+    if (insideCurl_ > 0) {
+        loop_->performBlock([this, connection] { remove(connection); });
+        return;
+    }
     if (!connection->transfer_ || running_.erase(connection->transfer_->handle()) == 0) {
         return;
     }
@@ -147,9 +157,19 @@ void CurlDriver::armTimer(long milliseconds)
 
 void CurlDriver::act(curl_socket_t socket, int events)
 {
-    int running = 0;
-    curl_multi_socket_action(multi_, socket, events, &running);
+    if (insideCurl_ > 0) {
+        return;  // a loop run from inside a challenge: curl takes no nested calls
+    }
+    socketAction(socket, events);
     afterCurl();
+}
+
+void CurlDriver::socketAction(curl_socket_t socket, int events)
+{
+    int running = 0;
+    ++insideCurl_;
+    curl_multi_socket_action(multi_, socket, events, &running);
+    --insideCurl_;
 }
 
 void CurlDriver::afterCurl()
@@ -168,14 +188,13 @@ void CurlDriver::afterCurl()
 
 void CurlDriver::serveDueTimeouts()
 {
-    int running = 0;
     for (int round = 0; timeoutDue_; ++round) {
         timeoutDue_ = false;
         if (round == kImmediateTimeoutRounds) {
             armTimer(1);
             return;
         }
-        curl_multi_socket_action(multi_, CURL_SOCKET_TIMEOUT, 0, &running);
+        socketAction(CURL_SOCKET_TIMEOUT, 0);
     }
 }
 

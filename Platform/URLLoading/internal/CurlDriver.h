@@ -41,6 +41,7 @@ private:
     void armTimer(long milliseconds);
 
     void act(curl_socket_t socket, int events);
+    void socketAction(curl_socket_t socket, int events);
     void afterCurl();
     void serveDueTimeouts();
     void finishCompletedTransfers(std::vector<URLConnectionRef>& touched);
@@ -56,6 +57,9 @@ private:
     bool busy_ = false;
     std::unordered_map<CURL*, URLConnectionRef> running_;
     bool timeoutDue_ = false;
+    // Calls into curl in progress: while there are any, handles are added and
+    // removed later, from the loop (a trust challenge runs inside curl).
+    int insideCurl_ = 0;
 };
 
 // The run loop of the transport's own thread, which drives the loads whose

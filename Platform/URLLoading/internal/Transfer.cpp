@@ -2,7 +2,10 @@
 
 #include "Platform/URLLoading/URLError.h"
 #include "Platform/URLLoading/internal/HeaderFieldNames.h"
+#include "Platform/URLLoading/internal/ServerTrustChallenge.h"
 #include "Platform/URLLoading/internal/SharedCurlCache.h"
+
+#include <openssl/ssl.h>
 
 #include <algorithm>
 #include <cmath>
@@ -103,6 +106,46 @@ void Transfer::configure(const URLRequest& request)
 
     configureMethodAndBody(request);
     configureHeaderFields(request);
+    if (connection_.delegate_ && connection_.delegate_->handlesAuthenticationChallenges() && request.url().scheme() == "https") {
+        configureServerTrustChallenge();
+    }
+}
+
+// The delegate decides about every server this load reaches, so the load
+// neither takes nor leaves a connection or TLS session that another load
+// could use without being asked: a resumed session skips the certificate.
+void Transfer::configureServerTrustChallenge()
+{
+    curl_easy_setopt(easy_, CURLOPT_SSL_CTX_FUNCTION, &Transfer::onTLSContext);
+    curl_easy_setopt(easy_, CURLOPT_SSL_CTX_DATA, this);
+    curl_easy_setopt(easy_, CURLOPT_SSL_VERIFYHOST, 0L);  // the trust evaluation checks the host
+    curl_easy_setopt(easy_, CURLOPT_FRESH_CONNECT, 1L);
+    curl_easy_setopt(easy_, CURLOPT_FORBID_REUSE, 1L);
+    curl_easy_setopt(easy_, CURLOPT_SSL_SESSIONID_CACHE, 0L);
+}
+
+CURLcode Transfer::onTLSContext(CURL*, void* tlsContext, void* transfer)
+{
+    SSL_CTX_set_cert_verify_callback(static_cast<SSL_CTX*>(tlsContext), &Transfer::onPresentedChain, transfer);
+    return CURLE_OK;
+}
+
+int Transfer::onPresentedChain(X509_STORE_CTX* chain, void* transfer)
+{
+    auto& self = *static_cast<Transfer*>(transfer);
+    const char* effective = nullptr;
+    curl_easy_getinfo(self.easy_, CURLINFO_EFFECTIVE_URL, &effective);
+    const auto reached = effective != nullptr ? URL::fromString(effective) : std::nullopt;
+    const auto& url = reached && reached->hasHost() ? *reached : self.connection_.originalRequest()->url();
+    const int port = static_cast<int>(url.port().value_or(443));
+    const auto ask = [&self](const URLAuthenticationChallengeRef& challenge) { self.connection_.askDelegate(challenge); };
+    switch (decideServerTrust(ask, chain, url.host().value_or(""), port)) {
+    case TrustDecision::Accept: return 1;
+    case TrustDecision::Cancel: self.trustCancelled_ = true; break;
+    case TrustDecision::Reject: break;
+    }
+    X509_STORE_CTX_set_error(chain, X509_V_ERR_CERT_UNTRUSTED);
+    return 0;
 }
 
 void Transfer::configureMethodAndBody(const URLRequest& request)
@@ -229,7 +272,8 @@ void Transfer::finish(CURLcode result)
         return;
     }
     const auto& url = connection_.originalRequest()->url();
-    const auto error = makeURLError(urlErrorCode(result, url), url.absoluteString());
+    const auto code = trustCancelled_ ? NSURLErrorUserCancelledAuthentication : urlErrorCode(result, url);
+    const auto error = makeURLError(code, url.absoluteString());
     pending_.push_back([error](URLConnectionDelegate& delegate, const URLConnectionRef& connection) {
         delegate.connectionDidFailWithError(connection, error);
     });

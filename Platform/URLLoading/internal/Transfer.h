@@ -10,6 +10,7 @@
 #include "Platform/URLLoading/URLConnection.h"
 
 #include <curl/curl.h>
+#include <openssl/x509_vfy.h>
 
 #include <cstdint>
 #include <functional>
@@ -38,10 +39,13 @@ public:
 private:
     static std::size_t onHeaderLine(char* bytes, std::size_t size, std::size_t count, void* transfer);
     static std::size_t onBody(char* bytes, std::size_t size, std::size_t count, void* transfer);
+    static CURLcode onTLSContext(CURL* easy, void* tlsContext, void* transfer);
+    static int onPresentedChain(X509_STORE_CTX* chain, void* transfer);
 
     void configure(const URLRequest& request);
     void configureMethodAndBody(const URLRequest& request);
     void configureHeaderFields(const URLRequest& request);
+    void configureServerTrustChallenge();
     void readHeaderLine(std::string_view line);
     void recordResponseOnce();
 
@@ -57,6 +61,7 @@ private:
     Dictionary headerFields_;
     std::string lastFieldName_;
     bool responseRecorded_ = false;
+    bool trustCancelled_ = false;
 };
 
 }  // namespace platform::urlloading_internal

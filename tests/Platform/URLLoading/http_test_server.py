@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """A small HTTP/1.1 server for the URL loading tests, on 127.0.0.1.
 
+Given a certificate and a key file as arguments, it speaks https instead.
 Prints its port on the first line of standard output, then serves until it is
 terminated. /echo answers with what it received, so a test sees what went over
 the wire; the other paths each misbehave in one way.
@@ -8,7 +9,7 @@ the wire; the other paths each misbehave in one way.
 import base64
 import gzip
 import json
-import socketserver
+import ssl
 import sys
 import threading
 import time
@@ -113,6 +114,11 @@ class Server(ThreadingHTTPServer):
 
 def main():
     server = Server(("127.0.0.1", 0), Handler)
+    if len(sys.argv) == 3:
+        # https, with the certificate and key named on the command line
+        context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+        context.load_cert_chain(sys.argv[1], sys.argv[2])
+        server.socket = context.wrap_socket(server.socket, server_side=True)
     print(server.server_address[1], flush=True)
     server.serve_forever()
 
