@@ -35,7 +35,7 @@ struct Scheduled {
 }  // namespace
 
 struct RunLoop::State {
-    WakeableEpoll poll;
+    internal::WakeableEpoll poll;
 
     mutable std::mutex mutex;  // guards everything below
     std::vector<std::string> commonModes{std::string(NSDefaultRunLoopMode)};

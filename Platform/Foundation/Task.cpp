@@ -230,7 +230,7 @@ struct Task::Reaper {
 
     void schedule()
     {
-        EventMonitor::shared().addTimer(EventMonitor::Clock::now() + kSweepInterval, kSweepInterval / 2, [this] { sweep(); });
+        internal::EventMonitor::shared().addTimer(internal::EventMonitor::Clock::now() + kSweepInterval, kSweepInterval / 2, [this] { sweep(); });
     }
 
     void sweep()
@@ -474,7 +474,7 @@ void Task::recordEnd(int status)
         ended_.notify_all();
     }
     if (handler) {
-        WorkerPool::shared().submit([self = std::static_pointer_cast<Task>(shared_from_this()), handler] { handler(*self); });
+        internal::WorkerPool::shared().submit([self = std::static_pointer_cast<Task>(shared_from_this()), handler] { handler(*self); });
     }
 }
 
