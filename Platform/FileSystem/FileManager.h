@@ -74,9 +74,9 @@ enum class SearchPathDirectory {
 class FileManager {
 public:
     // The names in a directory, without "." and "..", sorted by bytes.
-    static std::optional<std::vector<std::string>> contentsOfDirectoryAtPath(const std::string& path,
+    [[nodiscard]] static std::optional<std::vector<std::string>> contentsOfDirectoryAtPath(const std::string& path,
                                                                              ErrorRef* error = nullptr);
-    static std::optional<FileAttributes> attributesOfItemAtPath(const std::string& path, ErrorRef* error = nullptr);
+    [[nodiscard]] static std::optional<FileAttributes> attributesOfItemAtPath(const std::string& path, ErrorRef* error = nullptr);
 
     // Whether something is there, following links; with `isDirectory`, also
     // whether it is a directory (untouched when nothing is there).
@@ -97,7 +97,7 @@ public:
     // Extended attributes in the "user." namespace: `name` is given without
     // it ("velmora.log.archived" is stored as "user.velmora.log.archived").
     // A missing attribute is ENODATA. Values may be empty.
-    static std::optional<Data> extendedAttribute(std::string_view name, const std::string& path,
+    [[nodiscard]] static std::optional<Data> extendedAttribute(std::string_view name, const std::string& path,
                                                  ErrorRef* error = nullptr);
     [[nodiscard]] static bool setExtendedAttribute(std::string_view name, const Data& value, const std::string& path,
                                                    ErrorRef* error = nullptr);

@@ -71,10 +71,10 @@ public:
     KeychainFile(const KeychainFile&) = delete;
     KeychainFile& operator=(const KeychainFile&) = delete;
 
-    static OSStatus open(const std::string& path, OpenMode mode, KeychainFileRef* file);
+    [[nodiscard]] static OSStatus open(const std::string& path, OpenMode mode, KeychainFileRef* file);
     // Creates a new file, failing with errSecDuplicateKeychain when one is
     // there; with a derivation, a password-protected one whose key is given.
-    static OSStatus create(const std::string& path, const std::optional<KeyDerivation>& derivation,
+    [[nodiscard]] static OSStatus create(const std::string& path, const std::optional<KeyDerivation>& derivation,
                            const SecretKey* key, KeychainFileRef* file);
     // Closes the idle connections to a file that is about to be deleted.
     static void closeIdleConnections(const std::string& path);
@@ -90,8 +90,8 @@ public:
 
     sqlite3* database() const { return database_; }
 
-    OSStatus beginWrite();
-    OSStatus commit();
+    [[nodiscard]] OSStatus beginWrite();
+    [[nodiscard]] OSStatus commit();
     void rollback();
 
 private:
@@ -99,14 +99,14 @@ private:
 
     KeychainFile(std::string path, sqlite3* database) : path_(std::move(path)), database_(database) {}
     static KeychainFileRef takeIdleConnection(const std::string& path, std::uint64_t device, std::uint64_t inode);
-    static OSStatus connect(const std::string& path, const std::string& realPath, std::uint64_t device,
+    [[nodiscard]] static OSStatus connect(const std::string& path, const std::string& realPath, std::uint64_t device,
                             std::uint64_t inode, KeychainFileRef* file);
     static int waitWhileBusy(void* connection, int attempt);
-    OSStatus configure();
-    OSStatus configureForWriting();
-    OSStatus checkSchema(bool* isEmpty);
-    OSStatus readHeaderAndMetadata();
-    OSStatus initialise(const std::optional<KeyDerivation>& derivation, const SecretKey* key);
+    [[nodiscard]] OSStatus configure();
+    [[nodiscard]] OSStatus configureForWriting();
+    [[nodiscard]] OSStatus checkSchema(bool* isEmpty);
+    [[nodiscard]] OSStatus readHeaderAndMetadata();
+    [[nodiscard]] OSStatus initialise(const std::optional<KeyDerivation>& derivation, const SecretKey* key);
 
     std::string path_;
     sqlite3* database_;
@@ -122,7 +122,7 @@ private:
 };
 
 // The keychain status for an SQLite result code.
-OSStatus statusForSQLite(int resultCode);
+[[nodiscard]] OSStatus statusForSQLite(int resultCode);
 
 // Removes the journal files SQLite may keep beside a keychain file: a
 // rollback journal, or the log and index of a file made in WAL mode.

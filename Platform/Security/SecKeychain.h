@@ -118,11 +118,11 @@ std::string SecKeychainCopyRefusalReason();
 std::string SecKeychainDefaultPath();
 
 // A reference to the default keychain; the file need not exist.
-OSStatus SecKeychainCopyDefault(SecKeychainRef* keychain);
+[[nodiscard]] OSStatus SecKeychainCopyDefault(SecKeychainRef* keychain);
 
 // A reference to the keychain at `pathName`; the file need not exist yet
 // (operations on it then answer errSecNoSuchKeychain).
-OSStatus SecKeychainOpen(const char* pathName, SecKeychainRef* keychain);
+[[nodiscard]] OSStatus SecKeychainOpen(const char* pathName, SecKeychainRef* keychain);
 
 // Creates a keychain file at `pathName` (missing directories are made with
 // mode 0700). A password of `passwordLength` bytes protects its secrets. With
@@ -130,37 +130,37 @@ OSStatus SecKeychainOpen(const char* pathName, SecKeychainRef* keychain);
 // system never prompts); `promptUser` false with an empty password protects it
 // with the empty password. `initialAccess` is reserved and must be null.
 // errSecDuplicateKeychain when a file is already there.
-OSStatus SecKeychainCreate(const char* pathName, std::uint32_t passwordLength, const void* password,
+[[nodiscard]] OSStatus SecKeychainCreate(const char* pathName, std::uint32_t passwordLength, const void* password,
                            bool promptUser, const void* initialAccess, SecKeychainRef* keychain);
 
 // Removes the keychain file (and its journal files) and forgets its key.
 // Only a keychain is removed: an empty file, a database without this
 // layer's tables or anything else answers errSecInvalidKeychain and stays.
 // A too-open mode of the user's own file is no reason to keep it.
-OSStatus SecKeychainDelete(const SecKeychainRef& keychain);
+[[nodiscard]] OSStatus SecKeychainDelete(const SecKeychainRef& keychain);
 
 // Copies the NUL-terminated path into `pathName`, whose size `*ioPathLength`
 // gives; on return `*ioPathLength` is the path's length without the NUL.
 // errSecParam when the buffer is too small.
-OSStatus SecKeychainGetPath(const SecKeychainRef& keychain, std::uint32_t* ioPathLength, char* pathName);
+[[nodiscard]] OSStatus SecKeychainGetPath(const SecKeychainRef& keychain, std::uint32_t* ioPathLength, char* pathName);
 
 // The keychain that holds an item.
-OSStatus SecKeychainItemCopyKeychain(const SecKeychainItemRef& item, SecKeychainRef* keychain);
+[[nodiscard]] OSStatus SecKeychainItemCopyKeychain(const SecKeychainItemRef& item, SecKeychainRef* keychain);
 
 // Unlocks a password-protected keychain for the rest of this process:
 // errSecAuthFailed for a wrong password, success at once for a keychain
 // without a password. An addition of this system: it never prompts, so
 // `usePassword` false answers errSecInteractionNotAllowed for a locked one.
-OSStatus SecKeychainUnlock(const SecKeychainRef& keychain, std::uint32_t passwordLength, const void* password,
+[[nodiscard]] OSStatus SecKeychainUnlock(const SecKeychainRef& keychain, std::uint32_t passwordLength, const void* password,
                            bool usePassword);
 // Forgets the key of a keychain in this process.
-OSStatus SecKeychainLock(const SecKeychainRef& keychain);
+[[nodiscard]] OSStatus SecKeychainLock(const SecKeychainRef& keychain);
 
 struct SecKeychainStatus {
     bool hasPassword = false;
     bool isUnlocked = false;
 };
 // Whether a keychain is password-protected and unlocked in this process.
-OSStatus SecKeychainGetStatus(const SecKeychainRef& keychain, SecKeychainStatus* status);
+[[nodiscard]] OSStatus SecKeychainGetStatus(const SecKeychainRef& keychain, SecKeychainStatus* status);
 
 }  // namespace platform

@@ -71,7 +71,7 @@ private:
 
 // Nothing when the chain is empty.
 SecTrustRef SecTrustCreateWithCertificates(std::vector<Data> certificates, std::string host);
-OSStatus SecTrustEvaluate(const SecTrustRef& trust, SecTrustResultType* result);
+[[nodiscard]] OSStatus SecTrustEvaluate(const SecTrustRef& trust, SecTrustResultType* result);
 // The cookie that makes this host's current leaf key acceptable; nothing for
 // a chain without a readable leaf.
 std::optional<Data> SecTrustCopyExceptions(const SecTrustRef& trust);

@@ -110,9 +110,9 @@ public:
     // Otherwise the error (domain "QMCommandOperation", code = exit code, -1
     // when it could not start) carries the program's standard error as its
     // failure reason when that is UTF-8.
-    static bool runCommandWithLaunchPath(const std::string& launchPath, Arguments arguments,
+    [[nodiscard]] static bool runCommandWithLaunchPath(const std::string& launchPath, Arguments arguments,
                                          platform::ErrorRef* error = nullptr);
-    static bool runCommandWithLaunchPath(const std::string& launchPath, std::optional<std::string> workingDirectory,
+    [[nodiscard]] static bool runCommandWithLaunchPath(const std::string& launchPath, std::optional<std::string> workingDirectory,
                                          Arguments arguments, platform::ErrorRef* error = nullptr);
 
     // --- Properties
