@@ -8,6 +8,9 @@ pkg_check_modules(SODIUM REQUIRED IMPORTED_TARGET libsodium)
 pkg_check_modules(LIBCRYPTO REQUIRED IMPORTED_TARGET libcrypto)
 pkg_check_modules(UUID REQUIRED IMPORTED_TARGET uuid)
 find_package(nlohmann_json 3 REQUIRED)
+# ICU: character properties (icu-uc) and date formatting (icu-i18n).
+pkg_check_modules(ICU_UC REQUIRED IMPORTED_TARGET icu-uc)
+pkg_check_modules(ICU_I18N REQUIRED IMPORTED_TARGET icu-i18n)
 
 # The responder starts once per prompt. Where Debian ships a static archive of
 # a library, every program links that instead of the shared object, so the
