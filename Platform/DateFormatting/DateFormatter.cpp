@@ -1,9 +1,12 @@
 #include "Platform/DateFormatting/DateFormatter.h"
 
+#include "Platform/DateFormatting/NumericDatePattern.h"
 #include "Platform/Foundation/Unicode.h"
 
 #include <unicode/datefmt.h>
+#include <unicode/calendar.h>
 #include <unicode/locid.h>
+#include <unicode/numsys.h>
 #include <unicode/smpdtfmt.h>
 #include <unicode/timezone.h>
 #include <unicode/udisplaycontext.h>
@@ -53,8 +56,12 @@ std::string localeFromEnvironmentValue(std::string value)
 
 // What the settings compile to: the ICU formatter that every lent copy is
 // cloned from, never used to format itself (ICU formatters keep per-call state).
+// For a numeric pattern also the fast path and the zone it needs; both only
+// read once built, which is safe from any number of threads at once.
 struct DateFormatter::Prototype {
     std::unique_ptr<icu::DateFormat> format;  // null: nothing formats
+    std::optional<internal::NumericDatePattern> numeric;
+    std::unique_ptr<icu::TimeZone> zone;
 };
 
 struct DateFormatter::Copy {
@@ -188,11 +195,14 @@ void DateFormatter::setLenient(bool lenient)
 
 namespace {
 
-std::unique_ptr<icu::DateFormat> makeFormat(const std::string& pattern, DateFormatter::Style dateStyle,
-                                            DateFormatter::Style timeStyle, bool relative,
-                                            const std::string& localeIdentifier, const TimeZone& zone, bool lenient)
+std::unique_ptr<icu::TimeZone> icuZone(const TimeZone& zone)
 {
-    const icu::Locale locale(localeIdentifier.c_str());
+    return std::unique_ptr<icu::TimeZone>(icu::TimeZone::createTimeZone(icu::UnicodeString::fromUTF8(zone.identifier())));
+}
+
+std::unique_ptr<icu::DateFormat> makeFormat(const std::string& pattern, DateFormatter::Style dateStyle,
+                                            DateFormatter::Style timeStyle, bool relative, const icu::Locale& locale)
+{
     std::unique_ptr<icu::DateFormat> format;
     UErrorCode status = U_ZERO_ERROR;
     if (!pattern.empty()) {
@@ -211,12 +221,49 @@ std::unique_ptr<icu::DateFormat> makeFormat(const std::string& pattern, DateForm
     if (!format || U_FAILURE(status)) {
         return nullptr;
     }
-    format->adoptTimeZone(icu::TimeZone::createTimeZone(icu::UnicodeString::fromUTF8(zone.identifier())));
-    format->setLenient(lenient);
     return format;
 }
 
+// Whether numeric fields in `locale` are the fast path's: Gregorian years,
+// months and days written in ASCII digits.
+bool printsNumericFieldsPlainly(const icu::Locale& locale)
+{
+    UErrorCode status = U_ZERO_ERROR;
+    std::unique_ptr<icu::Calendar> calendar(icu::Calendar::createInstance(locale, status));
+    if (U_FAILURE(status) || !calendar || std::string_view(calendar->getType()) != "gregorian") {
+        return false;
+    }
+    std::unique_ptr<icu::NumberingSystem> numbering(icu::NumberingSystem::createInstance(locale, status));
+    return U_SUCCESS(status) && numbering && std::string_view(numbering->getName()) == "latn";
+}
+
 }  // namespace
+
+std::shared_ptr<const DateFormatter::Prototype> DateFormatter::buildPrototype(const Settings& settings)
+{
+    auto built = std::make_shared<Prototype>();
+    const icu::Locale locale(settings.locale.value_or(currentLocaleIdentifier()).c_str());
+    const auto zone = settings.zone.value_or(TimeZone::local());
+    built->format = makeFormat(settings.pattern, settings.dateStyle, settings.timeStyle, settings.relative, locale);
+    if (built->format) {
+        built->format->adoptTimeZone(icuZone(zone).release());
+        built->format->setLenient(settings.lenient);
+        if (!settings.icuOnly && !settings.pattern.empty() && printsNumericFieldsPlainly(locale)) {
+            built->numeric = internal::NumericDatePattern::compile(settings.pattern);
+            built->zone = icuZone(zone);
+        }
+    }
+    return built;
+}
+
+std::shared_ptr<const DateFormatter::Prototype> DateFormatter::currentPrototype() const
+{
+    std::lock_guard lock(stateLock_);
+    if (!prototype_) {
+        prototype_ = buildPrototype(settings_);
+    }
+    return prototype_;
+}
 
 DateFormatter::Lease DateFormatter::borrow() const
 {
@@ -233,11 +280,7 @@ DateFormatter::Lease DateFormatter::borrow() const
         if (!prototype_) {
             // Built under the lock, once per change of the settings, so that
             // threads starting together do not each build one.
-            auto built = std::make_shared<Prototype>();
-            built->format = makeFormat(settings_.pattern, settings_.dateStyle, settings_.timeStyle, settings_.relative,
-                                       settings_.locale.value_or(currentLocaleIdentifier()),
-                                       settings_.zone.value_or(TimeZone::local()), settings_.lenient);
-            prototype_ = std::move(built);
+            prototype_ = buildPrototype(settings_);
         }
         prototype = prototype_;
     }
@@ -267,10 +310,6 @@ std::string DateFormatter::stringFromDate(Date date) const
     if (!std::isfinite(seconds)) {
         return {};
     }
-    auto lease = borrow();
-    if (!lease.copy) {
-        return {};
-    }
     // ICU takes the millisecond below; a date made from whole milliseconds
     // (as parsing makes them) can come back a hair under one after the
     // scaling, and must not print as the millisecond before.
@@ -278,6 +317,22 @@ std::string DateFormatter::stringFromDate(Date date) const
     const double nearest = std::round(milliseconds);
     if (std::abs(milliseconds - nearest) <= std::max(1e-4, std::abs(milliseconds) * 4 * DBL_EPSILON)) {
         milliseconds = nearest;
+    }
+    if (const auto prototype = currentPrototype(); prototype->numeric) {
+        std::int32_t raw = 0;
+        std::int32_t daylight = 0;
+        UErrorCode status = U_ZERO_ERROR;
+        prototype->zone->getOffset(milliseconds, false, raw, daylight, status);
+        std::string result;
+        if (U_SUCCESS(status) && std::abs(milliseconds) < 1e15
+            && prototype->numeric->format(static_cast<std::int64_t>(std::floor(milliseconds)),
+                                          std::int64_t{raw} + daylight, result)) {
+            return result;
+        }
+    }
+    auto lease = borrow();
+    if (!lease.copy) {
+        return {};
     }
     icu::UnicodeString text;
     icu::FieldPosition position;
@@ -309,6 +364,11 @@ std::optional<Date> DateFormatter::dateFromString(std::string_view text) const
         return std::nullopt;
     }
     return Date(milliseconds / 1000.0);
+}
+
+void internal::DateFormatterTesting::useICUForEveryPattern(DateFormatter& formatter)
+{
+    formatter.change([](DateFormatter::Settings& settings) { settings.icuOnly = true; });
 }
 
 }  // namespace platform

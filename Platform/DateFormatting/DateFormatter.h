@@ -20,6 +20,10 @@
 // - ICU's formatters are not safe to share, so each call borrows a private
 //   copy from a small pool kept by the formatter (made on demand, returned
 //   after the call); threads never wait for one another's formatting.
+//   Patterns made only of numeric fields (y, M, MM, d, H, m, s, S) and
+//   literals, in a locale with a Gregorian calendar and ASCII digits, print
+//   without ICU's formatter and give the same text (NumericDatePattern.h):
+//   that is what makes a timestamp per log line cheap.
 // - The calendar is the locale's (most locales: Gregorian). Dates carry
 //   sub-millisecond precision, but fields are computed in whole milliseconds,
 //   as the platform's formatter does: "SSSS" prints the milliseconds and a 0.
@@ -51,6 +55,14 @@
 namespace platform {
 
 class DateFormatter;
+namespace internal {
+// For tests only: sends every pattern through ICU's formatter, so the fast
+// path can be compared with it.
+struct DateFormatterTesting {
+    static void useICUForEveryPattern(DateFormatter& formatter);
+};
+}  // namespace internal
+
 using DateFormatterRef = std::shared_ptr<DateFormatter>;
 
 class DateFormatter : public Object {
@@ -98,7 +110,9 @@ private:
         std::optional<std::string> locale;
         std::optional<TimeZone> zone;
         bool lenient = false;
+        bool icuOnly = false;
     };
+    friend struct internal::DateFormatterTesting;
     struct Prototype;
     struct Copy;  // one ICU formatter, lent to one call at a time
     struct Lease;
@@ -107,6 +121,8 @@ private:
 
     template <typename Change>
     void change(Change&& change);
+    static std::shared_ptr<const Prototype> buildPrototype(const Settings& settings);
+    std::shared_ptr<const Prototype> currentPrototype() const;
     Lease borrow() const;
     void giveBack(Lease lease) const;
 

@@ -73,6 +73,39 @@ TEST(DateFormatterPatterns, QuoteLiteralsAndIgnoreUnknownLetters)
     EXPECT_EQ(formatter("yyyy 'open")->stringFromDate(Date(kMarchFifth)).substr(0, 4), "2014");
 }
 
+// Numeric patterns print without ICU's formatter; the text must be ICU's
+// own, for every field width, zone, both sides of 1970 and the years where the
+// fast path hands over to ICU.
+TEST(DateFormatterPatterns, PrintNumericFieldsExactlyAsICUDoes)
+{
+    const char* const patterns[] = {
+        "yyyy-MM-dd HH:mm:ss:SSSS", "yyyy/MM/dd HH:mm:ss:SSS", kRFC3339, kISO8601,
+        "y M d H m s S", "yy MM dd HH mm ss SS", "yyy yyyyy ddd HHH mmm sss SSSSSSSSS",
+        "'quoted ''yyyy'' text' yyyy''MM", "\u00e9t\u00e9 d/M \u2013 H:mm",
+    };
+    const char* const zones[] = {"UTC", "Europe/Berlin", "America/St_Johns", "Asia/Kolkata", "Pacific/Kiritimati"};
+    std::mt19937_64 random(11);
+    // From 1500 (Julian in ICU, so handed over) to 10500 (five-digit years).
+    std::uniform_real_distribution<double> seconds(-14'831'769'600.0, 269'135'193'600.0);
+    std::vector<double> dates{0, -0.001, 1.001, -62135596800.0, -12219292800.0, -12219292800.001, 253402300799.999,
+                              253402300800.0, 1394014272.123, 1711846800.0};
+    for (int round = 0; round < 400; ++round) {
+        dates.push_back(seconds(random));
+        dates.push_back(std::round(seconds(random)));  // whole seconds, where rounding matters most
+    }
+    for (const auto* zone : zones) {
+        for (const auto* pattern : patterns) {
+            const auto fast = formatter(pattern, zone);
+            const auto icu = formatter(pattern, zone);
+            internal::DateFormatterTesting::useICUForEveryPattern(*icu);
+            for (const auto date : dates) {
+                SCOPED_TRACE(std::string(zone) + " " + pattern + " " + std::to_string(date));
+                ASSERT_EQ(fast->stringFromDate(Date(date)), icu->stringFromDate(Date(date)));
+            }
+        }
+    }
+}
+
 TEST(DateFormatterParsing, IsStrictAboutTheWholeText)
 {
     const auto rfc3339 = formatter(kRFC3339);
