@@ -110,10 +110,16 @@ void DateFormatter::change(Change&& change)
     // The old prototype and copies are destroyed here, outside the lock.
 }
 
-std::string DateFormatter::dateFormat() const
+template <typename Read>
+auto DateFormatter::read(Read&& read) const
 {
     std::lock_guard lock(stateLock_);
-    return settings_.pattern;
+    return read(settings_);
+}
+
+std::string DateFormatter::dateFormat() const
+{
+    return read([](const Settings& settings) { return settings.pattern; });
 }
 
 void DateFormatter::setDateFormat(std::string pattern)
@@ -123,36 +129,35 @@ void DateFormatter::setDateFormat(std::string pattern)
 
 DateFormatter::Style DateFormatter::dateStyle() const
 {
-    std::lock_guard lock(stateLock_);
-    return settings_.dateStyle;
+    return read([](const Settings& settings) { return settings.dateStyle; });
 }
 
 void DateFormatter::setDateStyle(Style style)
 {
-    change([&](Settings& settings) {
-        settings.dateStyle = style;
-        settings.pattern.clear();
-    });
+    setStyle(&Settings::dateStyle, style);
 }
 
 DateFormatter::Style DateFormatter::timeStyle() const
 {
-    std::lock_guard lock(stateLock_);
-    return settings_.timeStyle;
+    return read([](const Settings& settings) { return settings.timeStyle; });
 }
 
 void DateFormatter::setTimeStyle(Style style)
 {
+    setStyle(&Settings::timeStyle, style);
+}
+
+void DateFormatter::setStyle(Style Settings::*field, Style style)
+{
     change([&](Settings& settings) {
-        settings.timeStyle = style;
+        settings.*field = style;
         settings.pattern.clear();
     });
 }
 
 bool DateFormatter::doesRelativeDateFormatting() const
 {
-    std::lock_guard lock(stateLock_);
-    return settings_.relative;
+    return read([](const Settings& settings) { return settings.relative; });
 }
 
 void DateFormatter::setDoesRelativeDateFormatting(bool relative)
@@ -162,8 +167,7 @@ void DateFormatter::setDoesRelativeDateFormatting(bool relative)
 
 std::string DateFormatter::localeIdentifier() const
 {
-    std::lock_guard lock(stateLock_);
-    return settings_.locale.value_or(currentLocaleIdentifier());
+    return read([](const Settings& settings) { return settings.locale.value_or(currentLocaleIdentifier()); });
 }
 
 void DateFormatter::setLocaleIdentifier(std::optional<std::string> identifier)
@@ -173,8 +177,7 @@ void DateFormatter::setLocaleIdentifier(std::optional<std::string> identifier)
 
 TimeZone DateFormatter::timeZone() const
 {
-    std::lock_guard lock(stateLock_);
-    return settings_.zone.value_or(TimeZone::local());
+    return read([](const Settings& settings) { return settings.zone.value_or(TimeZone::local()); });
 }
 
 void DateFormatter::setTimeZone(std::optional<TimeZone> zone)
@@ -184,8 +187,7 @@ void DateFormatter::setTimeZone(std::optional<TimeZone> zone)
 
 bool DateFormatter::isLenient() const
 {
-    std::lock_guard lock(stateLock_);
-    return settings_.lenient;
+    return read([](const Settings& settings) { return settings.lenient; });
 }
 
 void DateFormatter::setLenient(bool lenient)

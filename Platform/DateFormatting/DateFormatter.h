@@ -119,8 +119,11 @@ private:
 
     DateFormatter() = default;
 
+    template <typename Read>
+    auto read(Read&& read) const;
     template <typename Change>
     void change(Change&& change);
+    void setStyle(Style Settings::*field, Style style);
     static std::shared_ptr<const Prototype> buildPrototype(const Settings& settings);
     std::shared_ptr<const Prototype> currentPrototype() const;
     Lease borrow() const;

@@ -3,6 +3,8 @@
 #include "Platform/Foundation/Exception.h"
 #include "Platform/Foundation/JSON.h"
 
+#include "tests/Support/AssertionCapture.h"
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -11,16 +13,10 @@ using ::testing::ElementsAre;
 
 namespace {
 
-std::string rangeFailure(const std::function<void()>& action)
+template <typename Body>
+std::string rangeFailure(Body&& body)
 {
-    try {
-        action();
-    } catch (const Exception& exception) {
-        EXPECT_EQ(exception.name(), NSRangeException);
-        return exception.reason();
-    }
-    ADD_FAILURE() << "no exception";
-    return {};
+    return testsupport::raisedReason(NSRangeException, std::forward<Body>(body));
 }
 
 TEST(OrderedSet, KeepsTheFirstOccurrenceOfEqualValues)
