@@ -238,13 +238,14 @@ TEST(DateFormatterInput, DatesOutsideTheCalendarGiveNoText)
 }
 
 // One formatter, shared: threads format and parse while another keeps
-// switching its pattern between two. Every answer must belong wholly to one
-// of the two patterns.
+// switching its pattern between two, one printed by the fast path and one by
+// ICU's formatter (a month name). Every answer must belong wholly to one of
+// the two patterns.
 TEST(DateFormatterThreads, ShareOneFormatterWhileItsSettingsChange)
 {
     const auto shared = formatter(kRFC3339);
     const std::string first = "2014-03-05T10:11:12.123Z";
-    const std::string second = "2014/03/05 10:11:12:123";
+    const std::string second = "5 Mar 2014 10:11:12.123";
     std::atomic<bool> stop{false};
     std::atomic<int> wrong{0};
     std::atomic<int> formatted{0};
@@ -266,14 +267,20 @@ TEST(DateFormatterThreads, ShareOneFormatterWhileItsSettingsChange)
             }
         });
     }
-    for (int change = 0; change < 400 || formatted.load() < 2000; ++change) {
-        shared->setDateFormat(change % 2 == 0 ? "yyyy/MM/dd HH:mm:ss:SSS" : kRFC3339);
+    // Ends on the pattern ICU prints, so the copies it lends are checked below.
+    for (int change = 0; change < 400 || formatted.load() < 2000 || change % 2 == 1; ++change) {
+        shared->setDateFormat(change % 2 == 0 ? kRFC3339 : "d MMM yyyy HH:mm:ss.SSS");
     }
     stop = true;
     for (auto& worker : workers) {
         worker.join();
     }
     EXPECT_EQ(wrong.load(), 0);
+    // Copies lent out before the last change and given back after it must not
+    // be lent again: from now on only the last pattern may print.
+    for (int call = 0; call < 16; ++call) {
+        EXPECT_EQ(shared->stringFromDate(Date(kMarchFifth)), second);
+    }
 }
 
 }  // namespace
