@@ -308,8 +308,11 @@ void DateFormatter::giveBack(Lease lease) const
 
 std::string DateFormatter::stringFromDate(Date date) const
 {
+    // ICU's calendar holds about 5.8 million years either side of 1970 and
+    // prints nonsense beyond; three million years is far enough for anyone.
+    constexpr double kLargestSeconds = 1e14;
     const double seconds = date.timeIntervalSince1970();
-    if (!std::isfinite(seconds)) {
+    if (!std::isfinite(seconds) || std::abs(seconds) > kLargestSeconds) {
         return {};
     }
     // ICU takes the millisecond below; a date made from whole milliseconds
@@ -326,7 +329,7 @@ std::string DateFormatter::stringFromDate(Date date) const
         UErrorCode status = U_ZERO_ERROR;
         prototype->zone->getOffset(milliseconds, false, raw, daylight, status);
         std::string result;
-        if (U_SUCCESS(status) && std::abs(milliseconds) < 1e15
+        if (U_SUCCESS(status)
             && prototype->numeric->format(static_cast<std::int64_t>(std::floor(milliseconds)),
                                           std::int64_t{raw} + daylight, result)) {
             return result;

@@ -94,7 +94,8 @@ public:
     bool isLenient() const;
     void setLenient(bool lenient);
 
-    // "" for a date that is not finite or that the calendar cannot hold.
+    // "" for a date that is not finite or lies more than 10^14 seconds (about
+    // three million years) from 1970.
     std::string stringFromDate(Date date) const;
     std::optional<Date> dateFromString(std::string_view text) const;
 
