@@ -55,9 +55,9 @@ public:
     static BundleRef mainBundle();
     // Nothing unless `path` names a directory. A relative path is taken from
     // the working directory.
-    static BundleRef bundleWithPath(std::string_view path);
+    [[nodiscard]] static BundleRef bundleWithPath(std::string_view path);
     // Nothing unless `url` is a file URL of a directory.
-    static BundleRef bundleWithURL(const URL& url);
+    [[nodiscard]] static BundleRef bundleWithURL(const URL& url);
 
     // Absolute, without a trailing slash.
     const std::string& bundlePath() const { return path_; }
@@ -76,10 +76,10 @@ public:
     // when one is given. With an empty name, the first resource with the
     // extension in byte order of file names. A resource is anything there but
     // a dangling link: files, and directories such as a compiled model.
-    std::optional<URL> URLForResource(std::string_view name, std::string_view extension = {},
-                                      std::string_view subdirectory = {}) const;
-    std::optional<std::string> pathForResource(std::string_view name, std::string_view extension = {},
-                                               std::string_view subdirectory = {}) const;
+    [[nodiscard]] std::optional<URL> URLForResource(std::string_view name, std::string_view extension = {},
+                                                    std::string_view subdirectory = {}) const;
+    [[nodiscard]] std::optional<std::string> pathForResource(std::string_view name, std::string_view extension = {},
+                                                             std::string_view subdirectory = {}) const;
     // Every resource with the extension in the directory, in byte order of
     // file names; an unreadable or missing directory gives none.
     std::vector<URL> URLsForResourcesWithExtension(std::string_view extension, std::string_view subdirectory = {}) const;

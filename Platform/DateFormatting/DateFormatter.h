@@ -97,7 +97,7 @@ public:
     // "" for a date that is not finite or lies more than 10^14 seconds (about
     // three million years) from 1970.
     std::string stringFromDate(Date date) const;
-    std::optional<Date> dateFromString(std::string_view text) const;
+    [[nodiscard]] std::optional<Date> dateFromString(std::string_view text) const;
 
     // The current locale as described above.
     static const std::string& currentLocaleIdentifier();

@@ -21,13 +21,13 @@ class NumericDatePattern {
 public:
     // Nothing unless every field of `pattern` is one of y (year), M (month,
     // one or two letters), d, H, m, s and S, and every quote is closed.
-    static std::optional<NumericDatePattern> compile(std::string_view pattern);
+    [[nodiscard]] static std::optional<NumericDatePattern> compile(std::string_view pattern);
 
     // Appends the text for `milliseconds` since 1970 shifted by the zone's
     // `offsetMilliseconds`. False, leaving `text` alone, for dates this does
     // not print: local years outside 1583-9999 (ICU's calendar is Julian
     // before 1582; the range also keeps the arithmetic far from overflow).
-    bool format(std::int64_t milliseconds, std::int64_t offsetMilliseconds, std::string& text) const;
+    [[nodiscard]] bool format(std::int64_t milliseconds, std::int64_t offsetMilliseconds, std::string& text) const;
 
 private:
     struct Step {

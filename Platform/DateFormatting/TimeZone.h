@@ -23,10 +23,10 @@ public:
     // later change of `TZ` is not seen.
     static TimeZone local();
     // Nothing when ICU knows no zone of that name.
-    static std::optional<TimeZone> withIdentifier(std::string_view identifier);
+    [[nodiscard]] static std::optional<TimeZone> withIdentifier(std::string_view identifier);
     // A fixed offset, named "GMT+hh:mm" ("UTC" for zero); nothing beyond
     // 18 hours either way. Seconds are rounded down to whole minutes.
-    static std::optional<TimeZone> withSecondsFromGMT(int seconds);
+    [[nodiscard]] static std::optional<TimeZone> withSecondsFromGMT(int seconds);
 
     const std::string& identifier() const { return identifier_; }
     // The offset from GMT in effect at `date`, daylight saving included.
