@@ -7,6 +7,8 @@ pkg_check_modules(SQLITE3 REQUIRED IMPORTED_TARGET sqlite3)
 pkg_check_modules(SODIUM REQUIRED IMPORTED_TARGET libsodium)
 pkg_check_modules(LIBCRYPTO REQUIRED IMPORTED_TARGET libcrypto)
 pkg_check_modules(UUID REQUIRED IMPORTED_TARGET uuid)
+# rtnetlink messages for network reachability; thin, with no cache of its own.
+pkg_check_modules(MNL REQUIRED IMPORTED_TARGET libmnl)
 find_package(nlohmann_json 3 REQUIRED)
 
 # The responder starts once per prompt. Where Debian ships a static archive of
