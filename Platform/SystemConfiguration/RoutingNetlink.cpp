@@ -45,17 +45,25 @@ struct NextHopState {
     bool direct = false;  // a live next hop has no gateway
 };
 
-bool hasGatewayAttribute(const nlattr* first, int length)
+// Calls `visit` with each attribute of a run of `length` bytes; false when
+// the run does not end where its last attribute does (a length that points
+// past the run, or bytes that are not a whole attribute).
+template <typename Visit>
+bool forEachAttribute(const nlattr* attribute, int length, Visit&& visit)
 {
-    for (const nlattr* attribute = first; mnl_attr_ok(attribute, length); attribute = mnl_attr_next(attribute)) {
-        // mnl_attr_next does not count down: step the remaining length here.
-        const auto type = mnl_attr_get_type(attribute);
-        if (type == RTA_GATEWAY || type == RTA_VIA) {
-            return true;
-        }
+    while (mnl_attr_ok(attribute, length)) {
+        visit(attribute);
+        // mnl_attr_next does not count down: the remaining length is ours.
         length -= static_cast<int>(MNL_ALIGN(attribute->nla_len));
+        attribute = mnl_attr_next(attribute);
     }
-    return false;
+    return length <= 0;
+}
+
+bool isGateway(const nlattr* attribute)
+{
+    const auto type = mnl_attr_get_type(attribute);
+    return type == RTA_GATEWAY || type == RTA_VIA;
 }
 
 // The next hops of a multipath route: an array of rtnexthop records, each
@@ -71,37 +79,15 @@ NextHopState readMultipath(const nlattr* multipath)
         if (alive) {
             state.alive = true;
             const auto attributesLength = static_cast<int>(nextHop->rtnh_len) - static_cast<int>(RTNH_LENGTH(0));
-            if (!hasGatewayAttribute(reinterpret_cast<const nlattr*>(RTNH_DATA(nextHop)), attributesLength)) {
-                state.direct = true;
-            }
+            bool gateway = false;
+            forEachAttribute(reinterpret_cast<const nlattr*>(RTNH_DATA(nextHop)), attributesLength,
+                             [&](const nlattr* attribute) { gateway = gateway || isGateway(attribute); });
+            state.direct = state.direct || !gateway;
         }
         remaining -= static_cast<int>(RTNH_ALIGN(nextHop->rtnh_len));
         nextHop = RTNH_NEXT(nextHop);
     }
     return state;
-}
-
-struct RouteAttributes {
-    bool gateway = false;
-    const nlattr* multipath = nullptr;
-    bool malformed = false;
-};
-
-int collectRouteAttribute(const nlattr* attribute, void* data)
-{
-    auto& attributes = *static_cast<RouteAttributes*>(data);
-    switch (mnl_attr_get_type(attribute)) {
-    case RTA_GATEWAY:
-    case RTA_VIA:
-        attributes.gateway = true;
-        break;
-    case RTA_MULTIPATH:
-        attributes.multipath = attribute;
-        break;
-    default:
-        break;
-    }
-    return MNL_CB_OK;
 }
 
 // The flags one route message gives; nothing when the message is too short
@@ -112,8 +98,18 @@ std::optional<SCNetworkReachabilityFlags> flagsOfRoute(const nlmsghdr* message)
         return std::nullopt;
     }
     const auto* route = static_cast<const rtmsg*>(mnl_nlmsg_get_payload(message));
-    RouteAttributes attributes;
-    if (mnl_attr_parse(message, sizeof(rtmsg), collectRouteAttribute, &attributes) < MNL_CB_OK) {
+    bool gateway = false;
+    const nlattr* multipath = nullptr;
+    const auto* first = static_cast<const nlattr*>(mnl_nlmsg_get_payload_offset(message, sizeof(rtmsg)));
+    const auto length = static_cast<int>(static_cast<const char*>(mnl_nlmsg_get_payload_tail(message)) -
+                                         reinterpret_cast<const char*>(first));
+    const bool whole = forEachAttribute(first, length, [&](const nlattr* attribute) {
+        gateway = gateway || isGateway(attribute);
+        if (mnl_attr_get_type(attribute) == RTA_MULTIPATH) {
+            multipath = attribute;
+        }
+    });
+    if (!whole) {
         return std::nullopt;
     }
     switch (route->rtm_type) {
@@ -125,11 +121,11 @@ std::optional<SCNetworkReachabilityFlags> flagsOfRoute(const nlmsghdr* message)
     case RTN_MULTICAST:
     case RTN_ANYCAST: {
         NextHopState state;
-        if (attributes.multipath != nullptr) {
-            state = readMultipath(attributes.multipath);
+        if (multipath != nullptr) {
+            state = readMultipath(multipath);
         } else {
             state.alive = (route->rtm_flags & (RTNH_F_DEAD | RTNH_F_LINKDOWN)) == 0;
-            state.direct = !attributes.gateway;
+            state.direct = !gateway;
         }
         if (!state.alive) {
             return 0;
