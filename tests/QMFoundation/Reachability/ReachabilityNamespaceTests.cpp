@@ -1,0 +1,283 @@
+// Reachability against real networks: each test process enters a user,
+// network and mount namespace of its own before anything else runs, builds
+// a veth pair with iproute2, and changes links, addresses and routes under
+// the eyes of real targets. Where the kernel forbids such namespaces, every
+// test is skipped and says why.
+#include "QMFoundation/Reachability/QMNetworkReachability.h"
+
+#include "Platform/SystemConfiguration/RoutingNetlink.h"
+#include "Platform/SystemConfiguration/SCNetworkReachability.h"
+#include "tests/Support/Signal.h"
+
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <mutex>
+#include <string>
+#include <vector>
+
+using namespace platform;
+
+namespace {
+
+constexpr SCNetworkReachabilityFlags kReachable = kSCNetworkReachabilityFlagsReachable;
+constexpr SCNetworkReachabilityFlags kDirect = kSCNetworkReachabilityFlagsIsDirect;
+constexpr SCNetworkReachabilityFlags kLocal = kSCNetworkReachabilityFlagsIsLocalAddress;
+
+std::string skipReason;  // empty once the namespace is ours
+std::string hostsName = "localhost";  // a name that resolves to the gateway's side, when /etc/hosts is ours
+std::string ipProgram;
+
+bool writeFile(const char* path, const std::string& text)
+{
+    const int fd = ::open(path, O_WRONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return false;
+    }
+    const bool written = ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    ::close(fd);
+    return written;
+}
+
+// Must run while the process has one thread: the kernel refuses a new user
+// namespace to a threaded process.
+void enterNamespaces()
+{
+    for (const char* candidate : {"/usr/sbin/ip", "/sbin/ip", "/usr/bin/ip", "/bin/ip"}) {
+        if (::access(candidate, X_OK) == 0) {
+            ipProgram = candidate;
+            break;
+        }
+    }
+    if (ipProgram.empty()) {
+        skipReason = "iproute2's ip is not installed";
+        return;
+    }
+    const auto uid = ::getuid();
+    const auto gid = ::getgid();
+    if (::unshare(CLONE_NEWUSER | CLONE_NEWNET | CLONE_NEWNS) != 0) {
+        skipReason = std::string("the kernel refuses an unprivileged user and network namespace: ") +
+                     std::strerror(errno);
+        return;
+    }
+    if (!writeFile("/proc/self/setgroups", "deny") ||
+        !writeFile("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1") ||
+        !writeFile("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1")) {
+        skipReason = "cannot map this user into the new namespace";
+        return;
+    }
+    // A hosts file of our own, seen only inside this mount namespace.
+    char hostsPath[] = "/tmp/zarvo-reachability-hosts-XXXXXX";
+    const int fd = ::mkstemp(hostsPath);
+    if (fd >= 0) {
+        const std::string hosts = "127.0.0.1 localhost\n10.20.1.1 gateway.zarvo.test\n";
+        const bool written = ::write(fd, hosts.data(), hosts.size()) == static_cast<ssize_t>(hosts.size());
+        ::close(fd);
+        if (written && ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+            ::mount(hostsPath, "/etc/hosts", nullptr, MS_BIND, nullptr) == 0) {
+            hostsName = "gateway.zarvo.test";
+        }
+        ::unlink(hostsPath);
+    }
+}
+
+bool ip(const std::string& arguments)
+{
+    const std::string command = ipProgram + " " + arguments;
+    return std::system(command.c_str()) == 0;
+}
+
+SCNetworkReachabilityRef target(const char* dotted)
+{
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    inet_pton(AF_INET, dotted, &address.sin_addr);
+    return SCNetworkReachabilityCreateWithAddress(reinterpret_cast<const sockaddr*>(&address));
+}
+
+SCNetworkReachabilityFlags flagsOf(const char* dotted)
+{
+    SCNetworkReachabilityFlags flags = 0xdead;
+    EXPECT_TRUE(SCNetworkReachabilityGetFlags(target(dotted), &flags)) << dotted;
+    return flags;
+}
+
+// The callbacks a target received, in order.
+class Recorder {
+public:
+    SCNetworkReachabilityCallBack callback()
+    {
+        return [this](SCNetworkReachabilityFlags flags) {
+            std::lock_guard lock(mutex_);
+            flags_.push_back(flags);
+            changed_.notify_all();
+        };
+    }
+    // Waits until the callbacks so far end with `flags`.
+    bool waitForLast(SCNetworkReachabilityFlags flags)
+    {
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, testsupport::kHangTimeout,
+                                 [&] { return !flags_.empty() && flags_.back() == flags; });
+    }
+    std::vector<SCNetworkReachabilityFlags> flags() const
+    {
+        std::lock_guard lock(mutex_);
+        return flags_;
+    }
+
+private:
+    mutable std::mutex mutex_;  // guards `flags_`
+    std::condition_variable changed_;
+    std::vector<SCNetworkReachabilityFlags> flags_;
+};
+
+class ReachabilityInNamespace : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        if (!skipReason.empty()) {
+            GTEST_SKIP() << skipReason;
+        }
+        // v0 (10.9.0.1) is ours; 10.9.0.2 on the far side plays the gateway.
+        ASSERT_TRUE(ip("link set lo up"));
+        ASSERT_TRUE(ip("link add v0 type veth peer name v1"));
+        ASSERT_TRUE(ip("addr add 10.9.0.1/24 dev v0"));
+        ASSERT_TRUE(ip("link set v0 up"));
+        ASSERT_TRUE(ip("link set v1 up"));
+    }
+};
+
+}  // namespace
+
+TEST_F(ReachabilityInNamespace, FlagsFollowTheRoutingTable)
+{
+    EXPECT_EQ(flagsOf("10.9.0.2"), kReachable | kDirect);
+    EXPECT_EQ(flagsOf("10.9.0.1"), kReachable | kDirect | kLocal);
+    EXPECT_EQ(flagsOf("10.20.1.1"), 0U);
+    EXPECT_EQ(flagsOf("0.0.0.0"), 0U) << "no default route yet";
+
+    ASSERT_TRUE(ip("route add 10.20.0.0/16 via 10.9.0.2"));
+    EXPECT_EQ(flagsOf("10.20.1.1"), kReachable);
+    EXPECT_EQ(flagsOf("192.0.2.1"), 0U);
+    ASSERT_TRUE(ip("route add default via 10.9.0.2"));
+    EXPECT_EQ(flagsOf("0.0.0.0"), kReachable);
+    EXPECT_EQ(flagsOf("192.0.2.1"), kReachable);
+
+    // The far side goes down: our link keeps its routes but loses carrier.
+    ASSERT_TRUE(ip("link set v1 down"));
+    EXPECT_EQ(flagsOf("10.9.0.2"), 0U);
+    EXPECT_EQ(flagsOf("10.20.1.1"), 0U);
+    EXPECT_EQ(flagsOf("0.0.0.0"), 0U);
+    EXPECT_EQ(flagsOf("10.9.0.1"), kReachable | kDirect | kLocal) << "our own address stays ours";
+}
+
+TEST_F(ReachabilityInNamespace, NamesResolveThroughTheSystemResolver)
+{
+    EXPECT_TRUE(QMNetworkReachability::isHostAvailable(std::string("localhost")));
+    if (hostsName != "localhost") {
+        EXPECT_FALSE(QMNetworkReachability::isHostAvailable(hostsName)) << "no route to 10.20.1.1 yet";
+        ASSERT_TRUE(ip("route add 10.20.0.0/16 via 10.9.0.2"));
+        EXPECT_TRUE(QMNetworkReachability::isHostAvailable(hostsName));
+    }
+    EXPECT_FALSE(QMNetworkReachability::isHostAvailable(std::string("no-such-host.zarvo.test")));
+}
+
+TEST_F(ReachabilityInNamespace, AMonitoredTargetIsToldOfEachChangeOnce)
+{
+    Recorder recorder;
+    const auto gateway = target("10.20.1.1");
+    ASSERT_TRUE(SCNetworkReachabilitySetCallback(gateway, recorder.callback()));
+    ASSERT_TRUE(SCNetworkReachabilitySetDispatchQueue(gateway, DispatchQueue::create("test.callbacks")));
+    ASSERT_TRUE(recorder.waitForLast(0));
+
+    ASSERT_TRUE(ip("route add 10.20.0.0/16 via 10.9.0.2"));
+    ASSERT_TRUE(recorder.waitForLast(kReachable));
+    ASSERT_TRUE(ip("route add 10.30.0.0/16 via 10.9.0.2"));  // unrelated: nothing to tell
+    // Taking the link down removes its routes without a route-deleted message.
+    ASSERT_TRUE(ip("link set v0 down"));
+    ASSERT_TRUE(recorder.waitForLast(0));
+    ASSERT_TRUE(ip("link set v0 up"));
+    ASSERT_TRUE(ip("route add 10.20.0.0/16 via 10.9.0.2"));
+    ASSERT_TRUE(recorder.waitForLast(kReachable));
+    ASSERT_TRUE(ip("route add default via 10.9.0.2"));  // still reachable, by the more specific route
+    ASSERT_TRUE(ip("route del 10.20.0.0/16"));
+    ASSERT_TRUE(ip("route del default"));
+    ASSERT_TRUE(recorder.waitForLast(0));
+    EXPECT_EQ(recorder.flags(), (std::vector<SCNetworkReachabilityFlags>{0, kReachable, 0, kReachable, 0}));
+    ASSERT_TRUE(SCNetworkReachabilitySetDispatchQueue(gateway, nullptr));
+}
+
+TEST_F(ReachabilityInNamespace, TheLibraryAnnouncesRealChanges)
+{
+    const auto reachability = QMNetworkReachability::networkReachabilityWithIP4AddressString(std::string("10.9.0.2"));
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<bool> seen;
+    reachability->setNotificationBlock([&](const std::optional<std::string>&, bool reachable) {
+        std::lock_guard lock(mutex);
+        seen.push_back(reachable);
+        changed.notify_all();
+    });
+    const auto waitFor = [&](std::size_t count) {
+        std::unique_lock lock(mutex);
+        return changed.wait_for(lock, testsupport::kHangTimeout, [&] { return seen.size() >= count; });
+    };
+    reachability->startMonitoringNetworkReachability();
+    ASSERT_TRUE(waitFor(1));
+    ASSERT_TRUE(ip("link set v1 down"));
+    ASSERT_TRUE(waitFor(2));
+    EXPECT_FALSE(reachability->isReachable());
+    ASSERT_TRUE(ip("link set v1 up"));
+    ASSERT_TRUE(waitFor(3));
+    EXPECT_TRUE(reachability->isReachable());
+    std::lock_guard lock(mutex);
+    EXPECT_EQ(seen, (std::vector<bool>{true, false, true}));
+}
+
+TEST_F(ReachabilityInNamespace, ABurstThatOverflowsTheSocketLosesNoLastChange)
+{
+    Recorder recorder;
+    const auto gateway = target("10.20.1.1");
+    ASSERT_TRUE(SCNetworkReachabilitySetCallback(gateway, recorder.callback()));
+    ASSERT_TRUE(SCNetworkReachabilitySetDispatchQueue(gateway, DispatchQueue::create("test.callbacks")));
+    ASSERT_TRUE(recorder.waitForLast(0));
+
+    // Thousands of unrelated routes, then the one that matters, in one burst.
+    char batchPath[] = "/tmp/zarvo-reachability-batch-XXXXXX";
+    const int fd = ::mkstemp(batchPath);
+    ASSERT_GE(fd, 0);
+    ::close(fd);
+    {
+        std::ofstream batch(batchPath);
+        for (int index = 0; index < 20000; ++index) {
+            batch << "route add 10.100." << index / 250 << "." << index % 250 << "/32 via 10.9.0.2\n";
+        }
+        batch << "route add 10.20.0.0/16 via 10.9.0.2\n";
+    }
+    const bool added = ip(std::string("-batch ") + batchPath);
+    ::unlink(batchPath);
+    ASSERT_TRUE(added);
+    ASSERT_TRUE(recorder.waitForLast(kReachable));
+    EXPECT_EQ(recorder.flags(), (std::vector<SCNetworkReachabilityFlags>{0, kReachable}));
+    RecordProperty("overflows", std::to_string(internal::NetlinkMonitor::shared().overflowCount()));
+    ASSERT_TRUE(SCNetworkReachabilitySetDispatchQueue(gateway, nullptr));
+}
+
+int main(int argc, char** argv)
+{
+    enterNamespaces();
+    testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}
