@@ -558,6 +558,20 @@ NetlinkMonitor& NetlinkMonitor::shared()
     return *monitor;
 }
 
+NetlinkMonitor::NetlinkMonitor() : receiveBufferBytes_(kSubscribedBufferBytes) {}
+
+DispatchQueueRef NetlinkMonitor::queue() const
+{
+    std::lock_guard lock(mutex_);
+    return queue_;
+}
+
+void NetlinkMonitor::setReceiveBufferBytes(int bytes)
+{
+    std::lock_guard lock(mutex_);
+    receiveBufferBytes_ = bytes;
+}
+
 bool NetlinkMonitor::addListener(const std::shared_ptr<NetworkChangeListener>& listener)
 {
     std::lock_guard lock(mutex_);
@@ -588,8 +602,7 @@ bool NetlinkMonitor::openLocked()
     // group just leaves it out.
     int group = RTNLGRP_IPV6_RULE;
     mnl_socket_setsockopt(socket->handle(), NETLINK_ADD_MEMBERSHIP, &group, sizeof group);
-    int bufferBytes = kSubscribedBufferBytes;
-    ::setsockopt(socket->descriptor(), SOL_SOCKET, SO_RCVBUF, &bufferBytes, sizeof bufferBytes);
+    ::setsockopt(socket->descriptor(), SOL_SOCKET, SO_RCVBUF, &receiveBufferBytes_, sizeof receiveBufferBytes_);
 
     queue_ = DispatchQueue::create("zarvo.systemconfiguration.netlink");
     const int descriptor = socket->descriptor();

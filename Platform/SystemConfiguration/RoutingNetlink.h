@@ -114,9 +114,15 @@ public:
 
     // How often the socket overflowed since the process began.
     std::uint64_t overflowCount() const;
+    // The serial queue the socket is read on (nothing before it opens).
+    // Tests hold it up to let announcements pile up in the socket.
+    DispatchQueueRef queue() const;
+    // The receive buffer the socket asks for when it opens (later calls
+    // change nothing). Tests make it small to have the kernel drop messages.
+    void setReceiveBufferBytes(int bytes);
 
 private:
-    NetlinkMonitor() = default;
+    NetlinkMonitor();
     bool openLocked();
     void drain();
     void tellListeners();
@@ -126,6 +132,7 @@ private:
     DispatchQueueRef queue_;
     std::uint64_t watchToken_ = 0;
     std::uint64_t overflows_ = 0;
+    int receiveBufferBytes_;
     std::vector<std::pair<const NetworkChangeListener*, std::weak_ptr<NetworkChangeListener>>> listeners_;
 };
 
