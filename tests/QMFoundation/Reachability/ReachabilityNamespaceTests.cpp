@@ -7,21 +7,17 @@
 
 #include "Platform/SystemConfiguration/RoutingNetlink.h"
 #include "Platform/SystemConfiguration/SCNetworkReachability.h"
+#include "tests/Support/NetworkNamespace.h"
 #include "tests/Support/Signal.h"
 
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <netinet/in.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <unistd.h>
 
 #include <condition_variable>
-#include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <mutex>
 #include <string>
@@ -35,67 +31,13 @@ constexpr SCNetworkReachabilityFlags kReachable = kSCNetworkReachabilityFlagsRea
 constexpr SCNetworkReachabilityFlags kDirect = kSCNetworkReachabilityFlagsIsDirect;
 constexpr SCNetworkReachabilityFlags kLocal = kSCNetworkReachabilityFlagsIsLocalAddress;
 
-std::string skipReason;  // empty once the namespace is ours
-std::string hostsName = "localhost";  // a name that resolves to the gateway's side, when /etc/hosts is ours
-std::string ipProgram;
-
-bool writeFile(const char* path, const std::string& text)
-{
-    const int fd = ::open(path, O_WRONLY | O_CLOEXEC);
-    if (fd < 0) {
-        return false;
-    }
-    const bool written = ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-    ::close(fd);
-    return written;
-}
-
-// Must run while the process has one thread: the kernel refuses a new user
-// namespace to a threaded process.
-void enterNamespaces()
-{
-    for (const char* candidate : {"/usr/sbin/ip", "/sbin/ip", "/usr/bin/ip", "/bin/ip"}) {
-        if (::access(candidate, X_OK) == 0) {
-            ipProgram = candidate;
-            break;
-        }
-    }
-    if (ipProgram.empty()) {
-        skipReason = "iproute2's ip is not installed";
-        return;
-    }
-    const auto uid = ::getuid();
-    const auto gid = ::getgid();
-    if (::unshare(CLONE_NEWUSER | CLONE_NEWNET | CLONE_NEWNS) != 0) {
-        skipReason = std::string("the kernel refuses an unprivileged user and network namespace: ") +
-                     std::strerror(errno);
-        return;
-    }
-    if (!writeFile("/proc/self/setgroups", "deny") ||
-        !writeFile("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1") ||
-        !writeFile("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1")) {
-        skipReason = "cannot map this user into the new namespace";
-        return;
-    }
-    // A hosts file of our own, seen only inside this mount namespace.
-    char hostsPath[] = "/tmp/zarvo-reachability-hosts-XXXXXX";
-    const int fd = ::mkstemp(hostsPath);
-    if (fd >= 0) {
-        const std::string hosts = "127.0.0.1 localhost\n10.20.1.1 gateway.zarvo.test\n";
-        const bool written = ::write(fd, hosts.data(), hosts.size()) == static_cast<ssize_t>(hosts.size());
-        ::close(fd);
-        if (written && ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-            ::mount(hostsPath, "/etc/hosts", nullptr, MS_BIND, nullptr) == 0) {
-            hostsName = "gateway.zarvo.test";
-        }
-        ::unlink(hostsPath);
-    }
-}
+testsupport::NetworkNamespace network;
+// A name that resolves to the far side of the gateway, when /etc/hosts is ours.
+std::string hostsName = "localhost";
 
 bool ip(const std::string& arguments)
 {
-    const std::string command = ipProgram + " " + arguments;
-    return std::system(command.c_str()) == 0;
+    return testsupport::ip(arguments);
 }
 
 SCNetworkReachabilityRef target(const char* dotted)
@@ -147,8 +89,8 @@ class ReachabilityInNamespace : public testing::Test {
 protected:
     void SetUp() override
     {
-        if (!skipReason.empty()) {
-            GTEST_SKIP() << skipReason;
+        if (!network.skipReason.empty()) {
+            GTEST_SKIP() << network.skipReason;
         }
         // v0 (10.9.0.1) is ours; 10.9.0.2 on the far side plays the gateway.
         ASSERT_TRUE(ip("link set lo up"));
@@ -284,7 +226,10 @@ TEST_F(ReachabilityInNamespace, ABurstThatOverflowsTheSocketLosesNoLastChange)
 
 int main(int argc, char** argv)
 {
-    enterNamespaces();
+    network = testsupport::enterNetworkNamespace("127.0.0.1 localhost\n10.20.1.1 gateway.zarvo.test\n");
+    if (network.ownHostsFile) {
+        hostsName = "gateway.zarvo.test";
+    }
     testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();
 }
