@@ -15,15 +15,6 @@ namespace {
 
 constexpr const char* kAssertionSourceFile = "QMFoundation/QMNetworkReachability";
 
-// Applications match these failures by the line the library has always
-// reported for them, so each assertion names its line.
-void assertParameter(bool condition, const char* method, int line, std::string_view conditionText)
-{
-    if (!condition) {
-        platform::AssertionHandler::handleParameterFailure(method, kAssertionSourceFile, line, conditionText);
-    }
-}
-
 struct FlagName {
     SCNetworkReachabilityFlags flag;
     const char* name;
@@ -71,7 +62,7 @@ QMNetworkReachabilityRef QMNetworkReachability::sharedNetworkReachability()
 
 bool QMNetworkReachability::isHostAvailable(const std::optional<std::string>& hostname)
 {
-    assertParameter(hostname.has_value(), __func__, 45, "hostname");
+    PLATFORM_PARAMETER_ASSERT_AT_LINE(hostname.has_value(), "hostname", 45);
     return isNameReachable(*hostname);
 }
 
@@ -101,7 +92,7 @@ std::vector<std::string> QMNetworkReachability::stringValuesForFlags(SCNetworkRe
 QMNetworkReachabilityRef QMNetworkReachability::networkReachabilityWithHostName(
     const std::optional<std::string>& hostname)
 {
-    assertParameter(hostname.has_value(), __func__, 118, "hostname");
+    PLATFORM_PARAMETER_ASSERT_AT_LINE(hostname.has_value(), "hostname", 118);
     auto reachability = initWithNetworkReachability(platform::SCNetworkReachabilityCreateWithName(*hostname));
     reachability->host_ = *hostname;
     return reachability;
@@ -110,7 +101,7 @@ QMNetworkReachabilityRef QMNetworkReachability::networkReachabilityWithHostName(
 QMNetworkReachabilityRef QMNetworkReachability::networkReachabilityWithIP4AddressString(
     const std::optional<std::string>& internetAddress)
 {
-    assertParameter(internetAddress.has_value(), __func__, 125, "internetAddress");
+    PLATFORM_PARAMETER_ASSERT_AT_LINE(internetAddress.has_value(), "internetAddress", 125);
     in_addr address{};
     // Text that does not parse leaves 0.0.0.0; the failure is not reported.
     if (::inet_pton(AF_INET, internetAddress->c_str(), &address) != 1) {
@@ -129,7 +120,7 @@ QMNetworkReachabilityRef QMNetworkReachability::networkReachabilityForInternetCo
 QMNetworkReachabilityRef QMNetworkReachability::initWithNetworkReachability(
     platform::SCNetworkReachabilityRef reachability)
 {
-    assertParameter(reachability != nullptr, __func__, 150, "reachability");
+    PLATFORM_PARAMETER_ASSERT_AT_LINE(reachability != nullptr, "reachability", 150);
     return QMNetworkReachabilityRef(new QMNetworkReachability(std::move(reachability), std::nullopt));
 }
 
@@ -202,8 +193,8 @@ void QMNetworkReachability::stopMonitoringNetworkReachability()
 void QMNetworkReachability::checkNetworkReachabilityForHost(const std::optional<std::string>& hostname,
                                                             CompletionHandler completionHandler)
 {
-    assertParameter(hostname.has_value(), __func__, 227, "hostname");
-    assertParameter(completionHandler != nullptr, __func__, 228, "completionHandler");
+    PLATFORM_PARAMETER_ASSERT_AT_LINE(hostname.has_value(), "hostname", 227);
+    PLATFORM_PARAMETER_ASSERT_AT_LINE(completionHandler != nullptr, "completionHandler", 228);
     backgroundQueue_->addOperationWithBlock([host = *hostname, handler = std::move(completionHandler)] {
         handler(host, isNameReachable(host));
     });

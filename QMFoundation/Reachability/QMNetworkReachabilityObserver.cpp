@@ -11,14 +11,8 @@ constexpr const char* kAssertionSourceFile = "QMFoundation/QMNetworkReachability
 std::shared_ptr<QMNetworkReachabilityObserver> QMNetworkReachabilityObserver::initWithNetworkReachability(
     const QMNetworkReachabilityRef& networkReachability, const std::shared_ptr<QMNetworkReachabilityObserving>& delegate)
 {
-    // Applications match these failures by the lines the library has always
-    // reported for them.
-    if (!networkReachability) {
-        platform::AssertionHandler::handleParameterFailure(__func__, kAssertionSourceFile, 30, "networkReachability");
-    }
-    if (!delegate) {
-        platform::AssertionHandler::handleParameterFailure(__func__, kAssertionSourceFile, 31, "delegate");
-    }
+    PLATFORM_PARAMETER_ASSERT_AT_LINE(networkReachability != nullptr, "networkReachability", 30);
+    PLATFORM_PARAMETER_ASSERT_AT_LINE(delegate != nullptr, "delegate", 31);
     return std::shared_ptr<QMNetworkReachabilityObserver>(
         new QMNetworkReachabilityObserver(networkReachability, delegate));
 }
