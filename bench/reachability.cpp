@@ -168,43 +168,28 @@ int main(int argc, char** argv)
     PlainRouteRequests plain;
     constexpr int kRounds = 20;
     const int perRound = std::max(1, reads / kRounds);
-    std::vector<double> ours, baseline, ratios;
-    for (int round = -2; round < kRounds; ++round) {  // two rounds to warm up
-        const auto timeOurs = [&] {
-            const auto start = Clock::now();
-            for (int index = 0; index < perRound; ++index) {
-                platform::SCNetworkReachabilityFlags flags = 0;
-                require(platform::SCNetworkReachabilityGetFlags(target, &flags) &&
-                            flags == platform::kSCNetworkReachabilityFlagsReachable,
-                        "flags");
-            }
-            return std::chrono::duration<double, std::micro>(Clock::now() - start).count();
-        };
-        const auto timePlain = [&] {
-            const auto start = Clock::now();
-            for (int index = 0; index < perRound; ++index) {
-                require(plain.ask(gateway.sin_addr), "plain request");
-            }
-            return std::chrono::duration<double, std::micro>(Clock::now() - start).count();
-        };
-        double oursTime = 0;
-        double plainTime = 0;
-        if (round % 2 == 0) {
-            oursTime = timeOurs();
-            plainTime = timePlain();
-        } else {
-            plainTime = timePlain();
-            oursTime = timeOurs();
+    // Microseconds per question over one round of each.
+    const auto timeOurs = [&] {
+        const auto start = Clock::now();
+        for (int index = 0; index < perRound; ++index) {
+            platform::SCNetworkReachabilityFlags flags = 0;
+            require(platform::SCNetworkReachabilityGetFlags(target, &flags) &&
+                        flags == platform::kSCNetworkReachabilityFlagsReachable,
+                    "flags");
         }
-        if (round >= 0) {
-            ours.push_back(oursTime / perRound);
-            baseline.push_back(plainTime / perRound);
-            ratios.push_back(oursTime / plainTime);
+        return std::chrono::duration<double, std::micro>(Clock::now() - start).count() / perRound;
+    };
+    const auto timePlain = [&] {
+        const auto start = Clock::now();
+        for (int index = 0; index < perRound; ++index) {
+            require(plain.ask(gateway.sin_addr), "plain request");
         }
-    }
+        return std::chrono::duration<double, std::micro>(Clock::now() - start).count() / perRound;
+    };
+    const auto [ours, baseline] = bench::pairedMedians(timeOurs, timePlain, kRounds, 2);
     std::printf("flags of an address target: %.2f us per read; plain RTM_GETROUTE: %.2f us; ratio %.2f "
-                "(median of %d rounds of %d)\n",
-                bench::median(ours), bench::median(baseline), bench::median(ratios), kRounds, perRound);
+                "(medians of %d rounds of %d each)\n",
+                ours, baseline, ours / baseline, kRounds, perRound);
 
     // --- From an address change to the callback
     const auto far = ipv4("10.40.0.2");

@@ -1,6 +1,7 @@
 #include "Platform/SystemConfiguration/RoutingNetlink.h"
 
 #include "Platform/Foundation/EventMonitor.h"
+#include "Platform/Foundation/Guarded.h"
 
 #include <libmnl/libmnl.h>
 #include <linux/fib_rules.h>
@@ -562,14 +563,12 @@ NetlinkMonitor::NetlinkMonitor() : receiveBufferBytes_(kSubscribedBufferBytes) {
 
 DispatchQueueRef NetlinkMonitor::queue() const
 {
-    std::lock_guard lock(mutex_);
-    return queue_;
+    return copyUnder(mutex_, queue_);
 }
 
 void NetlinkMonitor::setReceiveBufferBytes(int bytes)
 {
-    std::lock_guard lock(mutex_);
-    receiveBufferBytes_ = bytes;
+    storeUnder(mutex_, receiveBufferBytes_, bytes);
 }
 
 bool NetlinkMonitor::addListener(const std::shared_ptr<NetworkChangeListener>& listener)

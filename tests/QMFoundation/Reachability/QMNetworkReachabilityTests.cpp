@@ -6,6 +6,7 @@
 #include "Platform/Foundation/RunLoop.h"
 #include "Platform/SystemConfiguration/RoutingNetlink.h"
 #include "tests/Support/AssertionCapture.h"
+#include "tests/Support/FakeRoutingAnswers.h"
 #include "tests/Support/Signal.h"
 
 #include <gtest/gtest.h>
@@ -26,34 +27,11 @@ namespace {
 constexpr SCNetworkReachabilityFlags kReachable = kSCNetworkReachabilityFlagsReachable;
 constexpr SCNetworkReachabilityFlags kConnectionRequired = kSCNetworkReachabilityFlagsConnectionRequired;
 
-// Stands in for the kernel's routing answers; records the IPv4 addresses asked.
-class FakeRoutes {
+// The kernel's answers, made up; `setFlags` sets what every address has.
+class FakeRoutes : public testsupport::FakeRoutingAnswers {
 public:
-    FakeRoutes()
-    {
-        previous_ = internal::setAddressFlagsReaderForTesting([this](const sockaddr_storage& address) {
-            if (address.ss_family == AF_INET) {
-                char text[INET_ADDRSTRLEN] = {};
-                inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in&>(address).sin_addr, text, sizeof text);
-                std::lock_guard lock(mutex_);
-                asked_.emplace_back(text);
-            }
-            return std::optional<SCNetworkReachabilityFlags>(flags_.load());
-        });
-    }
-    ~FakeRoutes() { internal::setAddressFlagsReaderForTesting(previous_); }
-    void setFlags(SCNetworkReachabilityFlags flags) { flags_.store(flags); }
-    std::vector<std::string> asked() const
-    {
-        std::lock_guard lock(mutex_);
-        return asked_;
-    }
-
-private:
-    internal::AddressFlagsReader previous_;
-    std::atomic<SCNetworkReachabilityFlags> flags_{0};
-    mutable std::mutex mutex_;  // guards `asked_`
-    std::vector<std::string> asked_;
+    void setFlags(SCNetworkReachabilityFlags flags) { answer(flags); }
+    std::vector<std::string> asked() const { return askedIPv4(); }
 };
 
 void announceRouteChange()
@@ -283,8 +261,13 @@ TEST(QMNetworkReachabilityMonitoring, MonitoringDoesNotKeepTheObjectAlive)
     reachability->setNotificationBlock([&](const std::optional<std::string>&, bool) { announced.raise(); });
     reachability->startMonitoringNetworkReachability();
     ASSERT_TRUE(announced.wait());
+    // Going away is an event of its own; the announcement that has just run
+    // may still hold the object for a moment.
+    testsupport::Signal gone;
+    reachability->setDestructionHook("test", [&](Object&) { gone.raise(); });
     std::weak_ptr<QMNetworkReachability> weak = reachability;
     reachability.reset();
+    ASSERT_TRUE(gone.wait());
     EXPECT_TRUE(weak.expired());
 }
 

@@ -99,6 +99,14 @@ protected:
         ASSERT_TRUE(ip("link set v0 up"));
         ASSERT_TRUE(ip("link set v1 up"));
     }
+    // Removing v0 takes its peer, addresses and routes with it, so tests run
+    // together in one process each begin from the same network.
+    void TearDown() override
+    {
+        if (network.skipReason.empty()) {
+            static_cast<void>(ip("link del v0"));
+        }
+    }
 };
 
 }  // namespace
