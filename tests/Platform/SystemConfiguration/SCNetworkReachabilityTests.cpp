@@ -3,6 +3,7 @@
 #include "NetlinkMessages.h"
 #include "Platform/SystemConfiguration/RoutingNetlink.h"
 #include "tests/Support/FakeRoutingAnswers.h"
+#include "tests/Support/ReachabilityCallbacks.h"
 #include "tests/Support/Signal.h"
 
 #include <gtest/gtest.h>
@@ -27,39 +28,8 @@ constexpr SCNetworkReachabilityFlags kDirect = kSCNetworkReachabilityFlagsIsDire
 
 using FakeKernel = testsupport::FakeRoutingAnswers;
 
-// Records the callbacks of a target, in order.
-class CallbackRecorder {
-public:
-    SCNetworkReachabilityCallBack callback()
-    {
-        return [this](SCNetworkReachabilityFlags flags) {
-            {
-                std::lock_guard lock(mutex_);
-                flags_.push_back(flags);
-            }
-            calls_.raise();
-        };
-    }
-    bool waitForCalls(int count) { return calls_.wait(count); }
-    std::vector<SCNetworkReachabilityFlags> flags() const
-    {
-        std::lock_guard lock(mutex_);
-        return flags_;
-    }
-
-private:
-    testsupport::Signal calls_;
-    mutable std::mutex mutex_;  // guards `flags_`
-    std::vector<SCNetworkReachabilityFlags> flags_;
-};
-
-SCNetworkReachabilityRef addressTarget(const char* dotted)
-{
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    inet_pton(AF_INET, dotted, &address.sin_addr);
-    return SCNetworkReachabilityCreateWithAddress(reinterpret_cast<const sockaddr*>(&address));
-}
+using CallbackRecorder = testsupport::FlagsRecorder;
+using testsupport::addressTarget;
 
 void announceRouteChange()
 {

@@ -8,6 +8,7 @@
 #include "Platform/SystemConfiguration/RoutingNetlink.h"
 #include "Platform/SystemConfiguration/SCNetworkReachability.h"
 #include "tests/Support/NetworkNamespace.h"
+#include "tests/Support/ReachabilityCallbacks.h"
 #include "tests/Support/Signal.h"
 
 #include <gtest/gtest.h>
@@ -40,50 +41,15 @@ bool ip(const std::string& arguments)
     return testsupport::ip(arguments);
 }
 
-SCNetworkReachabilityRef target(const char* dotted)
-{
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    inet_pton(AF_INET, dotted, &address.sin_addr);
-    return SCNetworkReachabilityCreateWithAddress(reinterpret_cast<const sockaddr*>(&address));
-}
+using testsupport::addressTarget;
+using Recorder = testsupport::FlagsRecorder;
 
 SCNetworkReachabilityFlags flagsOf(const char* dotted)
 {
     SCNetworkReachabilityFlags flags = 0xdead;
-    EXPECT_TRUE(SCNetworkReachabilityGetFlags(target(dotted), &flags)) << dotted;
+    EXPECT_TRUE(SCNetworkReachabilityGetFlags(addressTarget(dotted), &flags)) << dotted;
     return flags;
 }
-
-// The callbacks a target received, in order.
-class Recorder {
-public:
-    SCNetworkReachabilityCallBack callback()
-    {
-        return [this](SCNetworkReachabilityFlags flags) {
-            std::lock_guard lock(mutex_);
-            flags_.push_back(flags);
-            changed_.notify_all();
-        };
-    }
-    // Waits until the callbacks so far end with `flags`.
-    bool waitForLast(SCNetworkReachabilityFlags flags)
-    {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, testsupport::kHangTimeout,
-                                 [&] { return !flags_.empty() && flags_.back() == flags; });
-    }
-    std::vector<SCNetworkReachabilityFlags> flags() const
-    {
-        std::lock_guard lock(mutex_);
-        return flags_;
-    }
-
-private:
-    mutable std::mutex mutex_;  // guards `flags_`
-    std::condition_variable changed_;
-    std::vector<SCNetworkReachabilityFlags> flags_;
-};
 
 class ReachabilityInNamespace : public testing::Test {
 protected:
@@ -147,7 +113,7 @@ TEST_F(ReachabilityInNamespace, NamesResolveThroughTheSystemResolver)
 TEST_F(ReachabilityInNamespace, AMonitoredTargetIsToldOfEachChangeOnce)
 {
     Recorder recorder;
-    const auto gateway = target("10.20.1.1");
+    const auto gateway = addressTarget("10.20.1.1");
     ASSERT_TRUE(SCNetworkReachabilitySetCallback(gateway, recorder.callback()));
     ASSERT_TRUE(SCNetworkReachabilitySetDispatchQueue(gateway, DispatchQueue::create("test.callbacks")));
     ASSERT_TRUE(recorder.waitForLast(0));
@@ -201,7 +167,7 @@ TEST_F(ReachabilityInNamespace, ABurstThatOverflowsTheSocketLosesNoLastChange)
     // The smallest buffer the kernel grants: the burst cannot fit in it.
     internal::NetlinkMonitor::shared().setReceiveBufferBytes(1);
     Recorder recorder;
-    const auto gateway = target("10.20.1.1");
+    const auto gateway = addressTarget("10.20.1.1");
     ASSERT_TRUE(SCNetworkReachabilitySetCallback(gateway, recorder.callback()));
     ASSERT_TRUE(SCNetworkReachabilitySetDispatchQueue(gateway, DispatchQueue::create("test.callbacks")));
     ASSERT_TRUE(recorder.waitForLast(0));
