@@ -11,6 +11,8 @@ pkg_check_modules(CURL REQUIRED IMPORTED_TARGET libcurl)
 # The server-trust challenge reaches into libcurl's TLS handshake through
 # OpenSSL, the TLS library of Debian's libcurl4-openssl-dev.
 pkg_check_modules(LIBSSL REQUIRED IMPORTED_TARGET libssl)
+# rtnetlink messages for network reachability; thin, with no cache of its own.
+pkg_check_modules(MNL REQUIRED IMPORTED_TARGET libmnl)
 find_package(nlohmann_json 3 REQUIRED)
 # ICU: character properties (icu-uc) and date formatting (icu-i18n).
 pkg_check_modules(ICU_UC REQUIRED IMPORTED_TARGET icu-uc)
