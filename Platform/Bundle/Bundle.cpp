@@ -1,5 +1,6 @@
 #include "Platform/Bundle/Bundle.h"
 
+#include "Platform/FileSystem/FileManager.h"
 #include "Platform/Foundation/JSON.h"
 
 #include <algorithm>
@@ -18,8 +19,8 @@ constexpr std::uintmax_t kLargestInfoFile = 1 << 20;
 
 bool isDirectory(const fs::path& path)
 {
-    std::error_code error;
-    return fs::is_directory(path, error);
+    bool directory = false;
+    return FileManager::fileExistsAtPath(path.string(), &directory) && directory;
 }
 
 // Absolute and lexically normal, without a trailing slash (except for "/").
@@ -84,29 +85,15 @@ std::string_view withoutLeadingDot(std::string_view extension)
 
 // The names in `directory` that end in "." + `extension`, in byte order,
 // leaving out dangling links.
-// The file manager will list directories for the whole platform; this stays
-// a small private listing until it does.
 std::vector<std::string> namesWithExtension(const fs::path& directory, std::string_view extension)
 {
     std::vector<std::string> names;
-    std::error_code error;
-    fs::directory_iterator entries(directory, error);
-    if (error) {
-        return names;
-    }
     const std::string suffix = "." + std::string(extension);
-    for (auto entry = fs::begin(entries); entry != fs::end(entries); entry.increment(error)) {
-        if (error) {
-            break;
-        }
-        auto name = entry->path().filename().string();
-        std::error_code statusError;
-        if (name.size() > suffix.size() && name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0
-            && fs::exists(entry->path(), statusError)) {
+    for (auto& name : FileManager::contentsOfDirectoryAtPath(directory.string()).value_or(std::vector<std::string>{})) {
+        if (name.size() > suffix.size() && name.ends_with(suffix) && FileManager::fileExistsAtPath((directory / name).string())) {
             names.push_back(std::move(name));
         }
     }
-    std::sort(names.begin(), names.end());
     return names;
 }
 
