@@ -27,6 +27,9 @@ constexpr std::string_view kProgram = "git-credential-zarvo";
 // password itself (a comment attribute would not be encrypted).
 constexpr std::string_view kKeptAttributesService = "git-credential-zarvo";
 constexpr std::string_view kKeptAttributes[] = {"password_expiry_utc", "oauth_refresh_token"};
+// The comment of an internet password that has kept attributes. Most have
+// none, and this mark spares their look-ups a second query.
+constexpr std::string_view kKeptAttributesMark = "git-credential-zarvo: has kept attributes";
 
 constexpr std::string_view kUsage =
     "usage: git-credential-zarvo [-k keychain | --keychain keychain] (get | store | erase)\n"
@@ -295,6 +298,9 @@ private:
 
     QMGenericPasswordKeychainItemRef keptAttributesItem(const QMInternetPasswordKeychainItem& item)
     {
+        if (item.comment() != kKeptAttributesMark) {
+            return nullptr;
+        }
         return QMGenericPasswordKeychainItem::findGenericPasswordItemForAccount(
             keptAttributesAccount(item), std::string(kKeptAttributesService), keychain_);
     }
@@ -305,19 +311,31 @@ private:
         return kept ? kept->password().value_or("") : std::string();
     }
 
-    int storeKeptAttributes(const QMInternetPasswordKeychainItem& item, const std::string& kept)
+    int storeKeptAttributes(QMInternetPasswordKeychainItem& item, const std::string& kept)
     {
         ErrorRef error;
-        const std::string account = keptAttributesAccount(item);
-        const std::string service(kKeptAttributesService);
+        const bool marked = item.comment() == kKeptAttributesMark;
         if (kept.empty()) {
+            if (!marked) {
+                return kExitDone;
+            }
             if (const auto stale = keptAttributesItem(item); stale && !stale->destroy(&error)) {
                 return outcome(error);
             }
-            return kExitDone;
+            item.setComment("");
+            return item.save(&error) ? kExitDone : outcome(error);
         }
-        const auto stored = keychain_->createOrUpdateGenericPasswordWithAccount(account, service, kept, &error);
-        return stored ? kExitDone : outcome(error);
+        if (!keychain_->createOrUpdateGenericPasswordWithAccount(keptAttributesAccount(item),
+                                                                 std::string(kKeptAttributesService), kept, &error)) {
+            return outcome(error);
+        }
+        if (!marked) {
+            item.setComment(std::string(kKeptAttributesMark));
+            if (!item.save(&error)) {
+                return outcome(error);
+            }
+        }
+        return kExitDone;
     }
 
     QMKeychainRef keychain_;
