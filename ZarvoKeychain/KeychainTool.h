@@ -1,6 +1,7 @@
-// KeychainTool: the subcommands of zarvo-keychain, which stores, finds and
-// removes passwords in keychains and creates, unlocks and deletes keychain
-// files. The usage text lists the subcommands and their options.
+// KeychainTool: the entry of zarvo-keychain, which stores, finds and removes
+// passwords in keychains and creates, unlocks and deletes keychain files. It
+// finds the subcommand in the command table (CommandTable.h), reads its
+// options (CommandOptions.h) and runs it.
 //
 // Exit statuses tell the outcomes apart for scripts (see ToolExit).
 #pragma once

@@ -1,59 +1,30 @@
 #include "ZarvoKeychain/PasswordInput.h"
 
+#include "ZarvoKeychain/EchoOff.h"
+
 #include <sodium.h>
 
 #include <cstdio>
-#include <termios.h>
 #include <unistd.h>
 
-namespace {
-
-void wipe(std::string& text)
+void wipeSecret(std::string& secret)
 {
-    sodium_memzero(text.data(), text.size());
-    text.clear();
+    sodium_memzero(secret.data(), secret.size());
+    secret.clear();
 }
-
-// Turns terminal echo off for as long as it lives.
-class EchoOff {
-public:
-    EchoOff()
-    {
-        if (::tcgetattr(STDIN_FILENO, &saved_) == 0) {
-            termios quiet = saved_;
-            quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
-            quiet.c_lflag |= ECHONL;
-            active_ = ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &quiet) == 0;
-        }
-    }
-    ~EchoOff()
-    {
-        if (active_) {
-            ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &saved_);
-        }
-    }
-    EchoOff(const EchoOff&) = delete;
-    EchoOff& operator=(const EchoOff&) = delete;
-
-private:
-    termios saved_{};
-    bool active_ = false;
-};
-
-}  // namespace
 
 PasswordInput::PasswordInput() : interactive_(::isatty(STDIN_FILENO) == 1) {}
 
 PasswordInput::~PasswordInput()
 {
-    wipe(pending_);
+    wipeSecret(pending_);
 }
 
 std::optional<std::string> PasswordInput::prompt(const std::string& text)
 {
     // Echo goes off before the prompt shows: whatever is typed once it is
     // there stays unseen (and is not thrown away by the switch).
-    EchoOff quiet;
+    EchoOff quiet(STDIN_FILENO);
     std::fputs(text.c_str(), stderr);
     std::fflush(stderr);
     std::string line;
@@ -82,16 +53,13 @@ void PasswordInput::readStandardInput()
     sodium_memzero(buffer, sizeof buffer);
 }
 
-std::optional<std::string> PasswordInput::keychainPassword(const std::string& keychainPath)
+std::optional<std::string> PasswordInput::takeFirstLine()
 {
-    if (interactive_) {
-        return prompt("password to unlock " + keychainPath + ": ");
-    }
     readStandardInput();
-    const auto lineEnd = pending_.find('\n');
     if (pending_.empty()) {
         return std::nullopt;
     }
+    const auto lineEnd = pending_.find('\n');
     std::string line = pending_.substr(0, lineEnd);
     pending_.erase(0, lineEnd == std::string::npos ? pending_.size() : lineEnd + 1);
     if (!line.empty() && line.back() == '\r') {
@@ -100,32 +68,14 @@ std::optional<std::string> PasswordInput::keychainPassword(const std::string& ke
     return line;
 }
 
-std::optional<std::string> PasswordInput::newPassword(const std::string& promptText, bool* mismatch)
+std::optional<std::string> PasswordInput::takeTheRest()
 {
-    *mismatch = false;
-    if (interactive_) {
-        auto first = prompt(promptText + ": ");
-        if (!first) {
-            return std::nullopt;
-        }
-        auto second = prompt("retype " + promptText + ": ");
-        if (!second || *second != *first) {
-            *mismatch = second.has_value();
-            wipe(*first);
-            if (second) {
-                wipe(*second);
-            }
-            return std::nullopt;
-        }
-        wipe(*second);
-        return first;
-    }
     readStandardInput();
     if (pending_.empty()) {
         return std::nullopt;
     }
     std::string secret = pending_;
-    wipe(pending_);
+    wipeSecret(pending_);
     if (!secret.empty() && secret.back() == '\n') {
         secret.pop_back();
         if (!secret.empty() && secret.back() == '\r') {
@@ -133,4 +83,40 @@ std::optional<std::string> PasswordInput::newPassword(const std::string& promptT
         }
     }
     return secret;
+}
+
+std::optional<std::string> PasswordInput::promptTwice(const std::string& text, bool* mismatch)
+{
+    auto first = prompt(text + ": ");
+    if (!first) {
+        return std::nullopt;
+    }
+    auto second = prompt("retype " + text + ": ");
+    if (!second || *second != *first) {
+        *mismatch = second.has_value();
+        wipeSecret(*first);
+        if (second) {
+            wipeSecret(*second);
+        }
+        return std::nullopt;
+    }
+    wipeSecret(*second);
+    return first;
+}
+
+std::optional<std::string> PasswordInput::keychainPassword(const std::string& keychainPath)
+{
+    return interactive_ ? prompt("password to unlock " + keychainPath + ": ") : takeFirstLine();
+}
+
+std::optional<std::string> PasswordInput::newKeychainPassword(const std::string& promptText, bool* mismatch)
+{
+    *mismatch = false;
+    return interactive_ ? promptTwice(promptText, mismatch) : takeFirstLine();
+}
+
+std::optional<std::string> PasswordInput::newPassword(const std::string& promptText, bool* mismatch)
+{
+    *mismatch = false;
+    return interactive_ ? promptTwice(promptText, mismatch) : takeTheRest();
 }

@@ -1,14 +1,20 @@
 // PasswordInput: where zarvo-keychain gets secrets from. Never the command
 // line, where other users can read them.
 //
-// On a terminal each secret is asked for with echo turned off. Otherwise
-// standard input is read once: when a locked keychain has to be opened, its
-// password is the first line; the item password is the rest, less one
-// trailing line break.
+// On a terminal each secret is asked for with echo turned off; a new one is
+// asked for twice. Otherwise standard input is read once, and a keychain's
+// password, whether to unlock the keychain or to create it, is always its
+// first line: piped twice, as the prompt asks for it, it is still the one
+// password. An item's new password is what follows (all of the rest, less
+// one trailing line break).
 #pragma once
 
 #include <optional>
 #include <string>
+
+// Overwrites a secret's bytes before emptying it, so that no copy of it is
+// left in freed memory.
+void wipeSecret(std::string& secret);
 
 class PasswordInput {
 public:
@@ -21,13 +27,18 @@ public:
 
     // The password of a keychain to unlock; nothing when none was given.
     std::optional<std::string> keychainPassword(const std::string& keychainPath);
-    // A new secret. On a terminal it is asked for twice and must match;
-    // nothing when none was given or the two differ (`mismatch` tells).
+    // The password of a keychain to create, and a new item password. On a
+    // terminal each is asked for twice and must match; nothing when none was
+    // given or the two differ (`mismatch` tells).
+    std::optional<std::string> newKeychainPassword(const std::string& prompt, bool* mismatch);
     std::optional<std::string> newPassword(const std::string& prompt, bool* mismatch);
 
 private:
     std::optional<std::string> prompt(const std::string& text);
+    std::optional<std::string> promptTwice(const std::string& text, bool* mismatch);
     void readStandardInput();
+    std::optional<std::string> takeFirstLine();
+    std::optional<std::string> takeTheRest();
 
     bool interactive_;
     bool standardInputRead_ = false;

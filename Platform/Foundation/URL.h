@@ -33,6 +33,8 @@ public:
     const std::optional<std::string>& user() const { return user_; }
     const std::optional<std::string>& password() const { return password_; }
     const std::optional<std::string>& host() const { return host_; }
+    // Whether the URL names a host that is not empty.
+    bool hasHost() const { return host_ && !host_->empty(); }
     // Absent when the URL names no port (an empty port counts as none).
     std::optional<int> port() const { return port_; }
     // The percent-decoded path; a trailing slash is dropped unless the path is

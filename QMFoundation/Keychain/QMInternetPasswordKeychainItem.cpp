@@ -20,14 +20,6 @@ constexpr ProtocolEntry kProtocolTable[] = {
     {"https", kSecAttrProtocolHTTPS}, {"ssh", kSecAttrProtocolSSH},
 };
 
-// A URL without a host cannot say which site a password belongs to. Its
-// query would leave the server open and the first stored site would answer,
-// so a look-up by such a URL finds nothing.
-bool namesAHost(const URL& url)
-{
-    return url.host() && !url.host()->empty();
-}
-
 }  // namespace
 
 QMInternetPasswordKeychainItemRef QMInternetPasswordKeychainItem::create(QMKeychainRef keychain,
@@ -101,7 +93,10 @@ QMInternetPasswordKeychainItemRef QMInternetPasswordKeychainItem::findInternetPa
     const std::optional<URL>& url, const QMKeychainRef& keychain, ErrorRef* error)
 {
     PLATFORM_PARAMETER_ASSERT(url.has_value(), "URL != nil");
-    if (!namesAHost(*url)) {
+    // A URL without a host cannot say which site a password belongs to. Its
+    // query would leave the server open and the first stored site would
+    // answer, so a look-up by such a URL finds nothing.
+    if (!url->hasHost()) {
         setError(error, nullptr);
         return nullptr;
     }
@@ -131,7 +126,7 @@ std::optional<std::vector<QMInternetPasswordKeychainItemRef>>
 QMInternetPasswordKeychainItem::findAllInternetPasswordsForURL(const std::optional<URL>& url,
                                                                const QMKeychainRef& keychain, ErrorRef* error)
 {
-    if (url && !namesAHost(*url)) {
+    if (url && !url->hasHost()) {
         return std::vector<QMInternetPasswordKeychainItemRef>();
     }
     return itemsWithAttributes(findAllKeychainItemsWithAttributes(attributesForURL(url), keychain, error), keychain);

@@ -8,13 +8,14 @@
 #include <pty.h>
 #include <signal.h>
 #include <stdexcept>
+#include <termios.h>
 #include <unistd.h>
 
 namespace testsupport {
 
 TerminalResult runOnTerminal(const std::string& path, const std::vector<std::string>& arguments,
                              const std::map<std::string, std::string>& environment,
-                             const std::vector<std::string>& answers, int seconds)
+                             const std::vector<std::string>& answers, int signalAfterAnswers, int seconds)
 {
     const CommandLine command(path, arguments, environment);
     int terminal = -1;
@@ -53,8 +54,16 @@ TerminalResult runOnTerminal(const std::string& path, const std::vector<std::str
                 throw std::runtime_error("cannot type on the terminal");
             }
             seenWhenAnswered = result.screen.size();
+        } else if (prompted && signalAfterAnswers != 0) {
+            kill(child, signalAfterAnswers);
+            signalAfterAnswers = 0;
+            seenWhenAnswered = result.screen.size();
         }
     }
+    // The settings of the terminal, read through its master side; they
+    // outlive the program for as long as the master is open.
+    termios settings{};
+    result.echoing = tcgetattr(terminal, &settings) == 0 && (settings.c_lflag & ECHO) != 0;
     close(terminal);
     result.exitStatus = waitForExit(child);
     return result;

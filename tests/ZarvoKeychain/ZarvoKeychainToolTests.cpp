@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -22,9 +24,11 @@ protected:
 
     // The tool at a terminal, typing `answers` at its prompts.
     testsupport::TerminalResult toolOnTerminal(const std::vector<std::string>& arguments,
-                                               const std::vector<std::string>& answers = {}) const
+                                               const std::vector<std::string>& answers = {},
+                                               int signalAfterAnswers = 0) const
     {
-        return testsupport::runOnTerminal(testsupport::builtProgram("zarvo-keychain"), arguments, environment(), answers);
+        return testsupport::runOnTerminal(testsupport::builtProgram("zarvo-keychain"), arguments, environment(), answers,
+                                          signalAfterAnswers);
     }
 
     ProgramResult askpass(const std::string& prompt) const
@@ -132,6 +136,38 @@ TEST_F(ZarvoKeychainToolTest, BadUsageIsRefusedBeforeAnythingIsWritten)
     EXPECT_FALSE(std::filesystem::exists(defaultKeychain()));
 }
 
+TEST_F(ZarvoKeychainToolTest, AURLWithoutAHostIsRefusedInOneLine)
+{
+    ASSERT_EQ(tool({"add-internet-password", "--url", "https://jo@git.example.com"}, "kept").exitStatus, 0);
+    for (const char* url :
+         {"https://", "https://jo@", "https://:8443/", "https:///team/repo.git", "ssh://", "myserver:repo.git",
+          "mailto:jo@evil.com"}) {
+        // Without a host, a find or delete would match items of any server.
+        for (const char* command : {"add-internet-password", "find-internet-password", "delete-internet-password"}) {
+            SCOPED_TRACE(std::string(command) + " --url " + url);
+            const auto result = tool({command, "--url", url}, "leaked\n");
+            EXPECT_EQ(result.exitStatus, 2);
+            EXPECT_EQ(std::count(result.standardError.begin(), result.standardError.end(), '\n'), 1)
+                << result.standardError;
+            EXPECT_NE(result.standardError.find("no host"), std::string::npos) << result.standardError;
+            EXPECT_EQ(result.standardOutput, "");
+        }
+    }
+    const auto dump = tool({"dump-keychain", "-d"});
+    EXPECT_EQ(dump.exitStatus, 0);
+    EXPECT_NE(dump.standardOutput.find("password: \"kept\""), std::string::npos) << dump.standardOutput;
+    EXPECT_EQ(dump.standardOutput.find("class:"), dump.standardOutput.rfind("class:")) << dump.standardOutput;
+}
+
+// A URL that does not parse may still carry a password in its user part.
+TEST_F(ZarvoKeychainToolTest, AnInvalidURLIsRefusedWithoutRepeatingIt)
+{
+    const auto result = tool({"find-internet-password", "--url", "https://jo:s3cret word@git.example.com"});
+    EXPECT_EQ(result.exitStatus, 2);
+    EXPECT_NE(result.standardError.find("not a URL"), std::string::npos) << result.standardError;
+    EXPECT_EQ(result.standardError.find("s3cret"), std::string::npos) << result.standardError;
+}
+
 TEST_F(ZarvoKeychainToolTest, EveryCommandExplainsItself)
 {
     const auto overall = tool({"--help"});
@@ -172,6 +208,30 @@ TEST_F(ZarvoKeychainToolTest, APasswordProtectedKeychainIsLockedInEveryNewProces
     EXPECT_EQ(tool({"delete-keychain", keychain}).exitStatus, 0);
     EXPECT_FALSE(std::filesystem::exists(keychain));
     EXPECT_EQ(tool({"delete-keychain", keychain}).exitStatus, 7);
+}
+
+TEST_F(ZarvoKeychainToolTest, AKeychainPasswordFromStandardInputIsItsFirstLine)
+{
+    const std::string keychain = path("piped.keychain");
+    // Piped twice, as the terminal prompt asks for it: the first line is the
+    // password, for creating as for unlocking.
+    ASSERT_EQ(tool({"create-keychain", keychain}, "open sesame\nopen sesame\n").exitStatus, 0);
+    EXPECT_EQ(tool({"unlock-keychain", keychain}, "open sesame\n").exitStatus, 0);
+    EXPECT_EQ(tool({"unlock-keychain", keychain}, "open sesame\r\n").exitStatus, 0);
+    EXPECT_EQ(tool({"unlock-keychain", keychain}, "open sesame\nopen sesame\n").exitStatus, 0);
+    ASSERT_EQ(tool({"add-generic-password", "-s", "svc", "-k", keychain}, "open sesame\nthe secret\n").exitStatus, 0);
+    EXPECT_EQ(tool({"find-generic-password", "-s", "svc", "-k", keychain, "-w"}, "open sesame\n").standardOutput,
+              "the secret");
+
+    // A line break ending the only line, as from echo, is not part of it.
+    const std::string windows = path("crlf.keychain");
+    ASSERT_EQ(tool({"create-keychain", windows}, "open sesame\r\n").exitStatus, 0);
+    EXPECT_EQ(tool({"unlock-keychain", windows}, "open sesame").exitStatus, 0);
+
+    // An empty first line is no password, whatever follows it.
+    const std::string empty = path("empty.keychain");
+    EXPECT_EQ(tool({"create-keychain", empty}, "\nopen sesame\n").exitStatus, 2);
+    EXPECT_FALSE(std::filesystem::exists(empty));
 }
 
 TEST_F(ZarvoKeychainToolTest, AKeychainWithoutAPasswordNeedsNoUnlocking)
@@ -219,6 +279,40 @@ TEST_F(ZarvoKeychainToolTest, AtATerminalALockedKeychainAsksForItsPassword)
     const auto found = toolOnTerminal({"find-generic-password", "-s", "svc", "-k", keychain, "-w"}, {"open sesame"});
     EXPECT_EQ(found.exitStatus, 0) << found.screen;
     EXPECT_TRUE(found.screen.ends_with("item secret\r\n")) << found.screen;
+}
+
+TEST_F(ZarvoKeychainToolTest, AtATerminalASignalAtAPromptPutsEchoBackAndEndsTheProgramByThatSignal)
+{
+    const std::string keychain = path("protected.keychain");
+    ASSERT_EQ(tool({"create-keychain", keychain}, "open sesame\n").exitStatus, 0);
+    struct Interruption {
+        const char* what;
+        std::vector<std::string> arguments;
+        std::vector<std::string> answers;
+        int sent;    // sent to the program after the answers; 0 when typed
+        int ending;  // the signal that should end the program
+    };
+    const Interruption interruptions[] = {
+        {"Ctrl-C typed at the password prompt", {"add-generic-password", "-s", "svc"}, {"\x03"}, 0, SIGINT},
+        {"SIGTERM at the password prompt", {"add-generic-password", "-s", "svc"}, {}, SIGTERM, SIGTERM},
+        {"SIGTERM at the second prompt", {"add-generic-password", "-s", "svc"}, {"typed"}, SIGTERM, SIGTERM},
+        {"SIGINT at the unlock prompt", {"add-generic-password", "-s", "svc", "-k", keychain}, {}, SIGINT, SIGINT},
+        {"SIGHUP at the new keychain's prompt", {"create-keychain", path("new.keychain")}, {}, SIGHUP, SIGHUP},
+    };
+    for (const auto& interruption : interruptions) {
+        SCOPED_TRACE(interruption.what);
+        const auto result = toolOnTerminal(interruption.arguments, interruption.answers, interruption.sent);
+        EXPECT_EQ(result.exitStatus, 128 + interruption.ending) << result.screen;
+        EXPECT_TRUE(result.echoing) << result.screen;
+    }
+    EXPECT_EQ(tool({"find-generic-password", "-s", "svc"}).exitStatus, 3);
+    EXPECT_EQ(tool({"find-generic-password", "-s", "svc", "-k", keychain}).exitStatus, 3);
+    EXPECT_FALSE(std::filesystem::exists(path("new.keychain")));
+
+    // A prompt answered in full leaves echo on as well.
+    const auto answered = toolOnTerminal({"add-generic-password", "-s", "svc"}, {"typed", "typed"});
+    EXPECT_EQ(answered.exitStatus, 0) << answered.screen;
+    EXPECT_TRUE(answered.echoing);
 }
 
 TEST_F(ZarvoKeychainToolTest, DeleteKeychainRefusesAFileThatIsNotOne)

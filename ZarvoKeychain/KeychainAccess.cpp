@@ -1,0 +1,61 @@
+#include "ZarvoKeychain/KeychainAccess.h"
+
+#include "ZarvoKeychain/CommandOptions.h"
+#include "ZarvoKeychain/KeychainTool.h"
+#include "ZarvoKeychain/PasswordInput.h"
+#include "ZarvoKeychain/ToolOutput.h"
+
+#include "Platform/Security/SecItem.h"
+
+using namespace platform;
+
+namespace keychaintool {
+
+SecKeychainRef targetKeychain(const Options& options, bool* isExplicit)
+{
+    SecKeychainRef keychain;
+    const auto& path = options.keychain ? options.keychain
+                       : options.operands.empty() ? std::optional<std::string>() : options.operands.front();
+    *isExplicit = path.has_value();
+    if (path) {
+        SecKeychainOpen(path->c_str(), &keychain);
+    } else {
+        SecKeychainCopyDefault(&keychain);
+    }
+    return keychain;
+}
+
+void restrictTo(Dictionary& query, const SecKeychainRef& keychain, bool isExplicit)
+{
+    if (isExplicit) {
+        query.set(kSecUseKeychain, Value(keychain));
+        query.set(kSecMatchSearchList, Array{Value(keychain)});
+    }
+}
+
+int ensureUnlocked(const Command& command, const SecKeychainRef& keychain, PasswordInput& input)
+{
+    SecKeychainStatus state;
+    const OSStatus status = SecKeychainGetStatus(keychain, &state);
+    if (status == errSecNoSuchKeychain) {
+        return kExitSuccess;
+    }
+    if (status != errSecSuccess) {
+        return report(command, status);
+    }
+    if (!state.hasPassword || state.isUnlocked) {
+        return kExitSuccess;
+    }
+    auto password = input.keychainPassword(keychain->path());
+    if (!password) {
+        fail(command, "the keychain " + keychain->path() +
+                          " is locked; give its password on the first line of standard input");
+        return kExitLocked;
+    }
+    const OSStatus unlocked =
+        SecKeychainUnlock(keychain, static_cast<std::uint32_t>(password->size()), password->data(), true);
+    wipeSecret(*password);
+    return report(command, unlocked);
+}
+
+}  // namespace keychaintool
