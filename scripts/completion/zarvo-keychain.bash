@@ -3,7 +3,7 @@ _zarvo_keychain() {
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD-1]} options
   local commands="add-internet-password find-internet-password delete-internet-password
     add-generic-password find-generic-password delete-generic-password
-    create-keychain delete-keychain unlock-keychain dump-keychain help"
+    create-keychain delete-keychain unlock-keychain dump-keychain import-git-credentials help"
   if ((COMP_CWORD == 1)); then
     mapfile -t COMPREPLY < <(compgen -W "$commands --help" -- "$current")
     return
@@ -26,6 +26,9 @@ _zarvo_keychain() {
     create-keychain) options="--no-password" ;;
     unlock-keychain) options="-k" ;;
     dump-keychain) options="-k -d" ;;
+    import-git-credentials)
+      mapfile -t COMPREPLY < <(compgen -f -W "-k --remove --help" -- "$current")
+      return ;;
   esac
   mapfile -t COMPREPLY < <(compgen -W "$options --help" -- "$current")
 }
