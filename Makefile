@@ -38,7 +38,7 @@ check-tsan: deps
 # again through the end-to-end tests.
 check-release: deps
 	cmake -S . -B $(BUILD_DIR) -G Ninja -DCMAKE_BUILD_TYPE=Release
-	cmake --build $(BUILD_DIR) -j $(JOBS) --target zarvo-askpass zarvo-keychain
+	cmake --build $(BUILD_DIR) -j $(JOBS) --target zarvo-askpass zarvo-keychain git-credential-zarvo
 	cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS) -L e2e
 
 # The Debian package of the Release build, in $(BUILD_DIR).
