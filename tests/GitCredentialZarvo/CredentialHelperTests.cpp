@@ -143,15 +143,16 @@ TEST_F(CredentialHelperTest, PortsAndUserNamesWithAtSignsMapAsTheResponderMapsTh
 
 TEST_F(CredentialHelperTest, APathMakesAnItemOfItsOwn)
 {
-    helper("store", "protocol=https\nhost=h\nusername=jo\npassword=whole-host\n");
+    // The repository's item first: a store for the host alone must not take
+    // it for its own, although a look-up without a path would find it.
     helper("store", "protocol=https\nhost=h\nusername=jo\npath=team/repo.git\npassword=one-repo\n");
+    helper("store", "protocol=https\nhost=h\nusername=jo\npassword=whole-host\n");
     EXPECT_EQ(internetPasswordCount(), 2u);
     EXPECT_EQ(responderPassword("https://jo@h/team/repo.git"), "one-repo");
     EXPECT_EQ(helper("get", "protocol=https\nhost=h\nusername=jo\npath=team/repo.git\n").output,
               "username=jo\npassword=one-repo\n");
     EXPECT_EQ(helper("get", "protocol=https\nhost=h\nusername=jo\npath=team/other.git\n").output, "");
 
-    // Storing for the host again changes the host's item, not the repository's.
     helper("store", "protocol=https\nhost=h\nusername=jo\npassword=whole-host-2\n");
     EXPECT_EQ(responderPassword("https://jo@h/team/repo.git"), "one-repo");
     EXPECT_EQ(internetPasswordCount(), 2u);
