@@ -11,6 +11,7 @@
 #include "Platform/Security/SecItem.h"
 #include "Platform/Security/SecKeychain.h"
 
+#include <cstring>
 #include <filesystem>
 #include <optional>
 #include <string_view>
@@ -345,8 +346,8 @@ private:
 
 }  // namespace
 
-int runCredentialHelper(const std::vector<std::string>& arguments, const std::string& input, std::string* output,
-                        std::string* errors)
+int runCredentialHelper(const std::vector<std::string>& arguments, const std::function<std::string()>& readInput,
+                        std::string* output, std::string* errors)
 {
     const auto complain = [errors](const std::string& message) {
         *errors += std::string(kProgram) + ": " + message + "\n";
@@ -370,8 +371,11 @@ int runCredentialHelper(const std::vector<std::string>& arguments, const std::st
         *errors += std::string(kProgram) + ": ignoring the unknown operation " + operation + "\n";
         return kExitDone;
     }
+    std::string input = readInput();
     std::string problem;
     const auto request = readCredentialRequest(input, &problem);
+    // The request may hold a password; what is needed of it is copied out.
+    explicit_bzero(input.data(), input.size());
     if (!request) {
         return complain("unreadable request: " + problem + "; nothing done");
     }

@@ -18,11 +18,13 @@
 // fails changes nothing.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
-// Runs the helper with its arguments (without the program name) on the
-// request text `input`; what git is to read goes to `*output`, diagnostics to
-// `*errors`.
-int runCredentialHelper(const std::vector<std::string>& arguments, const std::string& input, std::string* output,
-                        std::string* errors);
+// Runs the helper with its arguments (without the program name); `readInput`
+// gives the request text and is called only for an operation that has one
+// (so `--help` at a terminal does not wait for input). What git is to read
+// goes to `*output`, diagnostics to `*errors`.
+int runCredentialHelper(const std::vector<std::string>& arguments, const std::function<std::string()>& readInput,
+                        std::string* output, std::string* errors);

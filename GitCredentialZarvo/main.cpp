@@ -56,14 +56,13 @@ int main(int argc, char** argv)
     platform::installUncaughtExceptionReporter();
     platform::SecKeychainPrepareForShortProcess();
 
-    std::string input = readRequest();
     std::string output;
     std::string errors;
-    const int status = runCredentialHelper(std::vector<std::string>(argv + 1, argv + argc), input, &output, &errors);
+    const int status =
+        runCredentialHelper(std::vector<std::string>(argv + 1, argv + argc), readRequest, &output, &errors);
     writeAll(STDOUT_FILENO, output);
     writeAll(STDERR_FILENO, errors);
-    // The request and the answer may hold a password.
-    explicit_bzero(input.data(), input.size());
+    // The answer may hold a password.
     explicit_bzero(output.data(), output.size());
     return status;
 }

@@ -32,7 +32,7 @@ struct HelperRun {
 HelperRun helper(const std::vector<std::string>& arguments, const std::string& input)
 {
     HelperRun run;
-    run.status = runCredentialHelper(arguments, input, &run.output, &run.errors);
+    run.status = runCredentialHelper(arguments, [&input] { return input; }, &run.output, &run.errors);
     return run;
 }
 
@@ -339,6 +339,17 @@ TEST_F(CredentialHelperProgramTest, RoundTripsThroughStandardInputAndOutput)
     EXPECT_EQ(got.exitStatus, 0);
     EXPECT_EQ(got.standardOutput, "username=jo\npassword=p\n");
     EXPECT_EQ(got.standardError, "");
+}
+
+TEST(CredentialHelperUsageTest, HelpAndUnknownOperationsDoNotWaitForInput)
+{
+    bool read = false;
+    std::string output;
+    std::string errors;
+    EXPECT_EQ(runCredentialHelper({"--help"}, [&read] { read = true; return std::string(); }, &output, &errors), 0);
+    EXPECT_FALSE(read);
+    EXPECT_EQ(runCredentialHelper({"frobnicate"}, [&read] { read = true; return std::string(); }, &output, &errors), 0);
+    EXPECT_FALSE(read);
 }
 
 TEST_F(CredentialHelperProgramTest, RefusesNulBytesAndEndlessLinesWithOneLine)
