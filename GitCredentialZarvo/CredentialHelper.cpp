@@ -259,7 +259,9 @@ public:
                 }
             }
             if (const auto kept = keptAttributesItem(*item)) {
-                kept->destroy();
+                if (!kept->destroy(&error)) {
+                    return outcome(error);
+                }
             }
             if (!item->destroy(&error)) {
                 return outcome(error);

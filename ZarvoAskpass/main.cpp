@@ -5,6 +5,7 @@
 #include "Platform/Security/SecKeychain.h"
 #include "ZarvoAskpass/ZarvoAskpass.h"
 
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <string_view>
@@ -30,6 +31,9 @@ int main(int argc, char** argv, char** envp)
 {
     platform::installUncaughtExceptionReporter();
     platform::SecKeychainPrepareForShortProcess();
+    // git waits on this answer: a keychain another program keeps locked gets
+    // no answer after a short wait, never a stall.
+    platform::SecKeychainSetBusyWait(std::chrono::milliseconds(1500));
 
     const ZarvoAskpass::Arguments arguments(argv, argv + argc);
     const auto response = ZarvoAskpass::responseForArguments(arguments, processEnvironment(envp));

@@ -17,10 +17,12 @@ SecKeychainRef targetKeychain(const Options& options, bool* isExplicit)
     const auto& path = options.keychain ? options.keychain
                        : options.operands.empty() ? std::optional<std::string>() : options.operands.front();
     *isExplicit = path.has_value();
+    // Unchecked: only an empty path fails, and the reference then stays
+    // null, which every keychain call refuses with errSecParam.
     if (path) {
-        SecKeychainOpen(path->c_str(), &keychain);
+        static_cast<void>(SecKeychainOpen(path->c_str(), &keychain));
     } else {
-        SecKeychainCopyDefault(&keychain);
+        static_cast<void>(SecKeychainCopyDefault(&keychain));
     }
     return keychain;
 }

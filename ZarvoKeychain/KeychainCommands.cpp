@@ -43,7 +43,9 @@ int deleteKeychain(const Command& command, const Options& options)
         return usageError(command, "give the path of the keychain to delete");
     }
     SecKeychainRef keychain;
-    SecKeychainOpen(options.operands.front().c_str(), &keychain);
+    if (const OSStatus status = SecKeychainOpen(options.operands.front().c_str(), &keychain); status != errSecSuccess) {
+        return report(command, status);
+    }
     return report(command, SecKeychainDelete(keychain));
 }
 

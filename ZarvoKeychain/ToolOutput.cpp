@@ -136,7 +136,10 @@ int exitForStatus(OSStatus status)
 int report(const Command& command, OSStatus status)
 {
     if (status != errSecSuccess) {
-        fail(command, SecCopyErrorMessageString(status).value_or("keychain error " + std::to_string(status)));
+        // A refused keychain is named, with what is wrong with it.
+        fail(command, status == errSecUnprotectedKeychain
+                          ? SecKeychainCopyRefusalReason()
+                          : SecCopyErrorMessageString(status).value_or("keychain error " + std::to_string(status)));
     }
     return exitForStatus(status);
 }

@@ -7,6 +7,10 @@ pkg_check_modules(SQLITE3 REQUIRED IMPORTED_TARGET sqlite3)
 pkg_check_modules(SODIUM REQUIRED IMPORTED_TARGET libsodium)
 pkg_check_modules(LIBCRYPTO REQUIRED IMPORTED_TARGET libcrypto)
 pkg_check_modules(UUID REQUIRED IMPORTED_TARGET uuid)
+pkg_check_modules(CURL REQUIRED IMPORTED_TARGET libcurl)
+# The server-trust challenge reaches into libcurl's TLS handshake through
+# OpenSSL, the TLS library of Debian's libcurl4-openssl-dev.
+pkg_check_modules(LIBSSL REQUIRED IMPORTED_TARGET libssl)
 find_package(nlohmann_json 3 REQUIRED)
 
 # The responder starts once per prompt. Where Debian ships a static archive of

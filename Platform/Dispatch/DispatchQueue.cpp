@@ -224,7 +224,7 @@ void DispatchQueue::asyncAfter(DispatchTime when, std::function<void()> block)
 {
     PLATFORM_PARAMETER_ASSERT(block != nullptr, "block != NULL");
     auto self = std::static_pointer_cast<DispatchQueue>(shared_from_this());
-    EventMonitor::shared().addTimer(when, std::chrono::milliseconds(1),
+    internal::EventMonitor::shared().addTimer(when, std::chrono::milliseconds(1),
                                     [self, block = std::move(block)]() mutable { self->async(std::move(block)); });
 }
 
@@ -234,7 +234,7 @@ void DispatchQueue::scheduleDrain()
     if (isMain_) {
         RunLoop::mainRunLoop()->performBlock([self] { self->drain(); });
     } else {
-        WorkerPool::shared().submit([self] { self->drain(); });
+        internal::WorkerPool::shared().submit([self] { self->drain(); });
     }
 }
 

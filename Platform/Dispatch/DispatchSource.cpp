@@ -65,7 +65,7 @@ private:
         if (inotify_ < 0) {
             throw std::system_error(errno, std::generic_category(), "inotify");
         }
-        token_ = EventMonitor::shared().watch(inotify_, EPOLLIN, [this](EventMonitor::Token, std::uint32_t) { readEvents(); });
+        token_ = internal::EventMonitor::shared().watch(inotify_, EPOLLIN, [this](internal::EventMonitor::Token, std::uint32_t) { readEvents(); });
     }
 
     // On the monitor thread.
@@ -96,11 +96,11 @@ private:
                 }
             }
         }
-        EventMonitor::shared().rearm(token_);
+        internal::EventMonitor::shared().rearm(token_);
     }
 
     const int inotify_;
-    EventMonitor::Token token_ = 0;
+    internal::EventMonitor::Token token_ = 0;
     std::mutex mutex_;  // guards `sources_`
     std::map<int, std::vector<std::pair<const DispatchFileSource*, std::weak_ptr<DispatchFileSource>>>> sources_;
 };
@@ -252,7 +252,7 @@ void DispatchTimerSource::setTimer(DispatchTime start, std::chrono::nanoseconds 
         scheduled_ = true;
     }
     if (previous != 0) {
-        EventMonitor::shared().cancelTimer(previous);
+        internal::EventMonitor::shared().cancelTimer(previous);
     }
     std::lock_guard lock(timerMutex_);
     if (active_ && token_ == 0) {
@@ -264,7 +264,7 @@ void DispatchTimerSource::armLocked()
 {
     std::weak_ptr<DispatchTimerSource> weak = std::static_pointer_cast<DispatchTimerSource>(shared_from_this());
     const std::uint64_t generation = generation_;
-    token_ = EventMonitor::shared().addTimer(next_, leeway_, [weak, generation] {
+    token_ = internal::EventMonitor::shared().addTimer(next_, leeway_, [weak, generation] {
         if (auto self = weak.lock()) {
             self->fired(generation);
         }
@@ -313,7 +313,7 @@ void DispatchTimerSource::deactivate()
         previous = std::exchange(token_, 0);
     }
     if (previous != 0) {
-        EventMonitor::shared().cancelTimer(previous);
+        internal::EventMonitor::shared().cancelTimer(previous);
     }
 }
 

@@ -16,7 +16,7 @@
 #include <thread>
 #include <vector>
 
-namespace platform {
+namespace platform::internal {
 namespace {
 
 using Callback = std::shared_ptr<EventMonitor::WatchCallback>;
@@ -208,4 +208,4 @@ void EventMonitor::run()
     }
 }
 
-}  // namespace platform
+}  // namespace platform::internal

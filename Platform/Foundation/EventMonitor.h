@@ -24,7 +24,7 @@
 #include <functional>
 #include <sys/epoll.h>
 
-namespace platform {
+namespace platform::internal {
 
 class EventMonitor {
 public:
@@ -51,4 +51,4 @@ private:
     State* state_;
 };
 
-}  // namespace platform
+}  // namespace platform::internal

@@ -234,7 +234,7 @@ void FileHandle::stopWatchingLocked(std::unique_lock<std::mutex>&)
     // The monitor's callback for this watch only hands a job to the pool and
     // takes no lock of ours, so waiting for it here cannot deadlock.
     if (const auto token = std::exchange(watchToken_, 0); token != 0) {
-        EventMonitor::shared().unwatch(token);
+        internal::EventMonitor::shared().unwatch(token);
     }
 }
 
@@ -250,9 +250,9 @@ void FileHandle::setReadabilityHandler(ReadabilityHandler handler)
     std::weak_ptr<FileHandle> weak = std::static_pointer_cast<FileHandle>(shared_from_this());
     // The watch may fire before `watch` returns; the job compares its token
     // under the lock, which this call holds until the token is stored.
-    watchToken_ = EventMonitor::shared().watch(fd_, EPOLLIN, [weak](EventMonitor::Token token, std::uint32_t) {
+    watchToken_ = internal::EventMonitor::shared().watch(fd_, EPOLLIN, [weak](internal::EventMonitor::Token token, std::uint32_t) {
         if (auto self = weak.lock()) {
-            WorkerPool::shared().submit([self, token] { self->handlerJob(token); });
+            internal::WorkerPool::shared().submit([self, token] { self->handlerJob(token); });
         }
     });
 }
@@ -270,7 +270,7 @@ void FileHandle::handlerJob(std::uint64_t token)
     handler(*this);
     std::lock_guard lock(mutex_);
     if (token == watchToken_) {
-        EventMonitor::shared().rearm(token);
+        internal::EventMonitor::shared().rearm(token);
     }
 }
 

@@ -21,8 +21,8 @@ public:
     // only of strings, finite numbers, booleans, null, arrays and dictionaries.
     static bool isValidJSONObject(const Value& value, unsigned options = 0);
 
-    static std::optional<std::string> stringWithValue(const Value& value, unsigned options = 0, ErrorRef* error = nullptr);
-    static std::optional<Value> valueWithString(std::string_view text, unsigned options = 0, ErrorRef* error = nullptr);
+    [[nodiscard]] static std::optional<std::string> stringWithValue(const Value& value, unsigned options = 0, ErrorRef* error = nullptr);
+    [[nodiscard]] static std::optional<Value> valueWithString(std::string_view text, unsigned options = 0, ErrorRef* error = nullptr);
 };
 
 }  // namespace platform

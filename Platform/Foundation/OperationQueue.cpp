@@ -224,7 +224,7 @@ void OperationQueue::schedule()
         if (isMain_) {
             RunLoop::mainRunLoop()->performBlock(std::move(job));
         } else {
-            WorkerPool::shared().submit(std::move(job));
+            internal::WorkerPool::shared().submit(std::move(job));
         }
     }
 }
@@ -286,7 +286,7 @@ void OperationQueue::setServicingWaker(std::function<void()> waker)
     }
     // Whatever the servicing thread left goes to the workers after all.
     for (auto& operation : orphaned) {
-        WorkerPool::shared().submit([self, operation = std::move(operation)] { self->run(operation); });
+        internal::WorkerPool::shared().submit([self, operation = std::move(operation)] { self->run(operation); });
     }
 }
 

@@ -53,7 +53,7 @@ public:
 
     // Nothing, with an error whose description carries the compiler's message
     // and offset, when the pattern does not compile.
-    static RegularExpressionRef create(std::string_view pattern, unsigned options, ErrorRef* error = nullptr);
+    [[nodiscard]] static RegularExpressionRef create(std::string_view pattern, unsigned options, ErrorRef* error = nullptr);
     // The pattern taken as literal text.
     static RegularExpressionRef literal(std::string_view text, unsigned options = 0);
 

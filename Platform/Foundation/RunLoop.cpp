@@ -35,7 +35,7 @@ struct Scheduled {
 }  // namespace
 
 struct RunLoop::State {
-    WakeableEpoll poll;
+    internal::WakeableEpoll poll;
 
     mutable std::mutex mutex;  // guards everything below
     std::vector<std::string> commonModes{std::string(NSDefaultRunLoopMode)};
@@ -168,7 +168,222 @@ struct RunLoop::State {
         }
         return deadline;
     }
+
+    // --- The steps of one pass of a run in `mode`
+
+    // Starts a run: false when the mode has nothing in it to run.
+    [[nodiscard]] bool enterMode(std::string_view mode)
+    {
+        std::lock_guard lock(mutex);
+        if (!hasAnythingLocked(mode)) {
+            return false;
+        }
+        modeStack.emplace_back(mode);
+        armModeLocked(mode);
+        return true;
+    }
+
+    // Ends a run; an outer run still in progress gets its mode's descriptors back.
+    void leaveMode()
+    {
+        std::lock_guard lock(mutex);
+        modeStack.pop_back();
+        if (!modeStack.empty()) {
+            armModeLocked(modeStack.back());
+        }
+    }
+
+    // What one pass runs, taken in one locked section before any of it runs:
+    // what a block adds or signals waits for the next pass.
+    struct Work {
+        std::vector<std::function<void()>> blocks;
+        std::vector<TimerRef> timers;  // every valid timer of the mode, due or not
+        std::vector<RunLoopSourceRef> signalled;
+    };
+
+    [[nodiscard]] Work takeWork(std::string_view mode)
+    {
+        std::lock_guard lock(mutex);
+        return {takeQueuedBlocksLocked(mode), timersLocked(mode), takeSignalledSourcesLocked(mode)};
+    }
+
+    std::vector<std::function<void()>> takeQueuedBlocksLocked(std::string_view mode)
+    {
+        std::vector<std::function<void()>> taken;
+        for (auto pending = blocks.begin(); pending != blocks.end();) {
+            const bool runsHere = std::any_of(pending->modes.begin(), pending->modes.end(),
+                                              [&](const std::string& blockMode) { return inMode(blockMode, mode); });
+            if (runsHere) {
+                taken.push_back(std::move(pending->block));
+                pending = blocks.erase(pending);
+            } else {
+                ++pending;
+            }
+        }
+        return taken;
+    }
+
+    std::vector<TimerRef> timersLocked(std::string_view mode)
+    {
+        dropInvalidLocked(timers);
+        std::vector<TimerRef> inThisMode;
+        for (const auto& entry : timers) {
+            if (inMode(entry.mode, mode)) {
+                inThisMode.push_back(entry.item);
+            }
+        }
+        return inThisMode;
+    }
+
+    // Clears the signal of each source it takes: a signal that comes after
+    // this is another run of the source.
+    std::vector<RunLoopSourceRef> takeSignalledSourcesLocked(std::string_view mode)
+    {
+        dropInvalidLocked(sources);
+        std::vector<RunLoopSourceRef> signalled;
+        for (const auto& entry : sources) {
+            if (inMode(entry.mode, mode) && entry.item->signalled_.exchange(false)) {
+                signalled.push_back(entry.item);
+            }
+        }
+        return signalled;
+    }
+
+    // The running steps of a pass run outside the lock; each says whether
+    // it ran anything.
+
+    static bool runQueuedBlocks(std::vector<std::function<void()>>& queued)
+    {
+        for (auto& block : queued) {
+            block();
+        }
+        return !queued.empty();
+    }
+
+    // In the order of their fire dates; every timer is asked, due or not.
+    static bool fireDueTimers(std::vector<TimerRef>& candidates)
+    {
+        std::sort(candidates.begin(), candidates.end(),
+                  [](const TimerRef& a, const TimerRef& b) { return a->fireDate() < b->fireDate(); });
+        const Date now = Date::now();
+        bool fired = false;
+        for (const auto& timer : candidates) {
+            fired = timer->fireIfDue(now) || fired;
+        }
+        return fired;
+    }
+
+    // A source invalidated since it was taken is left out.
+    static bool performSignalledSources(const std::vector<RunLoopSourceRef>& signalled)
+    {
+        bool performed = false;
+        for (const auto& source : signalled) {
+            if (source->isValid()) {
+                source->perform_();
+                performed = true;
+            }
+        }
+        return performed;
+    }
+
+    // Whether something of `mode` can run without waiting: a queued block or a signalled source.
+    bool readyNowLocked(std::string_view mode) const
+    {
+        return blockPendingLocked(mode) || std::any_of(sources.begin(), sources.end(), [&](const auto& entry) {
+                   return inMode(entry.mode, mode) && entry.item->signalled_.load();
+               });
+    }
+
+    // How a pass goes on after its work: it ends now with `result`, or it
+    // waits up to `timeout` seconds (none: only looks) for ready descriptors.
+    struct Plan {
+        std::optional<bool> result;
+        double timeout = 0;
+    };
+
+    // Decided in one locked section with `sleeping` set, so that whatever is
+    // added after the look for ready work wakes the wait.
+    [[nodiscard]] Plan planWait(std::string_view mode, Date limitDate, bool handled)
+    {
+        std::lock_guard lock(mutex);
+        if (stopRequests > 0) {
+            --stopRequests;
+            return {true};
+        }
+        if (handled || Date::now() >= limitDate) {
+            return {true};
+        }
+        if (!hasAnythingLocked(mode)) {
+            return {false};
+        }
+        if (readyNowLocked(mode)) {
+            return {};
+        }
+        Date deadline = limitDate;
+        if (const auto timerDeadline = timerDeadlineLocked(mode); timerDeadline && *timerDeadline < deadline) {
+            deadline = *timerDeadline;
+        }
+        Plan plan;
+        plan.timeout = deadline.timeIntervalSinceDate(Date::now());
+        sleeping = plan.timeout > 0;
+        return plan;
+    }
+
+    using ReadySource = std::pair<FileDescriptorSourceRef, unsigned>;
+
+    // The sources of `mode` that the epoll events make ready, with what each may do now.
+    std::vector<ReadySource> readySourcesLocked(const epoll_event* events, int count, std::string_view mode) const
+    {
+        std::vector<ReadySource> ready;
+        for (int index = 0; index < count; ++index) {
+            const auto fd = static_cast<int>(events[index].data.u64);
+            for (const auto& entry : descriptors) {
+                if (entry.item->fileDescriptor() != fd || !inMode(entry.mode, mode)) {
+                    continue;
+                }
+                if (const unsigned readyEvents = readyEventsOf(events[index].events, entry.item->events()); readyEvents != 0) {
+                    ready.emplace_back(entry.item, readyEvents);
+                }
+            }
+        }
+        return ready;
+    }
+
+    // An error or hang-up makes everything watched ready, so that the
+    // source's next read or write meets the condition.
+    static unsigned readyEventsOf(std::uint32_t what, unsigned watched)
+    {
+        unsigned readyEvents = (what & (EPOLLERR | EPOLLHUP)) != 0 ? watched : 0U;
+        if ((what & EPOLLIN) != 0) {
+            readyEvents |= watched & FileDescriptorSource::Readable;
+        }
+        if ((what & EPOLLOUT) != 0) {
+            readyEvents |= watched & FileDescriptorSource::Writable;
+        }
+        return readyEvents;
+    }
+
+    // Waits as planned and calls every source that is ready; true when any was.
+    [[nodiscard]] bool serveReadyDescriptors(std::string_view mode, double timeout)
+    {
+        constexpr int kCapacity = 32;
+        epoll_event events[kCapacity];
+        const int count = poll.wait(events, kCapacity, timeout);
+        std::vector<ReadySource> ready;
+        {
+            std::lock_guard lock(mutex);
+            sleeping = false;
+            ready = readySourcesLocked(events, count, mode);
+        }
+        for (const auto& [source, readyEvents] : ready) {
+            if (source->isValid()) {
+                source->callback_(source->fileDescriptor(), readyEvents);
+            }
+        }
+        return !ready.empty();
+    }
 };
+
 
 // --- Timer
 
@@ -505,134 +720,24 @@ void RunLoop::runUntilDate(Date limitDate)
 bool RunLoop::runModeBeforeDate(std::string_view mode, Date limitDate)
 {
     State& state = *state_;
-    {
-        std::lock_guard lock(state.mutex);
-        if (!state.hasAnythingLocked(mode)) {
-            return false;
-        }
-        state.modeStack.emplace_back(mode);
-        state.armModeLocked(mode);
+    if (!state.enterMode(mode)) {
+        return false;
     }
     struct ModeExit {
         State& state;
-        ~ModeExit()
-        {
-            std::lock_guard lock(state.mutex);
-            state.modeStack.pop_back();
-            if (!state.modeStack.empty()) {
-                state.armModeLocked(state.modeStack.back());
-            }
-        }
+        ~ModeExit() { state.leaveMode(); }
     } modeExit{state};
 
-    constexpr int kCapacity = 32;
-    epoll_event events[kCapacity];
     for (;;) {
-        bool handled = false;
-
-        std::vector<std::function<void()>> blocks;
-        std::vector<std::shared_ptr<Timer>> timers;
-        std::vector<std::shared_ptr<RunLoopSource>> signalled;
-        {
-            std::lock_guard lock(state.mutex);
-            for (auto pending = state.blocks.begin(); pending != state.blocks.end();) {
-                const bool runsHere = std::any_of(pending->modes.begin(), pending->modes.end(),
-                                                  [&](const std::string& blockMode) { return state.inMode(blockMode, mode); });
-                if (runsHere) {
-                    blocks.push_back(std::move(pending->block));
-                    pending = state.blocks.erase(pending);
-                } else {
-                    ++pending;
-                }
-            }
-            state.dropInvalidLocked(state.timers);
-            for (const auto& entry : state.timers) {
-                if (state.inMode(entry.mode, mode)) {
-                    timers.push_back(entry.item);
-                }
-            }
-            state.dropInvalidLocked(state.sources);
-            for (const auto& entry : state.sources) {
-                if (state.inMode(entry.mode, mode) && entry.item->signalled_.exchange(false)) {
-                    signalled.push_back(entry.item);
-                }
-            }
+        auto work = state.takeWork(mode);
+        bool handled = State::runQueuedBlocks(work.blocks);
+        handled = State::fireDueTimers(work.timers) || handled;
+        handled = State::performSignalledSources(work.signalled) || handled;
+        const auto plan = state.planWait(mode, limitDate, handled);
+        if (plan.result) {
+            return *plan.result;
         }
-        for (auto& block : blocks) {
-            block();
-            handled = true;
-        }
-        std::sort(timers.begin(), timers.end(), [](const TimerRef& a, const TimerRef& b) { return a->fireDate() < b->fireDate(); });
-        const Date now = Date::now();
-        for (const auto& timer : timers) {
-            handled = timer->fireIfDue(now) || handled;
-        }
-        for (const auto& source : signalled) {
-            if (source->isValid()) {
-                source->perform_();
-                handled = true;
-            }
-        }
-
-        double timeout = 0;
-        {
-            std::lock_guard lock(state.mutex);
-            if (state.stopRequests > 0) {
-                --state.stopRequests;
-                return true;
-            }
-            if (handled || Date::now() >= limitDate) {
-                return true;
-            }
-            if (!state.hasAnythingLocked(mode)) {
-                return false;
-            }
-            const bool readyNow = state.blockPendingLocked(mode)
-                || std::any_of(state.sources.begin(), state.sources.end(), [&](const auto& entry) {
-                       return state.inMode(entry.mode, mode) && entry.item->signalled_.load();
-                   });
-            if (!readyNow) {
-                Date deadline = limitDate;
-                if (const auto timerDeadline = state.timerDeadlineLocked(mode); timerDeadline && *timerDeadline < deadline) {
-                    deadline = *timerDeadline;
-                }
-                timeout = deadline.timeIntervalSinceDate(Date::now());
-                state.sleeping = timeout > 0;
-            }
-        }
-        const int count = state.poll.wait(events, kCapacity, timeout);
-        std::vector<std::pair<FileDescriptorSourceRef, unsigned>> ready;
-        {
-            std::lock_guard lock(state.mutex);
-            state.sleeping = false;
-            for (int index = 0; index < count; ++index) {
-                const auto fd = static_cast<int>(events[index].data.u64);
-                const std::uint32_t what = events[index].events;
-                const bool failed = (what & (EPOLLERR | EPOLLHUP)) != 0;
-                for (const auto& entry : state.descriptors) {
-                    if (entry.item->fileDescriptor() != fd || !state.inMode(entry.mode, mode)) {
-                        continue;
-                    }
-                    const unsigned watched = entry.item->events();
-                    unsigned readyEvents = failed ? watched : 0U;
-                    if ((what & EPOLLIN) != 0) {
-                        readyEvents |= watched & FileDescriptorSource::Readable;
-                    }
-                    if ((what & EPOLLOUT) != 0) {
-                        readyEvents |= watched & FileDescriptorSource::Writable;
-                    }
-                    if (readyEvents != 0) {
-                        ready.emplace_back(entry.item, readyEvents);
-                    }
-                }
-            }
-        }
-        for (const auto& [source, readyEvents] : ready) {
-            if (source->isValid()) {
-                source->callback_(source->fileDescriptor(), readyEvents);
-            }
-        }
-        if (!ready.empty()) {
+        if (state.serveReadyDescriptors(mode, plan.timeout)) {
             return true;
         }
     }

@@ -68,22 +68,72 @@ ChildStream childStream(const ObjectRef& stream, bool isInput)
     return {};
 }
 
-// posix_spawn's three attribute objects, released however the launch ends.
-struct SpawnSetup {
-    posix_spawn_file_actions_t actions{};
-    posix_spawnattr_t attributes{};
+// A launch step that the C library refused: the launch fails as one whose
+// spawn failed, with the library's reason.
+void checkSpawnStep(int result)
+{
+    if (result != 0) {
+        raiseLaunchFailure(std::strerror(result));
+    }
+}
+
+// posix_spawn's two set-up objects, released however the launch ends; each
+// step that fills them raises a launch failure when it does not succeed.
+class SpawnSetup {
+public:
     SpawnSetup()
     {
-        posix_spawn_file_actions_init(&actions);
-        posix_spawnattr_init(&attributes);
+        checkSpawnStep(posix_spawn_file_actions_init(&actions_));
+        if (const int result = posix_spawnattr_init(&attributes_); result != 0) {
+            posix_spawn_file_actions_destroy(&actions_);
+            checkSpawnStep(result);
+        }
     }
     ~SpawnSetup()
     {
-        posix_spawn_file_actions_destroy(&actions);
-        posix_spawnattr_destroy(&attributes);
+        posix_spawn_file_actions_destroy(&actions_);
+        posix_spawnattr_destroy(&attributes_);
     }
     SpawnSetup(const SpawnSetup&) = delete;
     SpawnSetup& operator=(const SpawnSetup&) = delete;
+
+    // The child's descriptors 0 to 2 are the given streams (an unset one is
+    // inherited), it starts in `directory` when there is one, and nothing
+    // else this process has open (close-on-exec or not) reaches it.
+    void setDescriptors(const ChildStream (&streams)[3], const std::optional<std::string>& directory)
+    {
+        for (int target = 0; target < 3; ++target) {
+            const int fd = streams[target].fd;
+            if (fd >= 0 && fd != target) {
+                checkSpawnStep(posix_spawn_file_actions_adddup2(&actions_, fd, target));
+            }
+        }
+        if (directory) {
+            checkSpawnStep(posix_spawn_file_actions_addchdir_np(&actions_, directory->c_str()));
+        }
+        checkSpawnStep(posix_spawn_file_actions_addclosefrom_np(&actions_, 3));
+    }
+
+    // Every signal at its default disposition (those that can have another)
+    // and none blocked, whatever this process set up for itself.
+    void resetSignals()
+    {
+        sigset_t signals;
+        sigemptyset(&signals);
+        checkSpawnStep(posix_spawnattr_setsigmask(&attributes_, &signals));
+        sigfillset(&signals);
+        sigdelset(&signals, SIGKILL);
+        sigdelset(&signals, SIGSTOP);
+        checkSpawnStep(posix_spawnattr_setsigdefault(&attributes_, &signals));
+        checkSpawnStep(posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF));
+    }
+
+    [[nodiscard]] const posix_spawn_file_actions_t* actions() const { return &actions_; }
+    [[nodiscard]] const posix_spawnattr_t* attributes() const { return &attributes_; }
+
+private:
+    posix_spawn_file_actions_t actions_{};
+    posix_spawnattr_t attributes_{};
 };
 
 // Through the system call itself: the C library's declaration of the
@@ -102,6 +152,52 @@ std::vector<char*> pointersTo(std::vector<std::string>& strings)
     }
     pointers.push_back(nullptr);
     return pointers;
+}
+
+// The child's argument vector: the launch path, then the arguments.
+std::vector<std::string> commandLine(const std::string& launchPath, const std::vector<std::string>& arguments)
+{
+    std::vector<std::string> line{launchPath};
+    line.insert(line.end(), arguments.begin(), arguments.end());
+    return line;
+}
+
+// "NAME=value" for each entry; a value that is not a string is given as its description.
+std::vector<std::string> environmentStrings(const Dictionary& environment)
+{
+    std::vector<std::string> strings;
+    for (const auto& [name, value] : environment) {
+        strings.push_back(name + "=" + (value.string() != nullptr ? *value.string() : value.description()));
+    }
+    return strings;
+}
+
+// What the child is started with, read from the task in one go.
+struct SpawnRequest {
+    const std::string& launchPath;
+    const std::vector<std::string>& arguments;
+    const std::optional<Dictionary>& environment;  // nothing: this process's
+    const std::optional<std::string>& directory;
+};
+
+// Starts the child and returns its process id; raises a launch failure when it cannot.
+pid_t spawnChild(const SpawnRequest& request, const ChildStream (&streams)[3])
+{
+    SpawnSetup setup;
+    setup.setDescriptors(streams, request.directory);
+    setup.resetSignals();
+    auto argumentStrings = commandLine(request.launchPath, request.arguments);
+    auto argv = pointersTo(argumentStrings);
+    auto environment = request.environment ? environmentStrings(*request.environment) : std::vector<std::string>{};
+    auto envp = pointersTo(environment);
+    pid_t pid = 0;
+    const int failure = ::posix_spawn(&pid, request.launchPath.c_str(), setup.actions(), setup.attributes(),
+                                      argv.data(), request.environment ? envp.data() : environ);
+    if (failure != 0) {
+        raiseLaunchFailure(failure == ENOENT || failure == EACCES || failure == ENOEXEC ? "launch path not accessible"
+                                                                                        : std::strerror(failure));
+    }
+    return pid;
 }
 
 }  // namespace
@@ -134,7 +230,7 @@ struct Task::Reaper {
 
     void schedule()
     {
-        EventMonitor::shared().addTimer(EventMonitor::Clock::now() + kSweepInterval, kSweepInterval / 2, [this] { sweep(); });
+        internal::EventMonitor::shared().addTimer(internal::EventMonitor::Clock::now() + kSweepInterval, kSweepInterval / 2, [this] { sweep(); });
     }
 
     void sweep()
@@ -259,62 +355,11 @@ void Task::setTerminationHandler(TerminationHandler handler)
 
 void Task::launch()
 {
-    const auto self = std::static_pointer_cast<Task>(shared_from_this());
     std::unique_lock lock(mutex_);
-    if (launched_) {
-        raiseLaunchFailure("task already launched");
-    }
-    if (!launchPath_) {
-        raiseLaunchFailure("must provide a launch path");
-    }
-    if (::access(launchPath_->c_str(), X_OK) != 0) {
-        raiseLaunchFailure("launch path not accessible");
-    }
-    struct stat directory {};
-    if (currentDirectoryPath_ && (::stat(currentDirectoryPath_->c_str(), &directory) != 0 || !S_ISDIR(directory.st_mode))) {
-        raiseLaunchFailure("working directory doesn't exist.");
-    }
-
+    checkLaunchable();
     const ChildStream streams[3] = {childStream(standardInput_, true), childStream(standardOutput_, false),
                                     childStream(standardError_, false)};
-    SpawnSetup setup;
-    for (int target = 0; target < 3; ++target) {
-        if (streams[target].fd >= 0 && streams[target].fd != target) {
-            posix_spawn_file_actions_adddup2(&setup.actions, streams[target].fd, target);
-        }
-    }
-    if (currentDirectoryPath_) {
-        posix_spawn_file_actions_addchdir_np(&setup.actions, currentDirectoryPath_->c_str());
-    }
-    // Whatever this process has open, close-on-exec or not, stays out of the child.
-    posix_spawn_file_actions_addclosefrom_np(&setup.actions, 3);
-    sigset_t signals;
-    sigemptyset(&signals);
-    posix_spawnattr_setsigmask(&setup.attributes, &signals);
-    sigfillset(&signals);
-    sigdelset(&signals, SIGKILL);
-    sigdelset(&signals, SIGSTOP);
-    posix_spawnattr_setsigdefault(&setup.attributes, &signals);
-    posix_spawnattr_setflags(&setup.attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-
-    std::vector<std::string> argumentStrings{*launchPath_};
-    argumentStrings.insert(argumentStrings.end(), arguments_.begin(), arguments_.end());
-    auto argv = pointersTo(argumentStrings);
-    std::vector<std::string> environmentStrings;
-    if (environment_) {
-        for (const auto& [name, value] : *environment_) {
-            environmentStrings.push_back(name + "=" + (value.string() != nullptr ? *value.string() : value.description()));
-        }
-    }
-    auto envp = pointersTo(environmentStrings);
-
-    pid_t pid = 0;
-    const int failure = ::posix_spawn(&pid, launchPath_->c_str(), &setup.actions, &setup.attributes, argv.data(),
-                                      environment_ ? envp.data() : environ);
-    if (failure != 0) {
-        raiseLaunchFailure(failure == ENOENT || failure == EACCES || failure == ENOEXEC ? "launch path not accessible"
-                                                                                        : std::strerror(failure));
-    }
+    const pid_t pid = spawnChild({*launchPath_, arguments_, environment_, currentDirectoryPath_}, streams);
     launched_ = true;
     pid_ = pid;
     pidfd_ = openProcessDescriptor(pid);
@@ -328,36 +373,64 @@ void Task::launch()
             stream.parentCopy->closeFile();
         }
     }
-
-    const std::weak_ptr<RunLoop> weakLoop = loop;
     if (pidfd >= 0) {
-        // The launching loop watches the process descriptor itself, so the
-        // thread that posts the notification is woken by the child's end
-        // directly. Until it has posted, the source keeps the loop non-empty.
-        auto cell = std::make_shared<std::weak_ptr<FileDescriptorSource>>();
-        const auto source = FileDescriptorSource::create(pidfd, FileDescriptorSource::Readable, [self, cell, weakLoop](int, unsigned) {
-            self->reapIfEnded();
-            if (self->isRunning()) {
-                return;
-            }
-            if (const auto watched = cell->lock()) {
-                watched->invalidate();
-                if (const auto launching = weakLoop.lock()) {
-                    launching->removeFileDescriptorSource(watched, NSRunLoopCommonModes);
-                }
-            }
-            self->postTermination();
-        });
-        *cell = source;
-        loop->addFileDescriptorSource(source, NSRunLoopCommonModes);
-        // The reaper sweeps as well, so that no zombie is left behind when
-        // the launching thread does not run its loop again.
-        Reaper::shared().add(self);
-        return;
+        watchProcessDescriptor(loop, pidfd);
+    } else {
+        waitOnThread(loop, pid);
     }
+}
 
+void Task::checkLaunchable() const
+{
+    if (launched_) {
+        raiseLaunchFailure("task already launched");
+    }
+    if (!launchPath_) {
+        raiseLaunchFailure("must provide a launch path");
+    }
+    if (::access(launchPath_->c_str(), X_OK) != 0) {
+        raiseLaunchFailure("launch path not accessible");
+    }
+    struct stat directory {};
+    if (currentDirectoryPath_ && (::stat(currentDirectoryPath_->c_str(), &directory) != 0 || !S_ISDIR(directory.st_mode))) {
+        raiseLaunchFailure("working directory doesn't exist.");
+    }
+}
+
+void Task::watchProcessDescriptor(const std::shared_ptr<RunLoop>& loop, int pidfd)
+{
+    // The launching loop watches the process descriptor itself, so the
+    // thread that posts the notification is woken by the child's end
+    // directly. Until it has posted, the source keeps the loop non-empty.
+    const auto self = std::static_pointer_cast<Task>(shared_from_this());
+    const std::weak_ptr<RunLoop> weakLoop = loop;
+    auto cell = std::make_shared<std::weak_ptr<FileDescriptorSource>>();
+    const auto source = FileDescriptorSource::create(pidfd, FileDescriptorSource::Readable, [self, cell, weakLoop](int, unsigned) {
+        self->reapIfEnded();
+        if (self->isRunning()) {
+            return;
+        }
+        if (const auto watched = cell->lock()) {
+            watched->invalidate();
+            if (const auto launching = weakLoop.lock()) {
+                launching->removeFileDescriptorSource(watched, NSRunLoopCommonModes);
+            }
+        }
+        self->postTermination();
+    });
+    *cell = source;
+    loop->addFileDescriptorSource(source, NSRunLoopCommonModes);
+    // The reaper sweeps as well, so that no zombie is left behind when
+    // the launching thread does not run its loop again.
+    Reaper::shared().add(self);
+}
+
+void Task::waitOnThread(const std::shared_ptr<RunLoop>& loop, int pid)
+{
     // No process descriptors: a thread waits for the child and signals a
     // source of the launching loop, which posts.
+    const auto self = std::static_pointer_cast<Task>(shared_from_this());
+    const std::weak_ptr<RunLoop> weakLoop = loop;
     auto cell = std::make_shared<std::weak_ptr<RunLoopSource>>();
     const auto source = RunLoopSource::create([self, cell, weakLoop] {
         if (const auto launching = weakLoop.lock(); launching && !cell->expired()) {
@@ -401,7 +474,7 @@ void Task::recordEnd(int status)
         ended_.notify_all();
     }
     if (handler) {
-        WorkerPool::shared().submit([self = std::static_pointer_cast<Task>(shared_from_this()), handler] { handler(*self); });
+        internal::WorkerPool::shared().submit([self = std::static_pointer_cast<Task>(shared_from_this()), handler] { handler(*self); });
     }
 }
 

@@ -27,7 +27,14 @@
 // - `interrupt` and `terminate` send SIGINT and SIGTERM to the child while it
 //   runs (through its process descriptor, never to a reused process id).
 // - Reading the termination status or reason before the end raises
-//   "NSInvalidArgumentException".
+//   "NSInvalidArgumentException". A child ended by a signal has that
+//   signal's number as its status.
+// - A pipe given as a standard stream has the parent's copy of the child's
+//   end closed once the child is launched, so the parent sees end of file
+//   when the child is done with it.
+// - A launch that cannot start raises "NSInvalidArgumentException" with the
+//   platform's reasons ("launch path not accessible", "working directory
+//   doesn't exist.").
 #pragma once
 
 #include "Platform/Foundation/Object.h"
@@ -100,6 +107,13 @@ public:
 private:
     struct Reaper;
     Task() = default;
+    // The launch steps. `checkLaunchable` raises the launch failures that
+    // need no spawn; it reads the settings and so runs with `mutex_` held.
+    void checkLaunchable() const;
+    // How the launching loop learns of the child's end: from its process
+    // descriptor, or where there is none from a thread that waits for it.
+    void watchProcessDescriptor(const std::shared_ptr<RunLoop>& loop, int pidfd);
+    void waitOnThread(const std::shared_ptr<RunLoop>& loop, int pid);
     // Reaps the child if it has ended and nobody reaped it yet.
     void reapIfEnded();
     void recordEnd(int status);

@@ -1,7 +1,12 @@
 // Thread: what the runtime needs to know about the calling thread.
+//
+// Every function here is about the calling thread and may be called from any
+// thread.
 #pragma once
 
 #include <cstdint>
+#include <string>
+#include <string_view>
 
 namespace platform {
 
@@ -12,6 +17,17 @@ public:
     static bool isMainThread();
     // The kernel's number for the calling thread (the number `ps -L` shows).
     static std::uint64_t currentThreadID();
+
+    // The calling thread's name: the whole name last given to `setName` on
+    // this thread, unless the thread was renamed since by other means (then,
+    // as for a thread never named here, the name the kernel keeps: at most 15
+    // bytes, and for a thread nobody named the name it inherited from the
+    // thread that started it, usually the process's name).
+    static std::string name();
+    // Names the calling thread. The kernel keeps only the first 15 bytes (cut
+    // before a character that would not fit whole, and at a NUL byte), and
+    // that is what ps and debuggers show; `name` answers the whole name.
+    static void setName(std::string_view name);
 };
 
 }  // namespace platform

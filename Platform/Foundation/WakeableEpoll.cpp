@@ -9,7 +9,7 @@
 #include <ctime>
 #include <system_error>
 
-namespace platform {
+namespace platform::internal {
 namespace {
 
 int waitForEpollEvents(int epoll, epoll_event* events, int capacity, double seconds)
@@ -76,4 +76,4 @@ void WakeableEpoll::wake() const
     [[maybe_unused]] const auto written = ::write(wakeFd_, &one, sizeof one);
 }
 
-}  // namespace platform
+}  // namespace platform::internal

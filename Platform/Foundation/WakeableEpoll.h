@@ -6,7 +6,7 @@
 #include <optional>
 #include <sys/epoll.h>
 
-namespace platform {
+namespace platform::internal {
 
 // Descriptors are added with `epoll_ctl` on `descriptor()`, their `data.u64`
 // any value but `kWakeTag`, which marks the set's own eventfd.
@@ -32,4 +32,4 @@ private:
     int wakeFd_;
 };
 
-}  // namespace platform
+}  // namespace platform::internal

@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-namespace platform {
+namespace platform::internal {
 namespace {
 
 // Past this many threads, jobs wait in the backlog for a thread to come free.
@@ -101,4 +101,4 @@ int WorkerPool::threadCount() const
     return state_->threads;
 }
 
-}  // namespace platform
+}  // namespace platform::internal

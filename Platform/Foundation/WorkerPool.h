@@ -14,7 +14,7 @@
 
 #include <functional>
 
-namespace platform {
+namespace platform::internal {
 
 class WorkerPool {
 public:
@@ -35,4 +35,4 @@ private:
     State* state_;
 };
 
-}  // namespace platform
+}  // namespace platform::internal

@@ -2,14 +2,23 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
+#include <array>
+#include <atomic>
 #include <cerrno>
+#include <climits>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <dirent.h>
 #include <fcntl.h>
 #include <map>
 #include <mutex>
 #include <pthread.h>
+#include <set>
 #include <string>
 #include <sys/stat.h>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -25,11 +34,33 @@ constexpr std::string_view kVerifierText = "zarvo-keychain key check";
 constexpr std::string_view kVerifierAssociatedData = "verifier";
 // Long enough for any queue of writers to drain; a caller sees the keychain
 // as unavailable only when one holds it far longer than a write takes.
-constexpr int kBusyTimeoutMilliseconds = 30000;
+constexpr int kDefaultBusyWaitMilliseconds = 30000;
+// A wait this long is worth telling a person about.
+constexpr std::chrono::seconds kBusyNoticeAfter{1};
+// The progress handler runs every this many SQLite instructions.
+constexpr int kInstructionsPerWorkUnit = 1000;
+constexpr std::string_view kAllowReadableVariable = "ZARVO_KEYCHAIN_ALLOW_READABLE";
+// Files being made by create() are called ".keychain-XXXXXX.incomplete":
+// six random characters between, and a name no one would give a file of
+// their own, since a stale one is deleted.
+constexpr std::string_view kStagingPrefix = ".keychain-";
+constexpr std::string_view kStagingSuffix = ".incomplete";
 
-constexpr const char* kSchema = R"sql(
-CREATE TABLE keychain_meta (name TEXT PRIMARY KEY NOT NULL, value) WITHOUT ROWID;
-CREATE TABLE items (
+// The schema, entry by entry as sqlite_schema holds it. A file is opened
+// only when its schema is exactly this, so the text is part of the file
+// format: files made since the first version hold these very words, and a
+// change here needs a new format version that still accepts the old text.
+struct SchemaEntry {
+    std::string_view type;
+    std::string_view name;
+    std::string_view table;
+    std::string_view sql;
+    bool madeBySQLite;  // for AUTOINCREMENT; comes with the items table
+};
+constexpr SchemaEntry kSchema[] = {
+    {"table", "keychain_meta", "keychain_meta",
+     "CREATE TABLE keychain_meta (name TEXT PRIMARY KEY NOT NULL, value) WITHOUT ROWID", false},
+    {"table", "items", "items", R"sql(CREATE TABLE items (
     id INTEGER PRIMARY KEY AUTOINCREMENT,
     class TEXT NOT NULL,
     "acct" TEXT NOT NULL DEFAULT '',
@@ -51,11 +82,35 @@ CREATE TABLE items (
     "cdat" REAL NOT NULL,
     "mdat" REAL NOT NULL,
     secret BLOB
-);
-CREATE UNIQUE INDEX items_primary_key
-    ON items (class, "srvr", "acct", "ptcl", "port", "path", "sdmn", "atyp", "svce");
-CREATE INDEX items_service ON items (class, "svce", "acct");
-)sql";
+))sql",
+     false},
+    {"table", "sqlite_sequence", "sqlite_sequence", "CREATE TABLE sqlite_sequence(name,seq)", true},
+    {"index", "items_primary_key", "items", R"sql(CREATE UNIQUE INDEX items_primary_key
+    ON items (class, "srvr", "acct", "ptcl", "port", "path", "sdmn", "atyp", "svce"))sql",
+     false},
+    {"index", "items_service", "items", R"sql(CREATE INDEX items_service ON items (class, "svce", "acct"))sql", false},
+};
+
+std::atomic<int> busyWaitMilliseconds{kDefaultBusyWaitMilliseconds};
+std::atomic<NoticeHandler> noticeHandler{nullptr};
+std::atomic<bool> busyNoticeGiven{false};
+std::atomic<std::uint32_t> stepWorkLimit{kDefaultStepWorkLimit};
+// The work units the current step of this thread has used. A connection is
+// used by one thread at a time, and each step starts the count again.
+thread_local std::uint32_t stepWorkUsed = 0;
+thread_local std::string refusalReason;
+
+int limitStepWork(void*)
+{
+    return ++stepWorkUsed > stepWorkLimit.load(std::memory_order_relaxed) ? 1 : 0;
+}
+
+void notify(const std::string& line)
+{
+    if (const auto handler = noticeHandler.load()) {
+        handler(line);
+    }
+}
 
 Data bytesOf(std::string_view text)
 {
@@ -108,10 +163,276 @@ int openConnection(const std::string& path, sqlite3** database)
 
 int execute(sqlite3* database, const char* sql)
 {
+    stepWorkUsed = 0;
     return sqlite3_exec(database, sql, nullptr, nullptr, nullptr);
 }
 
+// A path as one line of text: control characters become "?".
+std::string printable(std::string_view path)
+{
+    std::string text(path);
+    const auto isControl = [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; };
+    std::replace_if(text.begin(), text.end(), isControl, '?');
+    return text;
+}
+
+std::string modeText(mode_t mode)
+{
+    char text[8];
+    std::snprintf(text, sizeof text, "%04o", static_cast<unsigned>(mode & 07777));
+    return text;
+}
+
+OSStatus refuse(const std::string& path, const std::string& why)
+{
+    refusalReason = "refusing the keychain " + printable(path) + ": " + why;
+    return errSecUnprotectedKeychain;
+}
+
+bool isOwnedByUserOrRoot(const struct stat& information)
+{
+    return information.st_uid == ::geteuid() || information.st_uid == 0;
+}
+
+// Whether another user could replace a file in `directory` or anything
+// above it: every directory up to "/" must belong to this user or root and
+// be writable by no one else, unless its sticky bit keeps others from
+// renaming entries they do not own. Group-writable counts as writable by
+// others, as for the file itself.
+OSStatus checkDirectories(const std::string& keychainPath, std::string directory)
+{
+    for (;;) {
+        struct stat information {};
+        if (::stat(directory.c_str(), &information) != 0) {
+            return statusForErrno(errno);
+        }
+        if (!isOwnedByUserOrRoot(information)) {
+            return refuse(keychainPath, "its directory " + printable(directory) + " belongs to user " +
+                                            std::to_string(information.st_uid) + ", who could replace it");
+        }
+        if ((information.st_mode & (S_IWGRP | S_IWOTH)) != 0 && (information.st_mode & S_ISVTX) == 0) {
+            return refuse(keychainPath, "other users can change its directory " + printable(directory) + " (mode " +
+                                            modeText(information.st_mode) + ", no sticky bit)");
+        }
+        if (directory == "/") {
+            return errSecSuccess;
+        }
+        directory = directoryOf(directory);
+    }
+}
+
+// The canonical path of an open file, from the kernel's view of it.
+std::string realPathOf(int descriptor, const std::string& path)
+{
+    char link[PATH_MAX];
+    const std::string procPath = "/proc/self/fd/" + std::to_string(descriptor);
+    const ssize_t length = ::readlink(procPath.c_str(), link, sizeof link);
+    if (length > 0 && static_cast<std::size_t>(length) < sizeof link && link[0] == '/') {
+        return std::string(link, static_cast<std::size_t>(length));
+    }
+    // Without /proc: resolved again by name, which the directory check then
+    // covers.
+    char* resolved = ::realpath(path.c_str(), nullptr);
+    std::string real = resolved != nullptr ? resolved : path;
+    std::free(resolved);
+    return real;
+}
+
+bool readableByOthersAllowed()
+{
+    const char* allowed = std::getenv(kAllowReadableVariable.data());
+    return allowed != nullptr && std::string_view(allowed) == "1";
+}
+
+// What open() learns about a keychain file before SQLite sees it.
+struct FileFacts {
+    std::uint64_t device = 0;
+    std::uint64_t inode = 0;
+    std::string realPath;
+};
+
+// Looks at the file without opening it for reading (O_PATH: a device or a
+// FIFO at the path is never opened), and checks, on that very descriptor,
+// who could read or replace it.
+OSStatus examineFile(const std::string& path, OpenMode mode, FileFacts* facts)
+{
+    const int descriptor = ::open(path.c_str(), O_PATH | O_CLOEXEC);
+    if (descriptor < 0) {
+        return statusForErrno(errno);
+    }
+    struct stat information {};
+    OSStatus status = ::fstat(descriptor, &information) == 0 ? errSecSuccess : statusForErrno(errno);
+    if (status == errSecSuccess && !S_ISREG(information.st_mode)) {
+        status = errSecInvalidKeychain;
+    }
+    if (status == errSecSuccess) {
+        facts->device = information.st_dev;
+        facts->inode = information.st_ino;
+        facts->realPath = realPathOf(descriptor, path);
+    }
+    ::close(descriptor);
+    if (status != errSecSuccess) {
+        return status;
+    }
+    if (!isOwnedByUserOrRoot(information)) {
+        return refuse(path, "it belongs to user " + std::to_string(information.st_uid) + ", not to you");
+    }
+    if (status = checkDirectories(path, directoryOf(facts->realPath)); status != errSecSuccess) {
+        return status;
+    }
+    const bool writableByOthers = (information.st_mode & (S_IWGRP | S_IWOTH)) != 0;
+    const bool readableByOthers = (information.st_mode & (S_IRGRP | S_IROTH)) != 0;
+    if (!writableByOthers && (!readableByOthers || readableByOthersAllowed())) {
+        return errSecSuccess;
+    }
+    const bool ownFile = information.st_uid == ::geteuid();
+    if (ownFile && mode == OpenMode::Examine) {
+        return errSecSuccess;
+    }
+    if (ownFile && (mode == OpenMode::Write || mode == OpenMode::WriteCreating)) {
+        // The directories are safe, so the real path still names this file.
+        if (::chmod(facts->realPath.c_str(), 0600) != 0) {
+            return refuse(path, "its mode " + modeText(information.st_mode) + " could not be made 0600");
+        }
+        notify("made the keychain " + printable(path) + " private (mode 0600; it was " +
+               modeText(information.st_mode) + ")");
+        return errSecSuccess;
+    }
+    if (writableByOthers) {
+        return refuse(path, "other users can change it (mode " + modeText(information.st_mode) +
+                                "); make it private with chmod 600");
+    }
+    return refuse(path, "other users can read it (mode " + modeText(information.st_mode) +
+                            "); make it private with chmod 600, or set " + std::string(kAllowReadableVariable) +
+                            "=1 to allow that");
+}
+
+// Takes the lock that says "a live process is making this staging file":
+// an open-file-description lock on byte 0, which SQLite's own locks (far
+// beyond the first page) never overlap. Held until the descriptor closes.
+bool lockStagingFile(int descriptor, short type)
+{
+    struct flock lock {};
+    lock.l_type = type;
+    lock.l_whence = SEEK_SET;
+    lock.l_start = 0;
+    lock.l_len = 1;
+    return ::fcntl(descriptor, F_OFD_SETLK, &lock) == 0;
+}
+
+// Whether `name` is one of our staging files (`*suffix` empty) or one of
+// their journals (`*suffix` is "-journal", "-wal" or "-shm").
+bool isStagingName(std::string_view name, std::string_view* suffix)
+{
+    constexpr std::size_t kRandomLength = 6;
+    const std::size_t fixedLength = kStagingPrefix.size() + kRandomLength + kStagingSuffix.size();
+    if (name.size() < fixedLength || !name.starts_with(kStagingPrefix) ||
+        name.substr(kStagingPrefix.size() + kRandomLength, kStagingSuffix.size()) != kStagingSuffix) {
+        return false;
+    }
+    const auto random = name.substr(kStagingPrefix.size(), kRandomLength);
+    if (!std::all_of(random.begin(), random.end(), [](char c) {
+            return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
+        })) {
+        return false;
+    }
+    *suffix = name.substr(fixedLength);
+    return suffix->empty() || *suffix == "-journal" || *suffix == "-wal" || *suffix == "-shm";
+}
+
+// The staging files this process is making. Another thread's cleaner must
+// not so much as open one: closing any descriptor of a file drops every
+// POSIX lock this process holds on it, SQLite's among them.
+struct StagingFiles {
+    std::mutex mutex;  // guards paths
+    std::set<std::string> paths;
+};
+
+StagingFiles& stagingFiles()
+{
+    static StagingFiles files;
+    return files;
+}
+
+bool isBeingMadeHere(const std::string& path)
+{
+    auto& files = stagingFiles();
+    std::lock_guard lock(files.mutex);
+    return files.paths.contains(path);
+}
+
+// Removes what a create() killed midway left in `directory`: staging files
+// of this user that no live creator holds locked, and journals whose
+// staging file is gone. A creator still at work keeps its lock, so its file
+// stays.
+void removeStaleStagingFiles(const std::string& directory)
+{
+    DIR* listing = ::opendir(directory.c_str());
+    if (listing == nullptr) {
+        return;
+    }
+    const int directoryDescriptor = ::dirfd(listing);
+    std::vector<std::string> orphanJournals;
+    while (const dirent* entry = ::readdir(listing)) {
+        const std::string_view name = entry->d_name;
+        std::string_view suffix;
+        if (!isStagingName(name, &suffix)) {
+            continue;
+        }
+        if (!suffix.empty()) {
+            orphanJournals.emplace_back(name);
+            continue;
+        }
+        if (isBeingMadeHere(directory + "/" + std::string(name))) {
+            continue;
+        }
+        const int descriptor =
+            ::openat(directoryDescriptor, entry->d_name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+        if (descriptor < 0) {
+            continue;
+        }
+        struct stat information {};
+        if (::fstat(descriptor, &information) == 0 && S_ISREG(information.st_mode) &&
+            information.st_uid == ::geteuid() && lockStagingFile(descriptor, F_RDLCK)) {
+            ::unlinkat(directoryDescriptor, entry->d_name, 0);
+        }
+        ::close(descriptor);
+    }
+    for (const auto& journal : orphanJournals) {
+        const std::string stagingName = journal.substr(0, journal.rfind('-'));
+        struct stat information {};
+        const bool stagingFileGone =
+            ::fstatat(directoryDescriptor, stagingName.c_str(), &information, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT;
+        if (stagingFileGone &&
+            ::fstatat(directoryDescriptor, journal.c_str(), &information, AT_SYMLINK_NOFOLLOW) == 0 &&
+            information.st_uid == ::geteuid()) {
+            ::unlinkat(directoryDescriptor, journal.c_str(), 0);
+        }
+    }
+    ::closedir(listing);
+}
+
 }  // namespace
+
+void setBusyWait(std::chrono::milliseconds limit)
+{
+    busyWaitMilliseconds.store(static_cast<int>(std::clamp<std::chrono::milliseconds::rep>(limit.count(), 0, INT_MAX)));
+}
+
+void setNoticeHandler(NoticeHandler handler)
+{
+    noticeHandler.store(handler);
+}
+
+std::string lastRefusalReason()
+{
+    return refusalReason;
+}
+
+void setStepWorkLimit(std::uint32_t thousandsOfInstructions)
+{
+    stepWorkLimit.store(thousandsOfInstructions);
+}
 
 OSStatus statusForSQLite(int resultCode)
 {
@@ -192,6 +513,7 @@ void Statement::bindNull(int index)
 
 int Statement::step()
 {
+    stepWorkUsed = 0;
     return statement_ == nullptr ? prepareResult_ : sqlite3_step(statement_);
 }
 
@@ -205,6 +527,13 @@ std::string Statement::text(int column) const
     const auto* bytes = sqlite3_column_text(statement_, column);
     const auto size = static_cast<std::size_t>(sqlite3_column_bytes(statement_, column));
     return bytes == nullptr ? std::string() : std::string(reinterpret_cast<const char*>(bytes), size);
+}
+
+std::string_view Statement::textView(int column) const
+{
+    const auto* bytes = sqlite3_column_text(statement_, column);
+    const auto size = static_cast<std::size_t>(sqlite3_column_bytes(statement_, column));
+    return bytes == nullptr ? std::string_view() : std::string_view(reinterpret_cast<const char*>(bytes), size);
 }
 
 std::int64_t Statement::integer(int column) const
@@ -318,21 +647,21 @@ KeychainFileRef KeychainFile::takeIdleConnection(const std::string& path, std::u
     return nullptr;
 }
 
-OSStatus KeychainFile::connect(const std::string& path, std::uint64_t device, std::uint64_t inode,
-                               KeychainFileRef* file)
+OSStatus KeychainFile::connect(const std::string& path, const std::string& realPath, std::uint64_t device,
+                               std::uint64_t inode, KeychainFileRef* file)
 {
     sqlite3* database = nullptr;
     // Read-write even for reading: a reader that finds the journal of a
     // writer that died must roll it back. SQLite falls back to read-only
     // when the file is write-protected.
-    const int result = openConnection(path, &database);
+    const int result = openConnection(realPath, &database);
     std::unique_ptr<KeychainFile> connection(new KeychainFile(path, database));
     connection->device_ = device;
     connection->inode_ = inode;
     if (result != SQLITE_OK) {
         // Not given to the pool: this connection is of no use.
-        return result == SQLITE_CANTOPEN && ::access(path.c_str(), R_OK) != 0 ? statusForErrno(errno)
-                                                                              : statusForSQLite(result);
+        return result == SQLITE_CANTOPEN && ::access(realPath.c_str(), R_OK) != 0 ? statusForErrno(errno)
+                                                                                  : statusForSQLite(result);
     }
     if (const OSStatus status = connection->configure(); status != errSecSuccess) {
         return status;
@@ -343,41 +672,40 @@ OSStatus KeychainFile::connect(const std::string& path, std::uint64_t device, st
 
 OSStatus KeychainFile::open(const std::string& path, OpenMode mode, KeychainFileRef* file)
 {
-    struct stat information {};
-    if (::stat(path.c_str(), &information) != 0) {
-        if ((errno != ENOENT && errno != ENOTDIR) || mode != OpenMode::WriteCreating) {
-            return statusForErrno(errno);
-        }
+    FileFacts facts;
+    OSStatus status = examineFile(path, mode, &facts);
+    if (status == errSecNoSuchKeychain && mode == OpenMode::WriteCreating) {
         KeychainFileRef created;
-        const OSStatus status = create(path, std::nullopt, nullptr, &created);
+        status = create(path, std::nullopt, nullptr, &created);
         if (status == errSecSuccess) {
             *file = std::move(created);
             return status;
         }
         // Another process created it first: use theirs.
-        if (status != errSecDuplicateKeychain || ::stat(path.c_str(), &information) != 0) {
-            return status;
+        if (status == errSecDuplicateKeychain) {
+            status = examineFile(path, mode, &facts);
         }
     }
-    if (!S_ISREG(information.st_mode)) {
-        return errSecInvalidKeychain;
+    if (status != errSecSuccess) {
+        return status;
     }
 
-    KeychainFileRef opened = takeIdleConnection(path, information.st_dev, information.st_ino);
-    OSStatus status = opened ? errSecSuccess : connect(path, information.st_dev, information.st_ino, &opened);
+    KeychainFileRef opened = takeIdleConnection(path, facts.device, facts.inode);
+    status = opened ? errSecSuccess : connect(path, facts.realPath, facts.device, facts.inode, &opened);
     if (status != errSecSuccess) {
         return status;
     }
     // A read sees the file through one snapshot, taken under one shared
-    // lock with its first page. The metadata is read each time: another
-    // process may have given an empty file its tables since.
-    if (mode == OpenMode::Read) {
+    // lock with its first page. The schema and the metadata are read each
+    // time: another process may have given an empty file its tables since.
+    if (mode == OpenMode::Read || mode == OpenMode::Examine) {
         status = statusForSQLite(execute(opened->database_, "BEGIN"));
     }
     if (status == errSecSuccess) {
         status = opened->readHeaderAndMetadata();
     }
-    if (status == errSecSuccess && opened->isUninitialised() && mode != OpenMode::Read) {
+    if (status == errSecSuccess && opened->isUninitialised() &&
+        (mode == OpenMode::Write || mode == OpenMode::WriteCreating)) {
         status = opened->initialise(std::nullopt, nullptr);
     }
     if (status != errSecSuccess) {
@@ -396,16 +724,46 @@ OSStatus KeychainFile::create(const std::string& path, const std::optional<KeyDe
     if (const OSStatus status = makeParentDirectories(path); status != errSecSuccess) {
         return status;
     }
+    const std::string directory = directoryOf(path);
+    {
+        char* resolved = ::realpath(directory.c_str(), nullptr);
+        const OSStatus status = resolved != nullptr ? checkDirectories(path, resolved) : statusForErrno(errno);
+        std::free(resolved);
+        if (status != errSecSuccess) {
+            return status;
+        }
+    }
+    removeStaleStagingFiles(directory);
     // The file is made complete under a temporary name and then linked into
     // place, so no other process ever sees it half made (and, say, takes an
-    // empty password-protected keychain for one without a password).
-    std::string temporary = directoryOf(path) + "/.keychain-XXXXXX";
-    const int descriptor = ::mkostemp(temporary.data(), O_CLOEXEC);
+    // empty password-protected keychain for one without a password). The
+    // lock on it tells a later create() in this directory that its maker
+    // is alive; one that finds it unlocked removes it.
+    std::string temporary;
+    int descriptor = -1;
+    for (int attempt = 0; attempt < 8 && descriptor < 0; ++attempt) {
+        temporary = directory + "/" + std::string(kStagingPrefix) + "XXXXXX" + std::string(kStagingSuffix);
+        descriptor = ::mkostemps(temporary.data(), static_cast<int>(kStagingSuffix.size()), O_CLOEXEC);
+        if (descriptor < 0) {
+            return statusForErrno(errno);
+        }
+        // A cleaner may have taken it for stale before the lock was on.
+        struct stat information {};
+        if (!lockStagingFile(descriptor, F_WRLCK) || ::fstat(descriptor, &information) != 0 ||
+            information.st_nlink == 0) {
+            ::close(descriptor);
+            descriptor = -1;
+        }
+    }
     if (descriptor < 0) {
-        return statusForErrno(errno);
+        return errSecIO;
     }
     ::fchmod(descriptor, 0600);
-    ::close(descriptor);
+    {
+        auto& files = stagingFiles();
+        std::lock_guard lock(files.mutex);
+        files.paths.insert(temporary);
+    }
 
     OSStatus status = errSecSuccess;
     {
@@ -422,6 +780,14 @@ OSStatus KeychainFile::create(const std::string& path, const std::optional<KeyDe
     }
     ::unlink(temporary.c_str());
     removeJournalFiles(temporary);
+    {
+        auto& files = stagingFiles();
+        std::lock_guard lock(files.mutex);
+        files.paths.erase(temporary);
+    }
+    // Closed only now: SQLite has let go of the file, and closing drops the
+    // lock.
+    ::close(descriptor);
     if (status != errSecSuccess) {
         return status;
     }
@@ -431,11 +797,37 @@ OSStatus KeychainFile::create(const std::string& path, const std::optional<KeyDe
 OSStatus KeychainFile::configure()
 {
     sqlite3_extended_result_codes(database_, 1);
-    sqlite3_busy_timeout(database_, kBusyTimeoutMilliseconds);
-    // A keychain file may come from anywhere: never let its schema run code.
+    sqlite3_busy_handler(database_, waitWhileBusy, this);
+    // A keychain file may come from anywhere: never let its schema run code,
+    // and never let one step of a statement run on without end.
     sqlite3_db_config(database_, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
     sqlite3_db_config(database_, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
+    sqlite3_progress_handler(database_, kInstructionsPerWorkUnit, limitStepWork, nullptr);
     return errSecSuccess;
+}
+
+int KeychainFile::waitWhileBusy(void* connection, int attempt)
+{
+    auto* file = static_cast<KeychainFile*>(connection);
+    const auto now = std::chrono::steady_clock::now();
+    if (attempt == 0) {
+        file->busySince_ = now;
+    }
+    const auto waited = now - file->busySince_;
+    const auto limit = std::chrono::milliseconds(busyWaitMilliseconds.load(std::memory_order_relaxed));
+    if (waited >= limit) {
+        return 0;
+    }
+    if (waited >= kBusyNoticeAfter && !busyNoticeGiven.exchange(true)) {
+        notify("waiting for another program to finish with the keychain " + printable(file->path_));
+    }
+    // Short sleeps first: most waits are for a commit, which takes
+    // milliseconds.
+    static constexpr int kDelays[] = {1, 2, 5, 10, 15, 20, 25, 25, 25, 50, 50, 100};
+    constexpr int kLastDelay = static_cast<int>(std::size(kDelays)) - 1;
+    std::this_thread::sleep_for(std::min<std::chrono::steady_clock::duration>(
+        std::chrono::milliseconds(kDelays[std::min(attempt, kLastDelay)]), limit - waited));
+    return 1;
 }
 
 OSStatus KeychainFile::configureForWriting()
@@ -452,26 +844,46 @@ OSStatus KeychainFile::configureForWriting()
     return statusForSQLite(result);
 }
 
+OSStatus KeychainFile::checkSchema(bool* isEmpty)
+{
+    // The first statement of an open, so it takes the read lock, and any
+    // statement that follows touches only tables known to be ours: an items
+    // "table" that is really an endless view never runs.
+    Statement schema(database_, "SELECT type, name, tbl_name, sql FROM sqlite_schema");
+    std::array<bool, std::size(kSchema)> seen{};
+    std::size_t rows = 0;
+    int result;
+    while ((result = schema.step()) == SQLITE_ROW) {
+        ++rows;
+        const auto matches = [&schema](const SchemaEntry& entry) {
+            return schema.textView(0) == entry.type && schema.textView(1) == entry.name &&
+                   schema.textView(2) == entry.table && schema.textView(3) == entry.sql;
+        };
+        const auto* found = std::find_if(std::begin(kSchema), std::end(kSchema), matches);
+        const auto index = static_cast<std::size_t>(found - std::begin(kSchema));
+        if (found == std::end(kSchema) || seen[index]) {
+            return errSecInvalidKeychain;
+        }
+        seen[index] = true;
+    }
+    if (result != SQLITE_DONE) {
+        return statusForSQLite(result);
+    }
+    *isEmpty = rows == 0;
+    return rows == 0 || rows == std::size(kSchema) ? errSecSuccess : errSecInvalidKeychain;
+}
+
 OSStatus KeychainFile::readHeaderAndMetadata()
 {
     identity_.clear();
     derivation_.reset();
     verifier_.clear();
-    // One statement on the common path: the metadata says whether the file
-    // is ours. Only when there is no metadata table is the file looked at
-    // further: a database without tables is a keychain not yet initialised.
-    Statement metadata(database_, "SELECT name, value FROM keychain_meta");
-    if (metadata.prepareResult() != SQLITE_OK) {
-        if ((metadata.prepareResult() & 0xff) != SQLITE_ERROR) {
-            return statusForSQLite(metadata.prepareResult());
-        }
-        Statement tables(database_, "SELECT count(*) FROM sqlite_schema");
-        const int counted = tables.step();
-        if (counted != SQLITE_ROW) {
-            return statusForSQLite(counted);
-        }
-        return tables.integer(0) == 0 ? errSecSuccess : errSecInvalidKeychain;
+    // A database without tables is a keychain not yet initialised.
+    bool isEmpty = false;
+    if (const OSStatus status = checkSchema(&isEmpty); status != errSecSuccess || isEmpty) {
+        return status;
     }
+    Statement metadata(database_, "SELECT name, value FROM keychain_meta");
     std::string format;
     std::int64_t version = 0;
     KeyDerivation derivation;
@@ -522,7 +934,12 @@ OSStatus KeychainFile::initialise(const std::optional<KeyDerivation>& derivation
         rollback();
         return status;
     }
-    int result = execute(database_, kSchema);
+    int result = SQLITE_OK;
+    for (const auto& entry : kSchema) {
+        if (!entry.madeBySQLite && result == SQLITE_OK) {
+            result = execute(database_, std::string(entry.sql).c_str());
+        }
+    }
     const std::string identity = randomIdentity();
     auto setMeta = [this, &result](std::string_view name, auto bind) {
         if (result != SQLITE_OK) {

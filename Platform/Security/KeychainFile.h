@@ -9,16 +9,21 @@
 // operations it waits in a per-file pool of this process, and it never
 // crosses a fork.
 //
-// Opening for reading begins a read transaction and runs no statement but
-// the one that reads the few rows of metadata; the settings that only writes
-// need are made by the first write on a connection. Opening for writing
-// creates the file and its tables when asked to.
+// Opening for reading begins a read transaction and runs two statements in
+// it: one that compares the schema with ours, one that reads the few rows of
+// metadata; the settings that only writes need are made by the first write
+// on a connection. Opening for writing creates the file and its tables when
+// asked to. Every open first checks that no other user could read or
+// replace the file (see SecKeychain.h); SQLite is then given the file's real
+// path, whose directories that check has found safe, so it opens the file
+// that was checked.
 #pragma once
 
 #include "Platform/Foundation/Value.h"
 #include "Platform/Security/KeychainCrypto.h"
 #include "Platform/Security/SecBase.h"
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -40,9 +45,25 @@ using KeychainFileRef = std::unique_ptr<KeychainFile, KeychainFileRelease>;
 
 enum class OpenMode {
     Read,            // a missing file answers errSecNoSuchKeychain
-    Write,           // likewise; an empty file is given its tables
-    WriteCreating,   // a missing file is created, with its directory
+    Examine,         // as Read, but the user's own file may be too open: for what reads no secret
+    Write,           // as Read; an empty file is given its tables, a too-open mode is made 0600
+    WriteCreating,   // as Write; a missing file is created, with its directory
 };
+
+// The process-wide settings behind SecKeychainSetBusyWait and
+// SecKeychainSetNoticeHandler, and the reason behind
+// SecKeychainCopyRefusalReason.
+using NoticeHandler = void (*)(const std::string& line);
+void setBusyWait(std::chrono::milliseconds limit);
+void setNoticeHandler(NoticeHandler handler);
+std::string lastRefusalReason();
+
+// How much work one step of a statement may do, in units of a thousand
+// SQLite instructions, before it is interrupted (SQLITE_INTERRUPT, which
+// reads as errSecInvalidKeychain). Our statements on our schema stay far
+// below the default; tests lower it to see the bound work.
+inline constexpr std::uint32_t kDefaultStepWorkLimit = 100000;
+void setStepWorkLimit(std::uint32_t thousandsOfInstructions);
 
 class KeychainFile {
 public:
@@ -50,10 +71,10 @@ public:
     KeychainFile(const KeychainFile&) = delete;
     KeychainFile& operator=(const KeychainFile&) = delete;
 
-    static OSStatus open(const std::string& path, OpenMode mode, KeychainFileRef* file);
+    [[nodiscard]] static OSStatus open(const std::string& path, OpenMode mode, KeychainFileRef* file);
     // Creates a new file, failing with errSecDuplicateKeychain when one is
     // there; with a derivation, a password-protected one whose key is given.
-    static OSStatus create(const std::string& path, const std::optional<KeyDerivation>& derivation,
+    [[nodiscard]] static OSStatus create(const std::string& path, const std::optional<KeyDerivation>& derivation,
                            const SecretKey* key, KeychainFileRef* file);
     // Closes the idle connections to a file that is about to be deleted.
     static void closeIdleConnections(const std::string& path);
@@ -69,8 +90,8 @@ public:
 
     sqlite3* database() const { return database_; }
 
-    OSStatus beginWrite();
-    OSStatus commit();
+    [[nodiscard]] OSStatus beginWrite();
+    [[nodiscard]] OSStatus commit();
     void rollback();
 
 private:
@@ -78,11 +99,14 @@ private:
 
     KeychainFile(std::string path, sqlite3* database) : path_(std::move(path)), database_(database) {}
     static KeychainFileRef takeIdleConnection(const std::string& path, std::uint64_t device, std::uint64_t inode);
-    static OSStatus connect(const std::string& path, std::uint64_t device, std::uint64_t inode, KeychainFileRef* file);
-    OSStatus configure();
-    OSStatus configureForWriting();
-    OSStatus readHeaderAndMetadata();
-    OSStatus initialise(const std::optional<KeyDerivation>& derivation, const SecretKey* key);
+    [[nodiscard]] static OSStatus connect(const std::string& path, const std::string& realPath, std::uint64_t device,
+                            std::uint64_t inode, KeychainFileRef* file);
+    static int waitWhileBusy(void* connection, int attempt);
+    [[nodiscard]] OSStatus configure();
+    [[nodiscard]] OSStatus configureForWriting();
+    [[nodiscard]] OSStatus checkSchema(bool* isEmpty);
+    [[nodiscard]] OSStatus readHeaderAndMetadata();
+    [[nodiscard]] OSStatus initialise(const std::optional<KeyDerivation>& derivation, const SecretKey* key);
 
     std::string path_;
     sqlite3* database_;
@@ -90,13 +114,15 @@ private:
     std::uint64_t device_ = 0;
     std::uint64_t inode_ = 0;
     bool configuredForWriting_ = false;
+    // When the current wait for a busy file began.
+    std::chrono::steady_clock::time_point busySince_;
     std::string identity_;
     std::optional<KeyDerivation> derivation_;
     Data verifier_;
 };
 
 // The keychain status for an SQLite result code.
-OSStatus statusForSQLite(int resultCode);
+[[nodiscard]] OSStatus statusForSQLite(int resultCode);
 
 // Removes the journal files SQLite may keep beside a keychain file: a
 // rollback journal, or the log and index of a file made in WAL mode.
@@ -123,6 +149,8 @@ public:
 
     bool isNull(int column) const;
     std::string text(int column) const;
+    // Valid until the next step; no copy.
+    std::string_view textView(int column) const;
     std::int64_t integer(int column) const;
     double real(int column) const;
     Data blob(int column) const;

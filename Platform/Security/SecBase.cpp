@@ -43,6 +43,8 @@ std::optional<std::string> SecCopyErrorMessageString(OSStatus status, void*)
         return "The keychain is locked; unlock it with its password first.";
     case errSecDecode:
         return "A secret stored in the keychain cannot be read; it is damaged or was not stored by this keychain.";
+    case errSecUnprotectedKeychain:
+        return "The keychain file is not private: another user could read or replace it.";
     default:
         return std::nullopt;
     }

@@ -32,6 +32,9 @@ inline constexpr OSStatus errSecNoSuchAttr = -25303;
 inline constexpr OSStatus errSecNoSuchClass = -25306;
 inline constexpr OSStatus errSecInteractionNotAllowed = -25308;
 inline constexpr OSStatus errSecDecode = -26275;
+// This system's own: the keychain file could be read or replaced by another
+// user (see SecKeychain.h). The platform has no such status.
+inline constexpr OSStatus errSecUnprotectedKeychain = -25398;
 
 // The message for a status, in this system's words; nothing for a status the
 // keychain layer never answers. The second argument is reserved and ignored.

@@ -191,97 +191,171 @@ OSStatus keychainPathOf(const Value& value, std::string* path)
     return errSecSuccess;
 }
 
-OSStatus parseQuery(const Dictionary& dictionary, Purpose purpose, Query* query)
+// --- Reading a query: each key is an attribute of kAttributes or one of
+// kQueryKeys below; any other key is refused.
+
+[[nodiscard]] OSStatus readClass(const Value& value, Query* query)
 {
-    for (const auto& [key, value] : dictionary) {
-        if (value.isNothing()) {
-            return errSecParam;
-        }
-        if (key == kSecClass) {
-            if (!value.isString()) {
-                return errSecParam;
-            }
-            query->className = *value.string();
-            if (query->className == kSecClassInternetPassword) {
-                query->classBits = kInternet;
-            } else if (query->className == kSecClassGenericPassword) {
-                query->classBits = kGeneric;
-            } else {
-                return errSecNoSuchClass;
-            }
-        } else if (const auto* attribute = findAttribute(key)) {
-            if (!hasType(value, attribute->type)) {
-                return errSecParam;
-            }
-            query->attributes.set(key, value);
-        } else if (key == kSecValueData) {
-            if (value.data() == nullptr) {
-                return errSecParam;
-            }
-            query->data = *value.data();
-        } else if (key == kSecValueRef && purpose != Purpose::Changes) {
-            query->reference = value.objectAs<SecKeychainItem>();
-            if (!query->reference) {
-                return errSecParam;
-            }
-        } else if ((key == kSecReturnData || key == kSecReturnAttributes || key == kSecReturnRef) &&
-                   purpose != Purpose::Changes) {
-            const auto flag = value.boolValue();
-            if (!flag) {
-                return errSecParam;
-            }
-            (key == kSecReturnData ? query->returnData
-                                   : key == kSecReturnAttributes ? query->returnAttributes : query->returnRef) = *flag;
-        } else if (key == kSecMatchLimit && purpose != Purpose::Changes) {
-            query->hasLimit = true;
-            if (value.isString() && *value.string() == kSecMatchLimitOne) {
-                query->limit = 1;
-                query->singleResult = true;
-            } else if (value.isString() && *value.string() == kSecMatchLimitAll) {
-                query->limit.reset();
-            } else if (value.isNumber() && !value.isBoolean() && value.integerValue().value_or(0) >= 1) {
-                query->limit = value.integerValue();
-            } else {
-                return errSecParam;
-            }
-        } else if (key == kSecMatchSearchList && purpose != Purpose::Changes) {
-            const auto* keychains = value.array();
-            if (keychains == nullptr) {
-                return errSecParam;
-            }
-            std::vector<std::string> paths;
-            for (const auto& keychain : *keychains) {
-                std::string path;
-                if (keychainPathOf(keychain, &path) != errSecSuccess) {
-                    return errSecParam;
-                }
-                paths.push_back(std::move(path));
-            }
-            query->searchList = std::move(paths);
-        } else if (key == kSecUseKeychain && purpose != Purpose::Changes) {
-            std::string path;
-            if (keychainPathOf(value, &path) != errSecSuccess) {
-                return errSecParam;
-            }
-            query->useKeychain = std::move(path);
-        } else {
-            return errSecParam;
-        }
-    }
-    if (purpose != Purpose::Changes && query->classBits == 0) {
+    if (!value.isString()) {
         return errSecParam;
     }
-    if (purpose == Purpose::Add && query->reference) {
+    query->className = *value.string();
+    if (query->className == kSecClassInternetPassword) {
+        query->classBits = kInternet;
+    } else if (query->className == kSecClassGenericPassword) {
+        query->classBits = kGeneric;
+    } else {
+        return errSecNoSuchClass;
+    }
+    return errSecSuccess;
+}
+
+[[nodiscard]] OSStatus readValueData(const Value& value, Query* query)
+{
+    if (value.data() == nullptr) {
         return errSecParam;
     }
-    if (query->classBits != 0) {
-        for (const auto& [key, value] : query->attributes) {
-            if ((findAttribute(key)->classes & query->classBits) == 0) {
+    query->data = *value.data();
+    return errSecSuccess;
+}
+
+[[nodiscard]] OSStatus readValueReference(const Value& value, Query* query)
+{
+    query->reference = value.objectAs<SecKeychainItem>();
+    return query->reference ? errSecSuccess : errSecParam;
+}
+
+template <bool Query::*flag>
+[[nodiscard]] OSStatus readReturnFlag(const Value& value, Query* query)
+{
+    const auto given = value.boolValue();
+    if (!given) {
+        return errSecParam;
+    }
+    query->*flag = *given;
+    return errSecSuccess;
+}
+
+// kSecMatchLimitOne, kSecMatchLimitAll, or a count of at least one.
+[[nodiscard]] OSStatus readMatchLimit(const Value& value, Query* query)
+{
+    query->hasLimit = true;
+    if (value.isString() && *value.string() == kSecMatchLimitOne) {
+        query->limit = 1;
+        query->singleResult = true;
+    } else if (value.isString() && *value.string() == kSecMatchLimitAll) {
+        query->limit.reset();
+    } else if (value.isNumber() && !value.isBoolean() && value.integerValue().value_or(0) >= 1) {
+        query->limit = value.integerValue();
+    } else {
+        return errSecParam;
+    }
+    return errSecSuccess;
+}
+
+[[nodiscard]] OSStatus readSearchList(const Value& value, Query* query)
+{
+    const auto* keychains = value.array();
+    if (keychains == nullptr) {
+        return errSecParam;
+    }
+    std::vector<std::string> paths;
+    for (const auto& keychain : *keychains) {
+        std::string path;
+        if (keychainPathOf(keychain, &path) != errSecSuccess) {
+            return errSecParam;
+        }
+        paths.push_back(std::move(path));
+    }
+    query->searchList = std::move(paths);
+    return errSecSuccess;
+}
+
+[[nodiscard]] OSStatus readUseKeychain(const Value& value, Query* query)
+{
+    std::string path;
+    if (keychainPathOf(value, &path) != errSecSuccess) {
+        return errSecParam;
+    }
+    query->useKeychain = std::move(path);
+    return errSecSuccess;
+}
+
+struct QueryKey {
+    std::string_view key;
+    OSStatus (*read)(const Value& value, Query* query);
+    bool allowedInChanges;  // an update's changes say what to store, not what to find or return
+};
+
+constexpr QueryKey kQueryKeys[] = {
+    {kSecClass, readClass, true},
+    {kSecValueData, readValueData, true},
+    {kSecValueRef, readValueReference, false},
+    {kSecReturnData, readReturnFlag<&Query::returnData>, false},
+    {kSecReturnAttributes, readReturnFlag<&Query::returnAttributes>, false},
+    {kSecReturnRef, readReturnFlag<&Query::returnRef>, false},
+    {kSecMatchLimit, readMatchLimit, false},
+    {kSecMatchSearchList, readSearchList, false},
+    {kSecUseKeychain, readUseKeychain, false},
+};
+
+const QueryKey* findQueryKey(std::string_view key)
+{
+    for (const auto& queryKey : kQueryKeys) {
+        if (queryKey.key == key) {
+            return &queryKey;
+        }
+    }
+    return nullptr;
+}
+
+[[nodiscard]] OSStatus readEntry(std::string_view key, const Value& value, Purpose purpose, Query* query)
+{
+    if (value.isNothing()) {
+        return errSecParam;
+    }
+    if (const auto* attribute = findAttribute(key)) {
+        if (!hasType(value, attribute->type)) {
+            return errSecParam;
+        }
+        query->attributes.set(key, value);
+        return errSecSuccess;
+    }
+    const auto* queryKey = findQueryKey(key);
+    if (queryKey == nullptr || (purpose == Purpose::Changes && !queryKey->allowedInChanges)) {
+        return errSecParam;
+    }
+    return queryKey->read(value, query);
+}
+
+// What only the query as a whole shows: a class where one is needed, no
+// item reference to add, and no attribute of the other class.
+[[nodiscard]] OSStatus checkQuery(const Query& query, Purpose purpose)
+{
+    if (purpose != Purpose::Changes && query.classBits == 0) {
+        return errSecParam;
+    }
+    if (purpose == Purpose::Add && query.reference) {
+        return errSecParam;
+    }
+    if (query.classBits != 0) {
+        for (const auto& [key, value] : query.attributes) {
+            if ((findAttribute(key)->classes & query.classBits) == 0) {
                 return errSecNoSuchAttr;
             }
         }
     }
     return errSecSuccess;
+}
+
+[[nodiscard]] OSStatus parseQuery(const Dictionary& dictionary, Purpose purpose, Query* query)
+{
+    for (const auto& [key, value] : dictionary) {
+        if (const OSStatus status = readEntry(key, value, purpose, query); status != errSecSuccess) {
+            return status;
+        }
+    }
+    return checkQuery(*query, purpose);
 }
 
 // The keychains a search, update or delete looks at. The default search list

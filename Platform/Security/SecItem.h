@@ -93,14 +93,14 @@ inline constexpr std::uint32_t kSecAttrProtocolSSH = fourCharCode("ssh ");
 inline constexpr std::uint32_t kSecAttrAuthenticationTypeDefault = fourCharCode("dflt");
 
 // `result` may be null when only the status matters.
-OSStatus SecItemCopyMatching(const Dictionary& query, Value* result);
+[[nodiscard]] OSStatus SecItemCopyMatching(const Dictionary& query, Value* result);
 // kSecUseKeychain names the keychain to add to (else the default keychain,
 // created on this first write). An item whose primary key equals a stored
 // one's gives errSecDuplicateItem: account, security domain, server,
 // protocol, authentication type, port and path for internet passwords;
 // account and service for generic passwords.
-OSStatus SecItemAdd(const Dictionary& attributes, Value* result);
-OSStatus SecItemUpdate(const Dictionary& query, const Dictionary& attributesToUpdate);
-OSStatus SecItemDelete(const Dictionary& query);
+[[nodiscard]] OSStatus SecItemAdd(const Dictionary& attributes, Value* result);
+[[nodiscard]] OSStatus SecItemUpdate(const Dictionary& query, const Dictionary& attributesToUpdate);
+[[nodiscard]] OSStatus SecItemDelete(const Dictionary& query);
 
 }  // namespace platform

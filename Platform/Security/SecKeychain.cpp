@@ -1,5 +1,7 @@
 #include "Platform/Security/SecKeychain.h"
 
+#include "Platform/FileSystem/FileManager.h"
+
 #include "Platform/Security/KeychainCrypto.h"
 #include "Platform/Security/KeychainFile.h"
 
@@ -8,7 +10,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -32,32 +33,23 @@ std::string absolutePath(std::string path)
     return directory + (directory.back() == '/' ? "" : "/") + path;
 }
 
-std::string homeDirectory()
+OSStatus openExisting(const SecKeychainRef& keychain, KeychainFileRef* file, OpenMode mode)
 {
-    if (const char* home = std::getenv("HOME"); home != nullptr && *home == '/') {
-        return home;
-    }
-    if (const passwd* entry = ::getpwuid(::getuid()); entry != nullptr && entry->pw_dir != nullptr) {
-        return entry->pw_dir;
-    }
-    return "/";
+    return keychain ? KeychainFile::open(keychain->path(), mode, file) : errSecParam;
 }
 
-OSStatus openExisting(const SecKeychainRef& keychain, KeychainFileRef* file)
-{
-    return keychain ? KeychainFile::open(keychain->path(), OpenMode::Read, file) : errSecParam;
-}
-
-// Makes this process forget the keychain's key, as on locking it.
-OSStatus forgetKeyOf(const SecKeychainRef& keychain)
+// Makes this process forget the keychain's key, as on locking it. With
+// `keychainOnly`, a file that was never given its tables is no keychain.
+OSStatus forgetKeyOf(const SecKeychainRef& keychain, bool keychainOnly = false)
 {
     KeychainFileRef file;
-    if (const OSStatus status = openExisting(keychain, &file); status != errSecSuccess) {
+    if (const OSStatus status = openExisting(keychain, &file, OpenMode::Examine); status != errSecSuccess) {
         return status;
     }
-    if (!file->isUninitialised()) {
-        security::forgetKey(file->identity());
+    if (file->isUninitialised()) {
+        return keychainOnly ? errSecInvalidKeychain : errSecSuccess;
     }
+    security::forgetKey(file->identity());
     return errSecSuccess;
 }
 
@@ -99,13 +91,24 @@ void SecKeychainPrepareForShortProcess()
     sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
 }
 
+void SecKeychainSetBusyWait(std::chrono::milliseconds limit)
+{
+    security::setBusyWait(limit);
+}
+
+void SecKeychainSetNoticeHandler(SecKeychainNoticeHandler handler)
+{
+    security::setNoticeHandler(handler);
+}
+
+std::string SecKeychainCopyRefusalReason()
+{
+    return security::lastRefusalReason();
+}
+
 std::string SecKeychainDefaultPath()
 {
-    // A relative XDG_DATA_HOME is not a valid setting and is ignored.
-    const char* dataHome = std::getenv("XDG_DATA_HOME");
-    const std::string base =
-        dataHome != nullptr && *dataHome == '/' ? std::string(dataHome) : homeDirectory() + "/.local/share";
-    return base + "/keychains/login.keychain-db";
+    return FileManager::pathForDirectory(SearchPathDirectory::ApplicationSupport) + "/keychains/login.keychain-db";
 }
 
 OSStatus SecKeychainCopyDefault(SecKeychainRef* keychain)
@@ -160,8 +163,9 @@ OSStatus SecKeychainCreate(const char* pathName, std::uint32_t passwordLength, c
 OSStatus SecKeychainDelete(const SecKeychainRef& keychain)
 {
     // Forgetting the key opens the file first, which also makes sure it is a
-    // keychain: a wrong path must not cost the user an unrelated file.
-    if (const OSStatus status = forgetKeyOf(keychain); status != errSecSuccess) {
+    // keychain: a wrong path must not cost the user an unrelated file, be it
+    // empty or another program's database.
+    if (const OSStatus status = forgetKeyOf(keychain, true); status != errSecSuccess) {
         return status;
     }
     KeychainFile::closeIdleConnections(keychain->path());
@@ -201,8 +205,10 @@ OSStatus SecKeychainUnlock(const SecKeychainRef& keychain, std::uint32_t passwor
     if (usePassword && passwordLength > 0 && password == nullptr) {
         return errSecParam;
     }
+    // No secret is read here, so the user's own too-open file may be
+    // unlocked: a write then makes it private, a read still refuses it.
     KeychainFileRef file;
-    if (const OSStatus status = openExisting(keychain, &file); status != errSecSuccess) {
+    if (const OSStatus status = openExisting(keychain, &file, OpenMode::Examine); status != errSecSuccess) {
         return status;
     }
     if (!file->hasPassword()) {
@@ -237,7 +243,7 @@ OSStatus SecKeychainGetStatus(const SecKeychainRef& keychain, SecKeychainStatus*
         return errSecParam;
     }
     KeychainFileRef file;
-    if (const OSStatus opened = openExisting(keychain, &file); opened != errSecSuccess) {
+    if (const OSStatus opened = openExisting(keychain, &file, OpenMode::Examine); opened != errSecSuccess) {
         return opened;
     }
     status->hasPassword = file->hasPassword();

@@ -24,5 +24,5 @@
 //   cannot be made are assertions.
 // - A failing "ln" gives its error ("QMCommandOperation" domain, the exit
 //   code); a failing move a POSIX-domain error.
-bool createAliasAtURL(const std::optional<platform::URL>& aliasFileURL,
+[[nodiscard]] bool createAliasAtURL(const std::optional<platform::URL>& aliasFileURL,
                       const std::optional<platform::URL>& withDestinationURL, platform::ErrorRef* error = nullptr);

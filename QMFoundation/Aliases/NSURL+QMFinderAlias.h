@@ -11,5 +11,5 @@
 // link's own folder. A file that is not a link, or none at all, gives
 // nothing and an error in the POSIX domain naming the path. The URL is
 // required and must be a file URL ("aliasFileURL", "aliasFileURL.isFileURL").
-std::optional<platform::URL> fileURLFromAliasAtURL(const std::optional<platform::URL>& aliasFileURL,
+[[nodiscard]] std::optional<platform::URL> fileURLFromAliasAtURL(const std::optional<platform::URL>& aliasFileURL,
                                                    platform::ErrorRef* error = nullptr);

@@ -45,19 +45,85 @@ Value textOf(const Data& data)
     return Value(stringUsingBestEncoding(data));
 }
 
+// While it lives, the command's serial queues are serviced by the thread
+// that made it, which does nothing but wait while the program runs: their
+// operations run there, in the queues' order, and no worker thread is woken
+// (and handed back from) for each chunk or for the end.
+class QueueServicing {
+public:
+    QueueServicing(std::vector<platform::OperationQueueRef> queues, const platform::RunLoopSourceRef& wake)
+        : queues_(std::move(queues))
+    {
+        for (const auto& queue : queues_) {
+            queue->setServicingWaker([wake] { wake->signal(); });
+        }
+    }
+    ~QueueServicing()
+    {
+        for (const auto& queue : queues_) {
+            queue->setServicingWaker(nullptr);  // anything left goes to the worker threads
+        }
+    }
+    QueueServicing(const QueueServicing&) = delete;
+    QueueServicing& operator=(const QueueServicing&) = delete;
+
+    // Runs what is due on each queue; true when anything ran.
+    [[nodiscard]] bool runPending() const
+    {
+        bool ran = false;
+        for (const auto& queue : queues_) {
+            ran = queue->runPendingOperationOnCurrentThread() || ran;
+        }
+        return ran;
+    }
+
+private:
+    const std::vector<platform::OperationQueueRef> queues_;
+};
+
+// Runs the queues' due operations and the loop in slices until `ended` says
+// so, or until the loop has nothing left to run.
+template <typename Ended>
+void pumpUntil(platform::RunLoop& loop, const QueueServicing& servicing, Ended ended)
+{
+    while (!ended()) {
+        if (servicing.runPending()) {
+            continue;
+        }
+        if (!loop.runModeBeforeDate(platform::NSDefaultRunLoopMode, platform::Date::now().dateByAddingTimeInterval(kPumpSlice))) {
+            break;
+        }
+    }
+}
+
+// A failed read ends the stream as end of file would.
+template <typename Read>
+Data readOrNothing(Read read)
+{
+    try {
+        return read();
+    } catch (...) {
+        return {};
+    }
+}
+
 }  // namespace
 
 QMCommandOperation::QMCommandOperation(std::optional<std::string> launchPath, std::optional<std::string> workingDirectory,
                                        Arguments arguments, Delegate delegate)
-    : taskNotificationQueue_(serialQueue()), fileHandleNotificationQueue_(serialQueue())
+    : taskNotificationQueue_(serialQueue()),
+      fileHandleNotificationQueue_(serialQueue()),
+      endHandled_(platform::RunLoopSource::create([] {}))
 {
     PLATFORM_PARAMETER_ASSERT(launchPath.has_value(), "launchPath != nil");
-    launchPath_ = std::move(launchPath);
-    workingDirectory_ = std::move(workingDirectory);
-    arguments_ = std::move(arguments);
-    delegate_.set(std::move(delegate));
-    environment_ = processEnvironment();
-    identifier_.set(uniqueIdentifier());
+    settings_.with([&](Settings& settings) {
+        settings.launchPath = std::move(launchPath);
+        settings.workingDirectory = std::move(workingDirectory);
+        settings.arguments = std::move(arguments);
+        settings.delegate = std::move(delegate);
+        settings.environment = processEnvironment();
+        settings.identifier = uniqueIdentifier();
+    });
 }
 
 QMCommandOperation::~QMCommandOperation()
@@ -67,8 +133,8 @@ QMCommandOperation::~QMCommandOperation()
     } catch (const platform::Exception&) {
         // An observation the key-value store already forgot: nothing to undo.
     }
-    for (const auto* state : {&output_, &error_}) {
-        if (const auto handle = state->fileHandle.lock()) {
+    for (const Stream stream : {Stream::Output, Stream::Error}) {
+        if (const auto handle = fileHandleOf(stream)) {
             handle->closeFile();
         }
     }
@@ -128,181 +194,202 @@ bool QMCommandOperation::runCommandWithLaunchPath(const std::string& launchPath,
     return false;
 }
 
-// --- Properties
+// --- Properties: what callers set
 
 QMCommandOperation::Delegate QMCommandOperation::delegate() const
 {
-    return delegate_.get();
+    return settings_.with([](const Settings& settings) { return settings.delegate; });
 }
 
 void QMCommandOperation::setDelegate(Delegate delegate)
 {
-    delegate_.set(std::move(delegate));
+    settings_.with([&](Settings& settings) { std::swap(settings.delegate, delegate); });
 }
 
 std::string QMCommandOperation::identifier() const
 {
-    return identifier_.get();
+    return settings_.with([](const Settings& settings) { return settings.identifier; });
 }
 
 void QMCommandOperation::setIdentifier(std::string identifier)
 {
-    identifier_.set(std::move(identifier));
+    settings_.with([&](Settings& settings) { std::swap(settings.identifier, identifier); });
 }
 
 std::optional<std::string> QMCommandOperation::launchPath() const
 {
-    return platform::copyUnder(mutex_, launchPath_);
+    return settings_.with([](const Settings& settings) { return settings.launchPath; });
 }
 
 void QMCommandOperation::setLaunchPath(std::optional<std::string> launchPath)
 {
-    platform::storeUnder(mutex_, launchPath_, std::move(launchPath));
+    settings_.with([&](Settings& settings) { std::swap(settings.launchPath, launchPath); });
 }
 
 std::optional<std::string> QMCommandOperation::workingDirectory() const
 {
-    return platform::copyUnder(mutex_, workingDirectory_);
+    return settings_.with([](const Settings& settings) { return settings.workingDirectory; });
 }
 
 void QMCommandOperation::setWorkingDirectory(std::optional<std::string> workingDirectory)
 {
-    platform::storeUnder(mutex_, workingDirectory_, std::move(workingDirectory));
+    settings_.with([&](Settings& settings) { std::swap(settings.workingDirectory, workingDirectory); });
 }
 
 std::vector<std::string> QMCommandOperation::modes() const
 {
-    return modes_.get();
+    return settings_.with([](const Settings& settings) { return settings.modes; });
 }
 
 void QMCommandOperation::setModes(std::vector<std::string> modes)
 {
-    modes_.set(std::move(modes));
+    settings_.with([&](Settings& settings) { std::swap(settings.modes, modes); });
 }
 
 QMCommandOperation::Arguments QMCommandOperation::arguments() const
 {
-    return platform::copyUnder(mutex_, arguments_);
+    return settings_.with([](const Settings& settings) { return settings.arguments; });
 }
 
 void QMCommandOperation::setArguments(Arguments arguments)
 {
-    platform::storeUnder(mutex_, arguments_, std::move(arguments));
+    settings_.with([&](Settings& settings) { std::swap(settings.arguments, arguments); });
 }
 
 Dictionary QMCommandOperation::environment() const
 {
-    return platform::copyUnder(mutex_, environment_);
+    return settings_.with([](const Settings& settings) { return settings.environment; });
 }
 
 void QMCommandOperation::setEnvironment(Dictionary environment)
 {
-    platform::storeUnder(mutex_, environment_, std::move(environment));
+    settings_.with([&](Settings& settings) { std::swap(settings.environment, environment); });
 }
 
 platform::ObjectRef QMCommandOperation::standardInput() const
 {
-    return platform::copyUnder(mutex_, standardInput_);
+    return settings_.with([](const Settings& settings) { return settings.standardInput; });
 }
 
 void QMCommandOperation::setStandardInput(platform::ObjectRef standardInput)
 {
-    platform::storeUnder(mutex_, standardInput_, std::move(standardInput));
+    settings_.with([&](Settings& settings) { std::swap(settings.standardInput, standardInput); });
 }
 
 platform::PipeRef QMCommandOperation::standardOutput() const
 {
-    return standardOutput_.get();
+    return settings_.with([](const Settings& settings) { return settings.standardOutput; });
 }
 
 void QMCommandOperation::setStandardOutput(platform::PipeRef pipe)
 {
-    standardOutput_.set(std::move(pipe));
+    settings_.with([&](Settings& settings) { std::swap(settings.standardOutput, pipe); });
 }
 
 platform::PipeRef QMCommandOperation::standardError() const
 {
-    return standardError_.get();
+    return settings_.with([](const Settings& settings) { return settings.standardError; });
 }
 
 void QMCommandOperation::setStandardError(platform::PipeRef pipe)
 {
-    standardError_.set(std::move(pipe));
+    settings_.with([&](Settings& settings) { std::swap(settings.standardError, pipe); });
 }
+
+// --- Properties: what a run changes
 
 std::optional<Data> QMCommandOperation::standardOutputData() const
 {
-    return platform::copyUnder(mutex_, standardOutputData_);
+    return run_.with([](const RunState& run) { return run.standardOutputData; });
 }
 
 std::optional<Data> QMCommandOperation::standardErrorData() const
 {
-    return platform::copyUnder(mutex_, standardErrorData_);
+    return run_.with([](const RunState& run) { return run.standardErrorData; });
 }
 
 std::int64_t QMCommandOperation::exitCode() const
 {
-    return platform::copyUnder(mutex_, exitCode_);
+    return run_.with([](const RunState& run) { return run.exitCode; });
 }
 
 platform::TaskRef QMCommandOperation::task() const
 {
-    return platform::copyUnder(mutex_, task_);
+    return run_.with([](const RunState& run) { return run.task; });
 }
 
 Data QMCommandOperation::standardOutputBuffer() const
 {
-    return platform::copyUnder(mutex_, output_.buffer);
+    return run_.with([](const RunState& run) { return run.output.buffer; });
 }
 
 Data QMCommandOperation::standardErrorBuffer() const
 {
-    return platform::copyUnder(mutex_, error_.buffer);
+    return run_.with([](const RunState& run) { return run.error.buffer; });
 }
 
 bool QMCommandOperation::isStandardOutputClosed() const
 {
-    return platform::copyUnder(mutex_, output_.closed);
+    return run_.with([](const RunState& run) { return run.output.closed; });
 }
 
 bool QMCommandOperation::isStandardErrorClosed() const
 {
-    return platform::copyUnder(mutex_, error_.closed);
+    return run_.with([](const RunState& run) { return run.error.closed; });
+}
+
+bool QMCommandOperation::isTaskTerminated() const
+{
+    return run_.with([](const RunState& run) { return run.taskTerminated; });
 }
 
 std::vector<std::string> QMCommandOperation::keyPathObservers() const
 {
-    return platform::copyUnder(mutex_, keyPathObservers_);
+    return run_.with([](const RunState& run) { return run.keyPathObservers; });
+}
+
+bool QMCommandOperation::executingValue() const
+{
+    return run_.with([](const RunState& run) { return run.executing; });
+}
+
+bool QMCommandOperation::finishedValue() const
+{
+    return run_.with([](const RunState& run) { return run.finished; });
+}
+
+platform::FileHandleRef QMCommandOperation::fileHandleOf(Stream stream) const
+{
+    return run_.with([stream](const RunState& run) { return run.of(stream).fileHandle.lock(); });
 }
 
 platform::FileHandleRef QMCommandOperation::standardOutputFileHandle() const
 {
-    std::lock_guard lock(mutex_);
-    return output_.fileHandle.lock();
+    return fileHandleOf(Stream::Output);
 }
 
 platform::FileHandleRef QMCommandOperation::standardErrorFileHandle() const
 {
-    std::lock_guard lock(mutex_);
-    return error_.fileHandle.lock();
+    return fileHandleOf(Stream::Error);
 }
 
 platform::ObjectRef QMCommandOperation::taskObserver() const
 {
-    return platform::copyUnder(mutex_, taskObserver_);
+    return run_.with([](const RunState& run) { return run.taskObserver; });
 }
 
+// Announced outside the lock: observers may read the command's state.
 void QMCommandOperation::setExecutingValue(bool executing)
 {
     willChangeValueForKey("executingValue");
-    executingValue_.store(executing);
+    run_.with([executing](RunState& run) { run.executing = executing; });
     didChangeValueForKey("executingValue");
 }
 
 void QMCommandOperation::setFinishedValue(bool finished)
 {
     willChangeValueForKey("finishedValue");
-    finishedValue_.store(finished);
+    run_.with([finished](RunState& run) { run.finished = finished; });
     didChangeValueForKey("finishedValue");
 }
 
@@ -358,23 +445,21 @@ const platform::PropertyTable& QMCommandOperation::propertyTable() const
 
 void QMCommandOperation::setValue(const std::string& value, const std::string& forEnvironmentVariable)
 {
-    std::lock_guard lock(mutex_);
-    Dictionary environment = environment_;
-    environment.set(forEnvironmentVariable, value);
-    environment_ = std::move(environment);
+    settings_.with([&](Settings& settings) { settings.environment.set(forEnvironmentVariable, value); });
 }
 
 std::string QMCommandOperation::commandCall() const
 {
-    std::lock_guard lock(mutex_);
-    std::string joined;
-    for (std::size_t index = 0; index < arguments_.size(); ++index) {
-        if (index > 0) {
-            joined += ' ';
+    return settings_.with([](const Settings& settings) {
+        std::string joined;
+        for (std::size_t index = 0; index < settings.arguments.size(); ++index) {
+            if (index > 0) {
+                joined += ' ';
+            }
+            joined += settings.arguments[index];
         }
-        joined += arguments_[index];
-    }
-    return launchPath_.value_or("(null)") + " " + joined;
+        return settings.launchPath.value_or("(null)") + " " + joined;
+    });
 }
 
 std::string QMCommandOperation::description() const
@@ -411,66 +496,32 @@ void QMCommandOperation::main()
     }
     setExecuting(true);
     commandWillExecute();
-    // Signalled when the end has been handled, and when either queue has an
-    // operation due. While it is in the loop the loop is never empty, and
-    // its signal ends the current slice at once rather than when it runs out.
     const auto loop = platform::RunLoop::currentRunLoop();
-    const auto endHandled = platform::RunLoopSource::create([] {});
-    loop->addSource(endHandled, platform::NSDefaultRunLoopMode);
-    {
-        std::lock_guard lock(mutex_);
-        endHandled_ = endHandled;
+    loop->addSource(endHandled_, platform::NSDefaultRunLoopMode);
+    const QueueServicing servicing({fileHandleNotificationQueue_, taskNotificationQueue_}, endHandled_);
+    const bool launched = launchTask();
+    if (launched) {
+        pumpUntil(*loop, servicing, [this] { return isTaskTerminated(); });
     }
-    // This thread does nothing but wait while the program runs, so it
-    // services both serial queues itself: their operations run here, in the
-    // queues' order, and no worker thread is woken (and handed back from) for
-    // each chunk or for the end.
-    struct Servicing {
-        const std::vector<platform::OperationQueueRef> queues;
-        explicit Servicing(std::vector<platform::OperationQueueRef> serviced, const platform::RunLoopSourceRef& wake)
-            : queues(std::move(serviced))
-        {
-            for (const auto& queue : queues) {
-                queue->setServicingWaker([wake] { wake->signal(); });
-            }
-        }
-        ~Servicing()
-        {
-            for (const auto& queue : queues) {
-                queue->setServicingWaker(nullptr);  // anything left goes to the worker threads
-            }
-        }
-        bool runPending() const
-        {
-            bool ran = false;
-            for (const auto& queue : queues) {
-                ran = queue->runPendingOperationOnCurrentThread() || ran;
-            }
-            return ran;
-        }
-    } servicing({fileHandleNotificationQueue_, taskNotificationQueue_}, endHandled);
+    loop->removeSource(endHandled_, platform::NSDefaultRunLoopMode);
+    if (launched) {
+        operationDidFinish();
+    } else {
+        taskDidFailToLaunch();
+    }
+}
 
+bool QMCommandOperation::launchTask()
+{
     try {
         initializeTask();
         registerObservers();
         task()->launch();
+        return true;
     } catch (...) {
         // A program that cannot start is an outcome, not an error of ours.
-        loop->removeSource(endHandled, platform::NSDefaultRunLoopMode);
-        taskDidFailToLaunch();
-        return;
+        return false;
     }
-    while (!isTaskTerminated()) {
-        if (servicing.runPending()) {
-            continue;
-        }
-        if (!loop->runModeBeforeDate(platform::NSDefaultRunLoopMode,
-                                     platform::Date::now().dateByAddingTimeInterval(kPumpSlice))) {
-            break;
-        }
-    }
-    loop->removeSource(endHandled, platform::NSDefaultRunLoopMode);
-    operationDidFinish();
 }
 
 void QMCommandOperation::initializeTask()
@@ -481,19 +532,23 @@ void QMCommandOperation::initializeTask()
     if (!errorPipe || !outputPipe) {
         platform::Exception::raise(platform::NSGenericException, "no descriptors left for the command's pipes");
     }
-    std::lock_guard lock(mutex_);
-    task->setLaunchPath(launchPath_);
-    task->setArguments(arguments_);
-    task->setStandardInput(standardInput_ ? standardInput_ : platform::FileHandle::fileHandleWithNullDevice());
+    settings_.with([&](const Settings& settings) {
+        task->setLaunchPath(settings.launchPath);
+        task->setArguments(settings.arguments);
+        task->setStandardInput(settings.standardInput ? settings.standardInput
+                                                      : platform::FileHandle::fileHandleWithNullDevice());
+        if (settings.workingDirectory) {
+            task->setCurrentDirectoryPath(settings.workingDirectory);
+        }
+        task->setEnvironment(settings.environment);
+    });
     task->setStandardError(errorPipe);
     task->setStandardOutput(outputPipe);
-    if (workingDirectory_) {
-        task->setCurrentDirectoryPath(workingDirectory_);
-    }
-    task->setEnvironment(environment_);
-    task_ = task;
-    output_.fileHandle = outputPipe->fileHandleForReading();
-    error_.fileHandle = errorPipe->fileHandleForReading();
+    run_.with([&](RunState& run) {
+        run.task = task;
+        run.output.fileHandle = outputPipe->fileHandleForReading();
+        run.error.fileHandle = errorPipe->fileHandleForReading();
+    });
 }
 
 void QMCommandOperation::registerObservers()
@@ -503,17 +558,9 @@ void QMCommandOperation::registerObservers()
     const auto self = std::static_pointer_cast<QMCommandOperation>(shared_from_this());
     const std::weak_ptr<QMCommandOperation> weak = self;
 
-    {
-        std::lock_guard lock(readersMutex_);
-        readersActive_ = true;
-    }
+    run_.with([](RunState& run) { run.readersActive = true; });
     for (const Stream stream : {Stream::Output, Stream::Error}) {
-        std::shared_ptr<platform::FileHandle> handle;
-        {
-            std::lock_guard lock(mutex_);
-            handle = stateOf(stream).fileHandle.lock();
-        }
-        if (handle) {
+        if (const auto handle = fileHandleOf(stream)) {
             handle->setReadabilityHandler([weak, stream](platform::FileHandle& readable) {
                 if (const auto command = weak.lock()) {
                     command->readabilityChanged(stream, readable);
@@ -529,30 +576,19 @@ void QMCommandOperation::registerObservers()
                 command->taskDidTerminate(notification);
             }
         });
-    {
-        std::lock_guard lock(mutex_);
-        taskObserver_ = std::move(token);
-    }
+    run_.with([&](RunState& run) { run.taskObserver = std::move(token); });
 
     addObserver(self, kCancelledKey, platform::NSKeyValueObservingOptionNew, &cancellationContext);
-    std::lock_guard lock(mutex_);
-    keyPathObservers_.emplace_back(kCancelledKey);
+    run_.with([](RunState& run) { run.keyPathObservers.emplace_back(kCancelledKey); });
 }
 
 void QMCommandOperation::stopReaders()
 {
-    {
-        std::unique_lock lock(readersMutex_);
-        readersActive_ = false;
-        readersIdle_.wait(lock, [this] { return readersRunning_ == 0; });
-    }
+    // A reader holds the lock while it reads and hands over, so once this
+    // has the lock none is under way, and none starts again.
+    run_.with([](RunState& run) { run.readersActive = false; });
     for (const Stream stream : {Stream::Output, Stream::Error}) {
-        std::shared_ptr<platform::FileHandle> handle;
-        {
-            std::lock_guard lock(mutex_);
-            handle = stateOf(stream).fileHandle.lock();
-        }
-        if (handle) {
+        if (const auto handle = fileHandleOf(stream)) {
             handle->setReadabilityHandler(nullptr);
         }
     }
@@ -561,14 +597,9 @@ void QMCommandOperation::stopReaders()
 void QMCommandOperation::unregisterObservers()
 {
     stopReaders();
-    platform::ObjectRef token;
-    std::vector<std::string> keyPaths;
-    {
-        std::lock_guard lock(mutex_);
-        token = std::move(taskObserver_);
-        taskObserver_ = nullptr;
-        keyPaths.swap(keyPathObservers_);
-    }
+    auto [token, keyPaths] = run_.with([](RunState& run) {
+        return std::pair{std::exchange(run.taskObserver, nullptr), std::exchange(run.keyPathObservers, {})};
+    });
     if (token) {
         platform::NotificationCenter::defaultCenter()->removeObserver(token);
     }
@@ -579,31 +610,22 @@ void QMCommandOperation::unregisterObservers()
 
 void QMCommandOperation::readabilityChanged(Stream stream, platform::FileHandle& handle)
 {
-    {
-        std::lock_guard lock(readersMutex_);
-        if (!readersActive_) {
+    const auto self = std::static_pointer_cast<QMCommandOperation>(shared_from_this());
+    run_.with([&](const RunState& run) {
+        if (!run.readersActive) {
             // The end is being handled and will read the rest. Letting go of
             // the handler here stops it being called again and again for data
             // it must not read, which would starve the end handling itself.
             handle.setReadabilityHandler(nullptr);
             return;
         }
-        ++readersRunning_;
-    }
-    Data chunk;
-    try {
-        chunk = handle.availableData();
-    } catch (...) {
-        chunk.clear();  // a failed read ends the stream like end of file
-    }
-    if (chunk.empty()) {
-        handle.setReadabilityHandler(nullptr);
-    }
-    const auto self = std::static_pointer_cast<QMCommandOperation>(shared_from_this());
-    performBlock(*fileHandleNotificationQueue_, [self, stream, chunk = std::move(chunk)] { self->appendData(stream, chunk); });
-    std::lock_guard lock(readersMutex_);
-    --readersRunning_;
-    readersIdle_.notify_all();
+        Data chunk = readOrNothing([&] { return handle.availableData(); });
+        if (chunk.empty()) {
+            handle.setReadabilityHandler(nullptr);
+        }
+        performBlock(*fileHandleNotificationQueue_,
+                     [self, stream, chunk = std::move(chunk)] { self->appendData(stream, chunk); });
+    });
 }
 
 template <typename Call>
@@ -616,28 +638,30 @@ void QMCommandOperation::tellDelegate(Call call)
 
 void QMCommandOperation::appendData(Stream stream, const Data& data)
 {
-    if (!data.empty()) {
-        {
-            std::lock_guard lock(mutex_);
-            auto& buffer = stateOf(stream).buffer;
-            buffer.insert(buffer.end(), data.begin(), data.end());
-        }
-        tellDelegate([&](QMCommandOperationDelegate& delegate) {
-            if (stream == Stream::Output) {
-                delegate.commandDidReceiveStandardOutputData(*this, data);
-            } else {
-                delegate.commandDidReceiveStandardErrorData(*this, data);
-            }
-        });
+    if (data.empty()) {
+        closeStream(stream);
         return;
     }
-    std::shared_ptr<platform::FileHandle> handle;
-    {
-        std::lock_guard lock(mutex_);
-        auto& state = stateOf(stream);
+    run_.with([&](RunState& run) {
+        auto& buffer = run.of(stream).buffer;
+        buffer.insert(buffer.end(), data.begin(), data.end());
+    });
+    tellDelegate([&](QMCommandOperationDelegate& delegate) {
+        if (stream == Stream::Output) {
+            delegate.commandDidReceiveStandardOutputData(*this, data);
+        } else {
+            delegate.commandDidReceiveStandardErrorData(*this, data);
+        }
+    });
+}
+
+void QMCommandOperation::closeStream(Stream stream)
+{
+    const auto handle = run_.with([stream](RunState& run) {
+        auto& state = run.of(stream);
         state.closed = true;
-        handle = state.fileHandle.lock();
-    }
+        return state.fileHandle.lock();
+    });
     if (handle) {
         handle->setReadabilityHandler(nullptr);
         handle->closeFile();
@@ -656,63 +680,56 @@ void QMCommandOperation::appendStandardErrorData(const Data& data)
 
 void QMCommandOperation::readRestOf(Stream stream)
 {
-    std::shared_ptr<platform::FileHandle> handle;
-    {
-        std::lock_guard lock(mutex_);
-        const auto& state = stateOf(stream);
-        if (state.closed) {
-            return;
-        }
-        handle = state.fileHandle.lock();
+    const auto [closed, handle] = run_.with([stream](const RunState& run) {
+        return std::pair{run.of(stream).closed, run.of(stream).fileHandle.lock()};
+    });
+    if (closed) {
+        return;
     }
-    Data rest;
-    if (handle) {
-        try {
-            rest = handle->readDataToEndOfFile();
-        } catch (...) {
-            rest.clear();
-        }
-    }
-    appendData(stream, rest);
+    appendData(stream, handle ? readOrNothing([&] { return handle->readDataToEndOfFile(); }) : Data());
 }
 
 void QMCommandOperation::taskDidTerminate(const platform::Notification& notification)
 {
     static_cast<void>(notification);
     unregisterObservers();
+    deliverRestOfOutput();
+    recordEnd();
+    endHandled_->signal();
+}
+
+void QMCommandOperation::deliverRestOfOutput()
+{
     // Chunks already handed over go first, then whatever is left in the pipes.
     fileHandleNotificationQueue_->waitUntilAllOperationsAreFinished();
     // A stream already at its end has no rest to read; when both are, the
     // round trip through the queue would only do nothing, so it is skipped.
-    if (!isStandardOutputClosed() || !isStandardErrorClosed()) {
-        const auto self = std::static_pointer_cast<QMCommandOperation>(shared_from_this());
-        performBlock(*fileHandleNotificationQueue_, [self] { self->readRestOf(Stream::Output); });
-        performBlock(*fileHandleNotificationQueue_, [self] { self->readRestOf(Stream::Error); });
-        fileHandleNotificationQueue_->waitUntilAllOperationsAreFinished();
+    if (isStandardOutputClosed() && isStandardErrorClosed()) {
+        return;
     }
+    const auto self = std::static_pointer_cast<QMCommandOperation>(shared_from_this());
+    performBlock(*fileHandleNotificationQueue_, [self] { self->readRestOf(Stream::Output); });
+    performBlock(*fileHandleNotificationQueue_, [self] { self->readRestOf(Stream::Error); });
+    fileHandleNotificationQueue_->waitUntilAllOperationsAreFinished();
+}
 
-    platform::RunLoopSourceRef endHandled;
-    {
-        std::lock_guard lock(mutex_);
-        standardOutputData_ = std::exchange(output_.buffer, Data());
-        standardErrorData_ = std::exchange(error_.buffer, Data());
-        exitCode_ = task_ ? task_->terminationStatus() : exitCode_;
-        endHandled = endHandled_;
-    }
-    taskTerminated_.store(true);
-    if (endHandled) {
-        endHandled->signal();
-    }
+void QMCommandOperation::recordEnd()
+{
+    run_.with([](RunState& run) {
+        run.standardOutputData = std::exchange(run.output.buffer, Data());
+        run.standardErrorData = std::exchange(run.error.buffer, Data());
+        if (run.task) {
+            run.exitCode = run.task->terminationStatus();
+        }
+        run.taskTerminated = true;
+    });
 }
 
 void QMCommandOperation::taskDidFailToLaunch()
 {
     unregisterObservers();
     finishOperation();
-    {
-        std::lock_guard lock(mutex_);
-        exitCode_ = -1;
-    }
+    run_.with([](RunState& run) { run.exitCode = -1; });
     commandDidFailToLaunch();
     tellDelegate([&](QMCommandOperationDelegate& delegate) { delegate.commandDidFailToLaunch(*this); });
 }
@@ -745,10 +762,8 @@ void QMCommandOperation::operationDidFinish()
 
 void QMCommandOperation::finishOperation()
 {
-    {
-        std::lock_guard lock(mutex_);
-        task_.reset();
-    }
+    // The task is let go of after the lock.
+    const auto released = run_.with([](RunState& run) { return std::exchange(run.task, nullptr); });
     setExecuting(false);
     setFinished(true);
 }

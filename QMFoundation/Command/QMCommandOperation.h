@@ -17,20 +17,33 @@
 //   order they were read.
 // - The end is handled on the serial `taskNotificationQueue`: the readers are
 //   stopped, every chunk already read is delivered, the rest of each stream
-//   is read to its end and delivered, the data properties are set, then the
-//   exit code; only then is the end flag raised. So every data callback
-//   comes before `commandDidTerminate:`, and no byte is lost or reordered.
+//   is read to its end and delivered; then the data properties, the exit
+//   code and the end flag are set in one step. So every data callback comes
+//   before `commandDidTerminate:`, and no byte is lost or reordered.
 //   (The pumping thread services both queues while it pumps, so chunks and
 //   the end are usually handled on it; the queues' order is what is promised.)
 // - `commandDidTerminate:` and `commandDidFailToLaunch:` run on the
 //   operation's own thread, after the operation has finished; exactly one of
 //   them is sent, unless the operation was cancelled before it began (then
 //   neither, and no hook runs).
+// - The hooks run on the operation's thread too: `commandWillExecute` once
+//   the operation is executing, before the program is set up;
+//   `commandDidTerminate` and `commandDidFailToLaunch` after it has
+//   finished, each just before the delegate's method of the same name.
 // - Cancelling while the program runs interrupts it (SIGINT); the end then
 //   follows the usual path with the status the program reports.
 // - State changes are announced under the keys "executingValue" and
 //   "finishedValue", never under "isExecuting" or "isFinished".
 // - Not promised: how output is cut into chunks.
+//
+// State and its owners. What callers set (the delegate, identifier, launch
+// settings, modes and pipes) is guarded by one lock, and read in one go when
+// the program is set up. Everything a run changes (the task, the two
+// streams, the end results, the executing, finished and end flags, the
+// observations) is guarded by a second lock. The two serial queues order the
+// work on that state (chunks in arrival order, the end after every chunk);
+// they own no state of their own. Every accessor may be called from any
+// thread, the delegate's callbacks and the hooks included.
 #pragma once
 
 #include "Platform/Foundation/Error.h"
@@ -44,11 +57,8 @@
 #include "Platform/Foundation/Task.h"
 #include "Platform/Foundation/Value.h"
 
-#include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -100,9 +110,9 @@ public:
     // Otherwise the error (domain "QMCommandOperation", code = exit code, -1
     // when it could not start) carries the program's standard error as its
     // failure reason when that is UTF-8.
-    static bool runCommandWithLaunchPath(const std::string& launchPath, Arguments arguments,
+    [[nodiscard]] static bool runCommandWithLaunchPath(const std::string& launchPath, Arguments arguments,
                                          platform::ErrorRef* error = nullptr);
-    static bool runCommandWithLaunchPath(const std::string& launchPath, std::optional<std::string> workingDirectory,
+    [[nodiscard]] static bool runCommandWithLaunchPath(const std::string& launchPath, std::optional<std::string> workingDirectory,
                                          Arguments arguments, platform::ErrorRef* error = nullptr);
 
     // --- Properties
@@ -141,10 +151,10 @@ public:
     platform::Data standardErrorBuffer() const;
     bool isStandardOutputClosed() const;
     bool isStandardErrorClosed() const;
-    bool isTaskTerminated() const { return taskTerminated_.load(); }
+    bool isTaskTerminated() const;
     std::vector<std::string> keyPathObservers() const;
-    bool executingValue() const { return executingValue_.load(); }
-    bool finishedValue() const { return finishedValue_.load(); }
+    bool executingValue() const;
+    bool finishedValue() const;
     platform::FileHandleRef standardOutputFileHandle() const;
     platform::FileHandleRef standardErrorFileHandle() const;
     const platform::OperationQueueRef& taskNotificationQueue() const { return taskNotificationQueue_; }
@@ -202,50 +212,62 @@ private:
         std::weak_ptr<platform::FileHandle> fileHandle;
     };
 
-    StreamState& stateOf(Stream stream) { return stream == Stream::Output ? output_ : error_; }
+    // What callers set; see "State and its owners" above.
+    struct Settings {
+        Delegate delegate;
+        std::string identifier;
+        std::optional<std::string> launchPath;
+        std::optional<std::string> workingDirectory;
+        std::vector<std::string> modes;
+        Arguments arguments;
+        platform::Dictionary environment;
+        platform::ObjectRef standardInput;
+        platform::PipeRef standardOutput;
+        platform::PipeRef standardError;
+    };
+
+    // What a run changes; see "State and its owners" above.
+    struct RunState {
+        platform::TaskRef task;
+        StreamState output;
+        StreamState error;
+        // Whether readability handlers may hand chunks over. A handler reads
+        // and hands its chunk over with the lock held, so once the end
+        // handling has cleared this no chunk can follow the rest it reads.
+        bool readersActive = false;
+        platform::ObjectRef taskObserver;
+        std::vector<std::string> keyPathObservers;
+        bool executing = false;
+        bool finished = false;
+        std::optional<platform::Data> standardOutputData;
+        std::optional<platform::Data> standardErrorData;
+        std::int64_t exitCode = 0;
+        bool taskTerminated = false;  // set with the results, in the same locked step
+
+        StreamState& of(Stream stream) { return stream == Stream::Output ? output : error; }
+        const StreamState& of(Stream stream) const { return stream == Stream::Output ? output : error; }
+    };
+
+    [[nodiscard]] bool launchTask();
     void appendData(Stream stream, const platform::Data& data);
+    void closeStream(Stream stream);
     void readabilityChanged(Stream stream, platform::FileHandle& handle);
     void readRestOf(Stream stream);
+    void deliverRestOfOutput();
+    void recordEnd();
     void stopReaders();
+    [[nodiscard]] platform::FileHandleRef fileHandleOf(Stream stream) const;
     template <typename Call>
     void tellDelegate(Call call);
 
-    // Properties tied to no other field; never touched while `mutex_` is held.
-    platform::Guarded<Delegate> delegate_;
-    platform::Guarded<std::string> identifier_;
-    platform::Guarded<std::vector<std::string>> modes_;
-    platform::Guarded<platform::PipeRef> standardOutput_;
-    platform::Guarded<platform::PipeRef> standardError_;
+    platform::Guarded<Settings> settings_;
+    platform::Guarded<RunState> run_;
 
-    // Guards the fields below. The program's setup is read in one go when the
-    // task is made, and the end sets the data and exit code in one go.
-    mutable std::mutex mutex_;
-    std::optional<std::string> launchPath_;
-    std::optional<std::string> workingDirectory_;
-    Arguments arguments_;
-    platform::Dictionary environment_;
-    platform::ObjectRef standardInput_;
-    std::optional<platform::Data> standardOutputData_;
-    std::optional<platform::Data> standardErrorData_;
-    std::int64_t exitCode_ = 0;
-    platform::TaskRef task_;
-    StreamState output_;
-    StreamState error_;
-    std::vector<std::string> keyPathObservers_;
-    platform::ObjectRef taskObserver_;
-    platform::RunLoopSourceRef endHandled_;
-
-    // Readability handlers that are reading now, and whether they may start:
-    // stopping the readers waits for the running ones, so that no chunk is
-    // handed over after the end handling has begun.
-    std::mutex readersMutex_;
-    std::condition_variable readersIdle_;
-    bool readersActive_ = false;
-    int readersRunning_ = 0;
-
-    std::atomic<bool> taskTerminated_{false};
-    std::atomic<bool> executingValue_{false};
-    std::atomic<bool> finishedValue_{false};
+    // Made at creation and never replaced, so read without a lock.
     const platform::OperationQueueRef taskNotificationQueue_;
     const platform::OperationQueueRef fileHandleNotificationQueue_;
+    // Signalled when the end has been handled, and when either queue has an
+    // operation due. While it is in the pumping loop that loop is never
+    // empty, and its signal ends the current slice at once.
+    const platform::RunLoopSourceRef endHandled_;
 };

@@ -25,13 +25,13 @@ public:
     // One entry; a missing account or service only widens the search, so
     // with neither the first generic password of the searched keychains
     // comes back.
-    static QMGenericPasswordKeychainItemRef findGenericPasswordItemForAccount(
+    [[nodiscard]] static QMGenericPasswordKeychainItemRef findGenericPasswordItemForAccount(
         const std::optional<std::string>& account, const std::optional<std::string>& service,
         platform::ErrorRef* error = nullptr);
-    static QMGenericPasswordKeychainItemRef findGenericPasswordItemForAccount(
+    [[nodiscard]] static QMGenericPasswordKeychainItemRef findGenericPasswordItemForAccount(
         const std::optional<std::string>& account, const std::optional<std::string>& service,
         const QMKeychainRef& keychain, platform::ErrorRef* error = nullptr);
-    static std::optional<std::vector<QMGenericPasswordKeychainItemRef>> findAllGenericPasswordItemsInKeychain(
+    [[nodiscard]] static std::optional<std::vector<QMGenericPasswordKeychainItemRef>> findAllGenericPasswordItemsInKeychain(
         const QMKeychainRef& keychain, platform::ErrorRef* error = nullptr);
 
     // A new, unsaved entry; a missing account is skipped, a missing service or
@@ -39,7 +39,7 @@ public:
     static QMGenericPasswordKeychainItemRef genericPasswordItemWithKeychain(
         const QMKeychainRef& keychain, const std::optional<std::string>& account,
         const std::optional<std::string>& service, const std::optional<std::string>& password);
-    static QMGenericPasswordKeychainItemRef addGenericPasswordToKeychain(
+    [[nodiscard]] static QMGenericPasswordKeychainItemRef addGenericPasswordToKeychain(
         const QMKeychainRef& keychain, const std::optional<std::string>& account,
         const std::optional<std::string>& service, const std::optional<std::string>& password,
         platform::ErrorRef* error = nullptr);

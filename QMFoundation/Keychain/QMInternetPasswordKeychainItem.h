@@ -44,20 +44,20 @@ public:
 
     // One entry for the URL, searching the keychain (or, with none, the
     // default search list). A missing URL is a programming error.
-    static QMInternetPasswordKeychainItemRef findInternetPasswordForURL(const std::optional<platform::URL>& url,
+    [[nodiscard]] static QMInternetPasswordKeychainItemRef findInternetPasswordForURL(const std::optional<platform::URL>& url,
                                                                         platform::ErrorRef* error = nullptr);
-    static QMInternetPasswordKeychainItemRef findInternetPasswordForURL(const std::optional<platform::URL>& url,
+    [[nodiscard]] static QMInternetPasswordKeychainItemRef findInternetPasswordForURL(const std::optional<platform::URL>& url,
                                                                         const QMKeychainRef& keychain,
                                                                         platform::ErrorRef* error = nullptr);
     // Every entry for the URL. Without a URL only the port is constrained, to
     // 0: the entries stored without a port, not every internet password.
-    static std::optional<std::vector<QMInternetPasswordKeychainItemRef>> findAllInternetPasswords(
+    [[nodiscard]] static std::optional<std::vector<QMInternetPasswordKeychainItemRef>> findAllInternetPasswords(
         platform::ErrorRef* error = nullptr);
-    static std::optional<std::vector<QMInternetPasswordKeychainItemRef>> findAllInternetPasswordsInKeychain(
+    [[nodiscard]] static std::optional<std::vector<QMInternetPasswordKeychainItemRef>> findAllInternetPasswordsInKeychain(
         const QMKeychainRef& keychain, platform::ErrorRef* error = nullptr);
-    static std::optional<std::vector<QMInternetPasswordKeychainItemRef>> findAllInternetPasswordsForURL(
+    [[nodiscard]] static std::optional<std::vector<QMInternetPasswordKeychainItemRef>> findAllInternetPasswordsForURL(
         const std::optional<platform::URL>& url, platform::ErrorRef* error = nullptr);
-    static std::optional<std::vector<QMInternetPasswordKeychainItemRef>> findAllInternetPasswordsForURL(
+    [[nodiscard]] static std::optional<std::vector<QMInternetPasswordKeychainItemRef>> findAllInternetPasswordsForURL(
         const std::optional<platform::URL>& url, const QMKeychainRef& keychain, platform::ErrorRef* error = nullptr);
 
     // A new, unsaved entry for the URL. A scheme outside the protocol table,
@@ -66,7 +66,7 @@ public:
     static QMInternetPasswordKeychainItemRef internetPasswordWithKeychain(const QMKeychainRef& keychain,
                                                                           const platform::URL& url,
                                                                           const std::optional<std::string>& password);
-    static QMInternetPasswordKeychainItemRef addInternetPasswordToKeychain(const QMKeychainRef& keychain,
+    [[nodiscard]] static QMInternetPasswordKeychainItemRef addInternetPasswordToKeychain(const QMKeychainRef& keychain,
                                                                            const platform::URL& url,
                                                                            const std::optional<std::string>& password,
                                                                            platform::ErrorRef* error = nullptr);

@@ -43,7 +43,7 @@ public:
     // Creates a keychain file (password-protected when a password is given;
     // otherwise protected only by its file mode). A missing path is a
     // programming error.
-    static QMKeychainRef keychainWithPath(const std::optional<std::string>& path,
+    [[nodiscard]] static QMKeychainRef keychainWithPath(const std::optional<std::string>& path,
                                          const std::optional<std::string>& password,
                                          platform::ErrorRef* error = nullptr);
     // True for exactly "ftp", "ftps", "http", "https" and "ssh".
@@ -51,11 +51,11 @@ public:
 
     // The class-level look-ups, over the default search list. (They cannot
     // share the instance operations' names in C++.)
-    static QMInternetPasswordKeychainItemRef findInternetPasswordForURLInSearchList(
+    [[nodiscard]] static QMInternetPasswordKeychainItemRef findInternetPasswordForURLInSearchList(
         const platform::URL& url, platform::ErrorRef* error = nullptr);
-    static std::optional<std::vector<QMInternetPasswordKeychainItemRef>> findAllInternetPasswordsForURLInSearchList(
+    [[nodiscard]] static std::optional<std::vector<QMInternetPasswordKeychainItemRef>> findAllInternetPasswordsForURLInSearchList(
         const std::optional<platform::URL>& url, platform::ErrorRef* error = nullptr);
-    static QMGenericPasswordKeychainItemRef findGenericPasswordItemForAccountInSearchList(
+    [[nodiscard]] static QMGenericPasswordKeychainItemRef findGenericPasswordItemForAccountInSearchList(
         const std::optional<std::string>& account, const std::optional<std::string>& service,
         platform::ErrorRef* error = nullptr);
 
@@ -67,36 +67,36 @@ public:
     void setPath(std::optional<std::string> path) { path_ = std::move(path); }
     bool isDefaultKeychain() const { return keychainRef_ == nullptr; }
 
-    QMInternetPasswordKeychainItemRef findInternetPasswordForURL(const platform::URL& url,
+    [[nodiscard]] QMInternetPasswordKeychainItemRef findInternetPasswordForURL(const platform::URL& url,
                                                                  platform::ErrorRef* error = nullptr);
-    std::optional<std::vector<QMInternetPasswordKeychainItemRef>> findAllInternetPasswordsForURL(
+    [[nodiscard]] std::optional<std::vector<QMInternetPasswordKeychainItemRef>> findAllInternetPasswordsForURL(
         const std::optional<platform::URL>& url, platform::ErrorRef* error = nullptr);
     // Every internet password of this keychain stored without a port: the
     // look-up above with no URL.
-    std::optional<std::vector<QMInternetPasswordKeychainItemRef>> findAllInternetPasswords(
+    [[nodiscard]] std::optional<std::vector<QMInternetPasswordKeychainItemRef>> findAllInternetPasswords(
         platform::ErrorRef* error = nullptr);
-    std::optional<std::vector<QMGenericPasswordKeychainItemRef>> findAllGenericPasswords(
+    [[nodiscard]] std::optional<std::vector<QMGenericPasswordKeychainItemRef>> findAllGenericPasswords(
         platform::ErrorRef* error = nullptr);
-    QMGenericPasswordKeychainItemRef findGenericPasswordItemForAccount(const std::optional<std::string>& account,
+    [[nodiscard]] QMGenericPasswordKeychainItemRef findGenericPasswordItemForAccount(const std::optional<std::string>& account,
                                                                        const std::optional<std::string>& service,
                                                                        platform::ErrorRef* error = nullptr);
 
-    QMInternetPasswordKeychainItemRef addInternetPasswordWithURL(const platform::URL& url,
+    [[nodiscard]] QMInternetPasswordKeychainItemRef addInternetPasswordWithURL(const platform::URL& url,
                                                                  const std::optional<std::string>& password,
                                                                  platform::ErrorRef* error = nullptr);
-    QMInternetPasswordKeychainItemRef createOrUpdateInternetPasswordWithURL(
+    [[nodiscard]] QMInternetPasswordKeychainItemRef createOrUpdateInternetPasswordWithURL(
         const platform::URL& url, const std::optional<std::string>& password, platform::ErrorRef* error = nullptr);
-    QMGenericPasswordKeychainItemRef addGenericPasswordWithAccount(const std::optional<std::string>& account,
+    [[nodiscard]] QMGenericPasswordKeychainItemRef addGenericPasswordWithAccount(const std::optional<std::string>& account,
                                                                    const std::optional<std::string>& service,
                                                                    const std::optional<std::string>& password,
                                                                    platform::ErrorRef* error = nullptr);
-    QMGenericPasswordKeychainItemRef createOrUpdateGenericPasswordWithAccount(
+    [[nodiscard]] QMGenericPasswordKeychainItemRef createOrUpdateGenericPasswordWithAccount(
         const std::optional<std::string>& account, const std::optional<std::string>& service,
         const std::optional<std::string>& password, platform::ErrorRef* error = nullptr);
 
     // Deletes the keychain file. The default search list cannot be deleted:
     // that raises "NSInvalidArgumentException".
-    bool destroy(platform::ErrorRef* error = nullptr);
+    [[nodiscard]] bool destroy(platform::ErrorRef* error = nullptr);
 
     std::string className() const override { return "QMKeychain"; }
     std::string description() const override;

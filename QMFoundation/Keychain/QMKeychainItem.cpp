@@ -23,7 +23,7 @@ QMKeychainItem::QMKeychainItem(QMKeychainRef keychain, const std::optional<Dicti
         // The status goes unchecked: a failure leaves a null reference,
         // which stands for the default search list.
         SecKeychainRef holder;
-        SecKeychainItemCopyKeychain(reference, &holder);
+        static_cast<void>(SecKeychainItemCopyKeychain(reference, &holder));
         keychain_ = QMKeychain::keychainWithKeychainRef(std::move(holder));
     } else {
         keychain_ = QMKeychain::defaultKeychain();

@@ -47,14 +47,14 @@ public:
                                                               const QMKeychainRef& keychain);
     // The attribute dictionary of one entry (with its password data and item
     // reference), or nothing. Not finding one clears the error.
-    static std::optional<platform::Dictionary> findKeychainItemWithAttributes(const platform::Dictionary& attributes,
+    [[nodiscard]] static std::optional<platform::Dictionary> findKeychainItemWithAttributes(const platform::Dictionary& attributes,
                                                                              platform::ErrorRef* error = nullptr);
-    static std::optional<platform::Dictionary> findKeychainItemWithAttributes(const platform::Dictionary& attributes,
+    [[nodiscard]] static std::optional<platform::Dictionary> findKeychainItemWithAttributes(const platform::Dictionary& attributes,
                                                                              const QMKeychainRef& keychain,
                                                                              platform::ErrorRef* error = nullptr);
     // The attribute dictionaries (without password data) of every match; an
     // empty list when there is none, nothing on failure.
-    static std::optional<std::vector<platform::Dictionary>> findAllKeychainItemsWithAttributes(
+    [[nodiscard]] static std::optional<std::vector<platform::Dictionary>> findAllKeychainItemsWithAttributes(
         const platform::Dictionary& attributes, const QMKeychainRef& keychain, platform::ErrorRef* error = nullptr);
 
     const QMKeychainRef& keychain() const { return keychain_; }
@@ -87,12 +87,12 @@ public:
     // Adds a new entry or updates a stored one. An entry without changes is
     // not saved: false, with the error cleared. On failure the changes stay
     // pending.
-    bool save(platform::ErrorRef* error = nullptr);
+    [[nodiscard]] bool save(platform::ErrorRef* error = nullptr);
     // Deletes the entry from the keychain. Only the low byte of the status
     // counts, as a signed byte: a status whose low byte is zero is success,
     // and the error's code is that byte (44 for -25300). Both dictionaries
     // are kept.
-    bool destroy(platform::ErrorRef* error = nullptr);
+    [[nodiscard]] bool destroy(platform::ErrorRef* error = nullptr);
 
     std::string className() const override { return "QMKeychainItem"; }
     const platform::PropertyTable& propertyTable() const override;
@@ -105,11 +105,11 @@ protected:
     static platform::Dictionary queryAttributesForItemType(const platform::Value& itemType,
                                                            const platform::Dictionary& attributes,
                                                            const QMKeychainRef& keychain);
-    static std::optional<platform::Dictionary> findKeychainItemForItemType(const platform::Value& itemType,
+    [[nodiscard]] static std::optional<platform::Dictionary> findKeychainItemForItemType(const platform::Value& itemType,
                                                                           const platform::Dictionary& attributes,
                                                                           const QMKeychainRef& keychain,
                                                                           platform::ErrorRef* error);
-    static std::optional<std::vector<platform::Dictionary>> findAllKeychainItemsForItemType(
+    [[nodiscard]] static std::optional<std::vector<platform::Dictionary>> findAllKeychainItemsForItemType(
         const platform::Value& itemType, const platform::Dictionary& attributes, const QMKeychainRef& keychain,
         platform::ErrorRef* error);
 

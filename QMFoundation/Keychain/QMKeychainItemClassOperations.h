@@ -28,18 +28,18 @@ public:
     {
         return QMKeychainItem::queryAttributesForItemType(Item::keychainItemTypeRef(), attributes, keychain);
     }
-    static std::optional<platform::Dictionary> findKeychainItemWithAttributes(const platform::Dictionary& attributes,
+    [[nodiscard]] static std::optional<platform::Dictionary> findKeychainItemWithAttributes(const platform::Dictionary& attributes,
                                                                              platform::ErrorRef* error = nullptr)
     {
         return QMKeychainItem::findKeychainItemForItemType(Item::keychainItemTypeRef(), attributes, nullptr, error);
     }
-    static std::optional<platform::Dictionary> findKeychainItemWithAttributes(const platform::Dictionary& attributes,
+    [[nodiscard]] static std::optional<platform::Dictionary> findKeychainItemWithAttributes(const platform::Dictionary& attributes,
                                                                              const QMKeychainRef& keychain,
                                                                              platform::ErrorRef* error = nullptr)
     {
         return QMKeychainItem::findKeychainItemForItemType(Item::keychainItemTypeRef(), attributes, keychain, error);
     }
-    static std::optional<std::vector<platform::Dictionary>> findAllKeychainItemsWithAttributes(
+    [[nodiscard]] static std::optional<std::vector<platform::Dictionary>> findAllKeychainItemsWithAttributes(
         const platform::Dictionary& attributes, const QMKeychainRef& keychain, platform::ErrorRef* error = nullptr)
     {
         return QMKeychainItem::findAllKeychainItemsForItemType(Item::keychainItemTypeRef(), attributes, keychain,

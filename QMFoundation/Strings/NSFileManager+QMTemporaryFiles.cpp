@@ -1,5 +1,6 @@
 #include "QMFoundation/Strings/NSFileManager+QMTemporaryFiles.h"
 
+#include "Platform/FileSystem/FileManager.h"
 #include "QMFoundation/Strings/NSString+QMUniqueIdentifier.h"
 
 #include <cerrno>
@@ -11,11 +12,7 @@ namespace {
 
 std::filesystem::path systemTemporaryDirectory()
 {
-    std::error_code failure;
-    auto directory = std::filesystem::temp_directory_path(failure);
-    // A $TMPDIR that names no directory is the environment's mistake; the
-    // platform falls back to the standard place rather than failing.
-    return failure ? std::filesystem::path("/tmp") : directory;
+    return platform::FileManager::temporaryDirectory();
 }
 
 // Writes beside the destination and renames over it, so a reader never sees

@@ -20,7 +20,7 @@ platform::URL temporaryDirectoryURL();
 
 // Creates a new `temporaryDirectoryURL` (and any missing parents); nothing
 // with the error set when that fails.
-std::optional<platform::URL> createTemporaryDirectory(platform::ErrorRef* error = nullptr);
+[[nodiscard]] std::optional<platform::URL> createTemporaryDirectory(platform::ErrorRef* error = nullptr);
 
 // "<tmp>/<UUID>" or "<tmp>/<UUID>.<extension>", not created. An empty
 // extension counts as none.
@@ -32,8 +32,8 @@ platform::URL temporaryFileURLWithExtension(std::optional<std::string_view> exte
 // Writes the contents (empty when nothing) to a new temporary file, atomically:
 // the file appears complete or not at all. The file is readable by its owner
 // only. Nothing with the error set when writing fails.
-std::optional<platform::URL> createTemporaryFileWithExtension(std::optional<std::string_view> extension,
+[[nodiscard]] std::optional<platform::URL> createTemporaryFileWithExtension(std::optional<std::string_view> extension,
                                                               const std::optional<platform::Data>& contents,
                                                               platform::ErrorRef* error = nullptr);
-std::optional<platform::URL> createTemporaryFileWithContents(const std::optional<platform::Data>& contents,
+[[nodiscard]] std::optional<platform::URL> createTemporaryFileWithContents(const std::optional<platform::Data>& contents,
                                                              platform::ErrorRef* error = nullptr);

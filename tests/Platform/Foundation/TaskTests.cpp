@@ -135,6 +135,25 @@ TEST(Task, LaunchFailuresAreRaisedAndLeaveTheTaskUnlaunched)
     EXPECT_THROW(Task::create()->setStandardOutput(Task::create()), Exception);
 }
 
+TEST(Task, AStreamTheChildCannotBeGivenFailsTheLaunch)
+{
+    // A descriptor number beyond this process's table: the C library refuses
+    // to set it up for the child, and that refusal is the launch's failure.
+    const auto unusable = FileHandle::create(static_cast<int>(::sysconf(_SC_OPEN_MAX)), false);
+    auto task = shellTask("exit 0");
+    task->setStandardOutput(unusable);
+    try {
+        task->launch();
+        ADD_FAILURE() << "launched with a standard output it could not be given";
+        task->waitUntilExit();
+    } catch (const Exception& exception) {
+        EXPECT_EQ(exception.name(), NSInvalidArgumentException);
+        EXPECT_EQ(exception.reason().rfind("*** -[NSConcreteTask launch]: ", 0), 0U) << exception.reason();
+    }
+    EXPECT_FALSE(task->isRunning());
+    EXPECT_THROW(task->terminationStatus(), Exception) << "a task that failed to launch has no status";
+}
+
 TEST(Task, InterruptEndsTheChildWithSigint)
 {
     auto task = Task::create();

@@ -115,6 +115,50 @@ TEST_F(SecItemTest, MalformedQueriesAreRejectedWithoutTouchingTheKeychain)
     EXPECT_FALSE(std::filesystem::exists(defaultKeychainPath()));
 }
 
+TEST_F(SecItemTest, EachKeyOfAQueryRefusesAValueOfTheWrongKind)
+{
+    struct Row {
+        std::string_view key;
+        Value value;
+    };
+    const Row rows[] = {
+        {kSecClass, 7},
+        {kSecAttrAccount, Value()},
+        {kSecReturnData, "yes"},
+        {kSecReturnAttributes, Array{}},
+        {kSecReturnRef, "no"},
+        {kSecMatchLimit, "m_LimitSome"},
+        {kSecMatchLimit, true},
+        {kSecMatchLimit, -1},
+        {kSecValueRef, "not an item"},
+        {kSecValueData, 7},
+        {kSecMatchSearchList, "not a list"},
+        {kSecUseKeychain, "/not/a/keychain/object"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(std::string(row.key) + " = " + row.value.description());
+        EXPECT_EQ(SecItemCopyMatching(with(kAllInternetPasswords, row.key, row.value), nullptr), errSecParam);
+    }
+    EXPECT_FALSE(std::filesystem::exists(defaultKeychainPath()));
+}
+
+TEST_F(SecItemTest, AnUpdatesChangesRefuseTheKeysThatOnlyFindOrReturn)
+{
+    ASSERT_EQ(SecItemAdd(internetPassword("jo", "one", 0, "old"), nullptr), errSecSuccess);
+    const Dictionary one{{kSecClass, kSecClassInternetPassword}, {kSecAttrServer, "one"}};
+    Value item;
+    ASSERT_EQ(SecItemCopyMatching(with(one, kSecReturnRef, true), &item), errSecSuccess);
+    const std::pair<std::string_view, Value> searchOnly[] = {
+        {kSecReturnData, true},       {kSecReturnAttributes, true}, {kSecReturnRef, true},
+        {kSecMatchLimit, kSecMatchLimitAll}, {kSecValueRef, item},
+    };
+    for (const auto& [key, value] : searchOnly) {
+        SCOPED_TRACE(key);
+        EXPECT_EQ(SecItemUpdate(one, {{key, value}, {kSecValueData, bytes("new")}}), errSecParam);
+    }
+    EXPECT_EQ(secretOrStatus(one), "old") << "a refused update changes nothing";
+}
+
 TEST_F(SecItemTest, ResultsTakeTheShapeOfWhatWasAskedFor)
 {
     ASSERT_EQ(SecItemAdd(internetPassword("jo", "one", 0, "first"), nullptr), errSecSuccess);

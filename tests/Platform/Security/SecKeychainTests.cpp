@@ -16,24 +16,13 @@ using namespace platform;
 
 namespace {
 
+using testsupport::contentsOf;
+using testsupport::modeOf;
+using testsupport::tamper;
+
 Data bytes(std::string_view text)
 {
     return Data(text.begin(), text.end());
-}
-
-unsigned modeOf(const std::string& path)
-{
-    struct stat information {};
-    if (::stat(path.c_str(), &information) != 0) {
-        return 0;
-    }
-    return information.st_mode & 07777;
-}
-
-std::string contentsOf(const std::string& path)
-{
-    std::ifstream file(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
 }
 
 // Puts a new file in place, as restoring a copy would.
@@ -72,15 +61,6 @@ OSStatus readSecret(const SecKeychainRef& keychain, std::string_view service, st
         *secret = std::string(result.data()->begin(), result.data()->end());
     }
     return status;
-}
-
-// Runs SQL on a keychain file behind the keychain layer's back.
-void tamper(const std::string& path, const char* sql)
-{
-    sqlite3* database = nullptr;
-    ASSERT_EQ(sqlite3_open(path.c_str(), &database), SQLITE_OK);
-    EXPECT_EQ(sqlite3_exec(database, sql, nullptr, nullptr, nullptr), SQLITE_OK) << sqlite3_errmsg(database);
-    sqlite3_close(database);
 }
 
 class SecKeychainTest : public testsupport::KeychainSandbox {};
@@ -176,12 +156,36 @@ TEST_F(SecKeychainTest, ARelativePathIsTakenFromTheWorkingDirectory)
 
 TEST_F(SecKeychainTest, DeleteRefusesAFileThatIsNotAKeychain)
 {
-    const std::string path = sandboxPath("notes.txt");
-    writeFile(path, "my precious notes, nothing like a database\n");
-    SecKeychainRef keychain;
-    ASSERT_EQ(SecKeychainOpen(path.c_str(), &keychain), errSecSuccess);
-    EXPECT_EQ(SecKeychainDelete(keychain), errSecInvalidKeychain);
-    EXPECT_EQ(contentsOf(path), "my precious notes, nothing like a database\n");
+    struct Case {
+        const char* what;
+        std::string contents;  // written as is, unless sql is given
+        const char* sql;       // run on a new database instead
+    };
+    const Case cases[] = {
+        {"a text file", "my precious notes, nothing like a database\n", nullptr},
+        {"an empty file", "", nullptr},
+        {"a database without tables", "", "PRAGMA user_version=7"},
+        {"another program's database", "", "CREATE TABLE notes (text TEXT); INSERT INTO notes VALUES ('keep me')"},
+        {"our metadata table alone", "",
+         "CREATE TABLE keychain_meta (name TEXT PRIMARY KEY NOT NULL, value) WITHOUT ROWID;"
+         "INSERT INTO keychain_meta VALUES ('format', 'zarvo-keychain'), ('version', 1), ('identity', 'x')"},
+    };
+    for (const auto& [what, contents, sql] : cases) {
+        SCOPED_TRACE(what);
+        const std::string path = sandboxPath("victim");
+        std::filesystem::remove(path);
+        if (sql != nullptr) {
+            tamper(path, sql);
+        } else {
+            writeFile(path, contents);
+        }
+        const std::string before = contentsOf(path);
+        SecKeychainRef keychain;
+        ASSERT_EQ(SecKeychainOpen(path.c_str(), &keychain), errSecSuccess);
+        EXPECT_EQ(SecKeychainDelete(keychain), errSecInvalidKeychain);
+        ASSERT_TRUE(std::filesystem::exists(path));
+        EXPECT_EQ(contentsOf(path), before);
+    }
 }
 
 TEST_F(SecKeychainTest, FilesThatAreNotKeychainsGiveAClearStatus)

@@ -167,15 +167,16 @@ TEST_F(AliasTest, AssertsItsArguments)
     const char* maker = "QMFoundation/NSFileManager+QMCreateFinderAlias";
     const char* resolver = "QMFoundation/NSURL+QMFinderAlias";
     const Case cases[] = {
-        {[&] { createAliasAtURL(std::nullopt, std::nullopt); }, "Invalid parameter not satisfying: aliasFileURL", maker},
-        {[&] { createAliasAtURL(web, std::nullopt); }, "Invalid parameter not satisfying: destinationFileURL", maker},
-        {[&] { createAliasAtURL(web, web); }, "Invalid parameter not satisfying: aliasFileURL.isFileURL", maker},
-        {[&] { createAliasAtURL(file, web); }, "Invalid parameter not satisfying: destinationFileURL.isFileURL", maker},
-        {[&] { createAliasAtURL(file, fileURL("/")); }, "Couldn't get alias name for URL: file:///", maker},
-        {[&] { fileURLFromAliasAtURL(std::nullopt); }, "Invalid parameter not satisfying: aliasFileURL", resolver},
-        {[&] { fileURLFromAliasAtURL(web); }, "Invalid parameter not satisfying: aliasFileURL.isFileURL", resolver},
+        {[&] { static_cast<void>(createAliasAtURL(std::nullopt, std::nullopt)); }, "Invalid parameter not satisfying: aliasFileURL", maker},
+        {[&] { static_cast<void>(createAliasAtURL(web, std::nullopt)); }, "Invalid parameter not satisfying: destinationFileURL", maker},
+        {[&] { static_cast<void>(createAliasAtURL(web, web)); }, "Invalid parameter not satisfying: aliasFileURL.isFileURL", maker},
+        {[&] { static_cast<void>(createAliasAtURL(file, web)); }, "Invalid parameter not satisfying: destinationFileURL.isFileURL", maker},
+        {[&] { static_cast<void>(createAliasAtURL(file, fileURL("/"))); }, "Couldn't get alias name for URL: file:///", maker},
+        {[&] { static_cast<void>(fileURLFromAliasAtURL(std::nullopt)); }, "Invalid parameter not satisfying: aliasFileURL", resolver},
+        {[&] { static_cast<void>(fileURLFromAliasAtURL(web)); }, "Invalid parameter not satisfying: aliasFileURL.isFileURL", resolver},
     };
     for (const auto& testCase : cases) {
+        SCOPED_TRACE(testCase.description);
         const auto failure = testsupport::captureAssertion(testCase.call);
         EXPECT_EQ(failure.description, testCase.description);
         EXPECT_EQ(failure.file, testCase.file);

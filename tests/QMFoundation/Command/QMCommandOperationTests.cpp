@@ -72,15 +72,16 @@ public:
         return terminatedOn_;
     }
     bool dataOverlapped() const { return overlapped_.load(); }
-
-    Signal outputArrived;
-
-private:
+    // Adds an event told by someone else (a subclass's hook) to the same record.
     void record(const char* event)
     {
         std::lock_guard lock(mutex_);
         events_.emplace_back(event);
     }
+
+    Signal outputArrived;
+
+private:
     void enterData()
     {
         if (++inData_ != 1) {
@@ -97,6 +98,59 @@ private:
     std::vector<std::thread::id> dataThreads_;
     std::atomic<int> inData_{0};
     std::atomic<bool> overlapped_{false};
+};
+
+// A subclass whose hooks note themselves in its delegate's record, so that
+// their order against the delegate's callbacks shows, and remember what they
+// saw of the command when they ran.
+class HookedCommand final : public QMCommandOperation {
+public:
+    struct Call {
+        std::string hook;
+        std::thread::id thread;
+        bool executing;
+        bool finished;
+        bool hasTask;
+        std::int64_t exitCode;
+        bool hasOutputData;
+    };
+
+    static std::shared_ptr<HookedCommand> create(const std::string& launchPath, Arguments arguments,
+                                                 const std::shared_ptr<RecordingDelegate>& delegate)
+    {
+        return std::shared_ptr<HookedCommand>(new HookedCommand(launchPath, std::move(arguments), delegate),
+                                              platform::ObjectDeleter());
+    }
+
+    std::vector<Call> calls() const
+    {
+        std::lock_guard lock(mutex_);
+        return calls_;
+    }
+
+protected:
+    void commandWillExecute() override { note("willExecute"); }
+    void commandDidFailToLaunch() override { note("didFailToLaunch"); }
+    void commandDidTerminate() override { note("didTerminate"); }
+
+private:
+    HookedCommand(const std::string& launchPath, Arguments arguments, const std::shared_ptr<RecordingDelegate>& delegate)
+        : QMCommandOperation(launchPath, std::nullopt, std::move(arguments), delegate), recorder_(delegate)
+    {
+    }
+
+    void note(const char* hook)
+    {
+        recorder_->record(hook);
+        Call call{hook,        std::this_thread::get_id(), isExecuting(), isFinished(), task() != nullptr,
+                  exitCode(), standardOutputData().has_value()};
+        std::lock_guard lock(mutex_);
+        calls_.push_back(std::move(call));
+    }
+
+    const std::shared_ptr<RecordingDelegate> recorder_;
+    mutable std::mutex mutex_;
+    std::vector<Call> calls_;
 };
 
 std::shared_ptr<QMCommandOperation> shellCommand(const std::string& script,
@@ -237,11 +291,12 @@ TEST(QMCommandOperation, CancellingARunningCommandInterruptsItAndEndsAsUsual)
 TEST(QMCommandOperation, CancelledBeforeItBeginsItDoesNothing)
 {
     const auto delegate = std::make_shared<RecordingDelegate>();
-    const auto command = QMCommandOperation::commandWithLaunchPath("/bin/true", {}, delegate);
+    const auto command = HookedCommand::create("/bin/true", {}, delegate);
     command->cancel();
     command->start();
     EXPECT_TRUE(command->isFinished());
     EXPECT_TRUE(delegate->events().empty());
+    EXPECT_TRUE(command->calls().empty()) << "no hook runs either";
     EXPECT_EQ(command->exitCode(), 0);
     EXPECT_FALSE(command->standardOutputData());
 }
@@ -282,6 +337,57 @@ TEST(QMCommandOperation, AnnouncesItsStateUnderItsOwnKeysOnly)
     for (const auto& key : keys) {
         command->removeObserver(*recorder, key);
     }
+}
+
+TEST(QMCommandOperationHooks, FrameARunOnTheOperationsThreadAroundEveryDelegateCallback)
+{
+    const auto delegate = std::make_shared<RecordingDelegate>();
+    const auto command = HookedCommand::create("/bin/sh", {"-c", "printf x; exit 3"}, delegate);
+    command->start();
+    EXPECT_EQ(delegate->events(), (std::vector<std::string>{"willExecute", "out", "didTerminate", "terminated"}));
+    const auto calls = command->calls();
+    ASSERT_EQ(calls.size(), 2U);
+
+    const auto& willExecute = calls[0];
+    EXPECT_EQ(willExecute.thread, std::this_thread::get_id());
+    EXPECT_TRUE(willExecute.executing) << "the hook runs once the command is executing";
+    EXPECT_FALSE(willExecute.finished);
+    EXPECT_FALSE(willExecute.hasTask) << "the hook runs before the program is set up";
+
+    const auto& didTerminate = calls[1];
+    EXPECT_EQ(didTerminate.thread, std::this_thread::get_id());
+    EXPECT_FALSE(didTerminate.executing);
+    EXPECT_TRUE(didTerminate.finished) << "the hook runs once the command has finished";
+    EXPECT_FALSE(didTerminate.hasTask);
+    EXPECT_EQ(didTerminate.exitCode, 3) << "the hook sees the program's status";
+    EXPECT_TRUE(didTerminate.hasOutputData) << "the hook sees the collected output";
+}
+
+TEST(QMCommandOperationHooks, RunOnTheQueuesThreadWhenAQueueRunsTheCommand)
+{
+    const auto delegate = std::make_shared<RecordingDelegate>();
+    const auto command = HookedCommand::create("/bin/true", {}, delegate);
+    const auto queue = platform::OperationQueue::create();
+    queue->addOperation(command);
+    command->waitUntilFinished();
+    EXPECT_EQ(delegate->events(), (std::vector<std::string>{"willExecute", "didTerminate", "terminated"}));
+    const auto calls = command->calls();
+    ASSERT_EQ(calls.size(), 2U);
+    EXPECT_EQ(calls[0].thread, delegate->terminatedOn()) << "both hooks and the end share the operation's thread";
+    EXPECT_EQ(calls[1].thread, delegate->terminatedOn());
+}
+
+TEST(QMCommandOperationHooks, AProgramThatCannotStartGetsTheFailureHookBeforeTheDelegate)
+{
+    const auto delegate = std::make_shared<RecordingDelegate>();
+    const auto command = HookedCommand::create("/nonexistent/zarvo-tool", {}, delegate);
+    command->start();
+    EXPECT_EQ(delegate->events(), (std::vector<std::string>{"willExecute", "didFailToLaunch", "failed"}));
+    const auto calls = command->calls();
+    ASSERT_EQ(calls.size(), 2U);
+    EXPECT_EQ(calls[1].thread, std::this_thread::get_id());
+    EXPECT_TRUE(calls[1].finished);
+    EXPECT_EQ(calls[1].exitCode, -1) << "the hook sees the failed launch's exit code";
 }
 
 TEST(QMCommandOperation, ManyCommandsAtOnceEachKeepTheirOwnOutput)

@@ -102,6 +102,7 @@ TEST(QMErrorManager, GivesPlainErrorsForUnknownDomainsAndCodes)
     const auto manager = QMErrorManager::manager();
     manager->addErrorDefinition(quotaDefinition(), kDomain);
     for (const auto& [domain, code] : {std::pair{"other", 7}, std::pair{kDomain, 8}}) {
+        SCOPED_TRACE(std::string(domain) + " " + std::to_string(code));
         EXPECT_EQ(manager->errorDefinitionForDomain(domain, code), nullptr);
         const auto error = manager->errorWithDomain(
             domain, code, Dictionary{{std::string(platform::NSLocalizedFailureReasonErrorKey), "Because."}});
@@ -150,6 +151,7 @@ TEST(QMErrorManager, AssertsItsArguments)
         {[&] { manager->addErrorDefinitions(Array{"not a dictionary"}, kDomain); }, "errorDefinition"},
     };
     for (const auto& testCase : cases) {
+        SCOPED_TRACE(testCase.condition);
         const auto failure = testsupport::captureAssertion(testCase.call);
         EXPECT_EQ(failure.description, std::string("Invalid parameter not satisfying: ") + testCase.condition);
         EXPECT_EQ(failure.file, "QMFoundation/QMErrorManager");

@@ -171,7 +171,7 @@ TEST_F(QMInternetPasswordKeychainItemTest, OnlyStorableURLsMakeItems)
 TEST_F(QMInternetPasswordKeychainItemTest, AMissingURLIsAProgrammingError)
 {
     const auto failure =
-        testsupport::captureAssertion([] { QMInternetPasswordKeychainItem::findInternetPasswordForURL(std::nullopt); });
+        testsupport::captureAssertion([] { static_cast<void>(QMInternetPasswordKeychainItem::findInternetPasswordForURL(std::nullopt)); });
     EXPECT_EQ(failure.description, "Invalid parameter not satisfying: URL != nil");
     EXPECT_EQ(failure.file, "QMFoundation/QMInternetPasswordKeychainItem");
 }

@@ -97,7 +97,7 @@ TEST_F(QMKeychainTest, AddingADuplicateFailsWithTheKeychainError)
 TEST_F(QMKeychainTest, TheDefaultKeychainCannotBeDestroyed)
 {
     try {
-        QMKeychain::defaultKeychain()->destroy();
+        static_cast<void>(QMKeychain::defaultKeychain()->destroy());
         FAIL() << "destroying the default keychain did not raise";
     } catch (const Exception& exception) {
         EXPECT_EQ(exception.name(), NSInvalidArgumentException);
@@ -146,7 +146,7 @@ TEST_F(QMKeychainTest, APasswordProtectedKeychainIsUsableByItsCreator)
 
 TEST_F(QMKeychainTest, AMissingPathIsAProgrammingError)
 {
-    const auto failure = testsupport::captureAssertion([] { QMKeychain::keychainWithPath(std::nullopt, std::nullopt); });
+    const auto failure = testsupport::captureAssertion([] { static_cast<void>(QMKeychain::keychainWithPath(std::nullopt, std::nullopt)); });
     EXPECT_EQ(failure.description, "Invalid parameter not satisfying: path != nil");
     EXPECT_EQ(failure.file, "QMFoundation/QMKeychain");
 }

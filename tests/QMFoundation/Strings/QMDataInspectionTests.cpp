@@ -91,6 +91,7 @@ TEST(Separator, SkipsEmptyChunks)
         {{65, 66, 0, 67, 0}, {{65, 66}, {67}}},
     };
     for (const auto& [data, expected] : cases) {
+        SCOPED_TRACE(testing::PrintToString(data));
         EXPECT_EQ(componentsSeparatedByNULByte(data), expected);
     }
     EXPECT_EQ(componentsSeparatedByChar({'a', '\n', 0, '\n', '\n', 'b'}, '\n'), (std::vector<Data>{{'a'}, {0}, {'b'}}));

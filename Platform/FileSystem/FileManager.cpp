@@ -1,0 +1,390 @@
+#include "Platform/FileSystem/FileManager.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <filesystem>
+#include <memory>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+namespace platform {
+namespace {
+
+ErrorRef fileError(int code, const std::string& path, std::string_view action = {})
+{
+    std::string description = action.empty() ? path : std::string(action) + " " + path;
+    description += ": ";
+    description += std::strerror(code);
+    return Error::create(std::string(NSPOSIXErrorDomain), code,
+                         Dictionary{{NSLocalizedDescriptionKey, Value(std::move(description))},
+                                    {NSFilePathErrorKey, Value(path)}});
+}
+
+// A NUL byte would end the path early at the system call, which would then
+// act on another file than the one named.
+bool isUsablePath(const std::string& path, ErrorRef* error)
+{
+    if (path.find('\0') == std::string::npos) {
+        return true;
+    }
+    setError(error, fileError(EINVAL, path));
+    return false;
+}
+
+std::optional<std::string> attributeName(std::string_view name, const std::string& path, ErrorRef* error)
+{
+    if (name.empty() || name.find('\0') != std::string_view::npos) {
+        setError(error, fileError(EINVAL, path, "extended attribute name for"));
+        return std::nullopt;
+    }
+    return "user." + std::string(name);
+}
+
+Date dateOf(const statx_timestamp& time)
+{
+    return Date(static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9);
+}
+
+Date dateOf(const timespec& time)
+{
+    return Date(static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9);
+}
+
+FileType typeOf(unsigned mode)
+{
+    switch (mode & S_IFMT) {
+    case S_IFREG: return FileType::Regular;
+    case S_IFDIR: return FileType::Directory;
+    case S_IFLNK: return FileType::SymbolicLink;
+    case S_IFCHR: return FileType::CharacterSpecial;
+    case S_IFBLK: return FileType::BlockSpecial;
+    case S_IFSOCK: return FileType::Socket;
+    default: return FileType::Unknown;
+    }
+}
+
+std::string_view typeName(FileType type)
+{
+    switch (type) {
+    case FileType::Regular: return "NSFileTypeRegular";
+    case FileType::Directory: return "NSFileTypeDirectory";
+    case FileType::SymbolicLink: return "NSFileTypeSymbolicLink";
+    case FileType::CharacterSpecial: return "NSFileTypeCharacterSpecial";
+    case FileType::BlockSpecial: return "NSFileTypeBlockSpecial";
+    case FileType::Socket: return "NSFileTypeSocket";
+    case FileType::Unknown: break;
+    }
+    return "NSFileTypeUnknown";
+}
+
+// For kernels or sandboxes without statx: no birth time.
+std::optional<FileAttributes> attributesFromLstat(const std::string& path, ErrorRef* error)
+{
+    struct stat status {};
+    if (::lstat(path.c_str(), &status) != 0) {
+        setError(error, fileError(errno, path));
+        return std::nullopt;
+    }
+    FileAttributes attributes;
+    attributes.type = typeOf(status.st_mode);
+    attributes.size = static_cast<std::uint64_t>(status.st_size);
+    attributes.modificationDate = dateOf(status.st_mtim);
+    attributes.creationDate = std::min(attributes.modificationDate, dateOf(status.st_ctim));
+    attributes.posixPermissions = status.st_mode & 07777;
+    return attributes;
+}
+
+std::string absoluteVariable(const char* name)
+{
+    const char* value = std::getenv(name);
+    return value != nullptr && value[0] == '/' ? std::string(value) : std::string();
+}
+
+bool isDirectory(const std::string& path)
+{
+    struct stat status {};
+    return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+}  // namespace
+
+Dictionary FileAttributes::dictionary() const
+{
+    return Dictionary{
+        {NSFileType, Value(typeName(type))},
+        {NSFileSize, Value(size)},
+        {NSFileModificationDate, Value(modificationDate)},
+        {NSFileCreationDate, Value(creationDate)},
+        {NSFilePosixPermissions, Value(posixPermissions)},
+    };
+}
+
+std::optional<std::vector<std::string>> FileManager::contentsOfDirectoryAtPath(const std::string& path,
+                                                                                ErrorRef* error)
+{
+    if (!isUsablePath(path, error)) {
+        return std::nullopt;
+    }
+    const std::unique_ptr<DIR, int (*)(DIR*)> directory(::opendir(path.c_str()), ::closedir);
+    if (!directory) {
+        setError(error, fileError(errno, path));
+        return std::nullopt;
+    }
+    std::vector<std::string> names;
+    for (;;) {
+        errno = 0;
+        const dirent* entry = ::readdir(directory.get());
+        if (entry == nullptr) {
+            if (errno != 0) {
+                setError(error, fileError(errno, path));
+                return std::nullopt;
+            }
+            break;
+        }
+        const std::string_view name(entry->d_name);
+        if (name != "." && name != "..") {
+            names.emplace_back(name);
+        }
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+std::optional<FileAttributes> FileManager::attributesOfItemAtPath(const std::string& path, ErrorRef* error)
+{
+    if (!isUsablePath(path, error)) {
+        return std::nullopt;
+    }
+    struct statx status {};
+    if (::statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW | AT_STATX_SYNC_AS_STAT,
+                STATX_BASIC_STATS | STATX_BTIME, &status) != 0) {
+        if (errno == ENOSYS || errno == EPERM) {
+            // EPERM: a seccomp filter that refuses calls it does not know.
+            return attributesFromLstat(path, error);
+        }
+        setError(error, fileError(errno, path));
+        return std::nullopt;
+    }
+    FileAttributes attributes;
+    attributes.type = typeOf(status.stx_mode);
+    attributes.size = status.stx_size;
+    attributes.modificationDate = dateOf(status.stx_mtime);
+    attributes.creationDateIsBirthTime = (status.stx_mask & STATX_BTIME) != 0;
+    attributes.creationDate = attributes.creationDateIsBirthTime
+        ? dateOf(status.stx_btime)
+        : std::min(attributes.modificationDate, dateOf(status.stx_ctime));
+    attributes.posixPermissions = status.stx_mode & 07777;
+    return attributes;
+}
+
+bool FileManager::fileExistsAtPath(const std::string& path, bool* isDirectory)
+{
+    struct stat status {};
+    if (path.find('\0') != std::string::npos || ::stat(path.c_str(), &status) != 0) {
+        return false;
+    }
+    if (isDirectory != nullptr) {
+        *isDirectory = S_ISDIR(status.st_mode);
+    }
+    return true;
+}
+
+bool FileManager::createDirectoryAtPath(const std::string& path, bool withIntermediateDirectories, ErrorRef* error)
+{
+    if (!isUsablePath(path, error)) {
+        return false;
+    }
+    if (!withIntermediateDirectories) {
+        if (::mkdir(path.c_str(), 0777) != 0) {
+            setError(error, fileError(errno, path));
+            return false;
+        }
+        return true;
+    }
+    // Each prefix that ends before a slash, then the whole path. Another
+    // process making the same directories at the same time is no failure.
+    for (std::size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
+        const std::string prefix = path.substr(0, end);
+        if (!prefix.empty() && prefix.back() != '/' && ::mkdir(prefix.c_str(), 0777) != 0) {
+            int code = errno;
+            if (code == EEXIST && !isDirectory(prefix)) {
+                // Something else in the way of a parent makes the path
+                // impossible, as the system says of such a path.
+                code = end == std::string::npos ? EEXIST : ENOTDIR;
+            } else if (code == EEXIST) {
+                code = 0;
+            }
+            if (code != 0) {
+                setError(error, fileError(code, path));
+                return false;
+            }
+        }
+        if (end == std::string::npos) {
+            break;
+        }
+    }
+    return true;
+}
+
+bool FileManager::moveItemAtPath(const std::string& path, const std::string& toPath, ErrorRef* error)
+{
+    if (!isUsablePath(path, error) || !isUsablePath(toPath, error)) {
+        return false;
+    }
+    int result = ::renameat2(AT_FDCWD, path.c_str(), AT_FDCWD, toPath.c_str(), RENAME_NOREPLACE);
+    if (result != 0 && errno == EINVAL) {
+        // A file system that cannot refuse to replace: check first, which
+        // leaves a window for another process to create `toPath`.
+        struct stat status {};
+        if (::lstat(toPath.c_str(), &status) == 0) {
+            errno = EEXIST;
+        } else {
+            result = ::rename(path.c_str(), toPath.c_str());
+        }
+    }
+    if (result != 0) {
+        const int code = errno;
+        setError(error, fileError(code, path, code == EEXIST ? "cannot replace " + toPath + " with" : "cannot move"));
+        return false;
+    }
+    return true;
+}
+
+bool FileManager::removeItemAtPath(const std::string& path, ErrorRef* error)
+{
+    if (!isUsablePath(path, error)) {
+        return false;
+    }
+    struct stat status {};
+    if (::lstat(path.c_str(), &status) != 0) {
+        setError(error, fileError(errno, path));
+        return false;
+    }
+    if (!S_ISDIR(status.st_mode)) {
+        if (::unlink(path.c_str()) != 0) {
+            setError(error, fileError(errno, path));
+            return false;
+        }
+        return true;
+    }
+    // remove_all does not follow links inside the tree, and reports the
+    // system's error number.
+    std::error_code failure;
+    std::filesystem::remove_all(path, failure);
+    if (failure) {
+        setError(error, fileError(failure.value(), path));
+        return false;
+    }
+    return true;
+}
+
+std::optional<Data> FileManager::extendedAttribute(std::string_view name, const std::string& path, ErrorRef* error)
+{
+    const auto fullName = attributeName(name, path, error);
+    if (!fullName || !isUsablePath(path, error)) {
+        return std::nullopt;
+    }
+    // The value may grow between asking its size and reading it; then the
+    // read fails with ERANGE and is tried again.
+    for (;;) {
+        const ssize_t size = ::getxattr(path.c_str(), fullName->c_str(), nullptr, 0);
+        if (size < 0) {
+            setError(error, fileError(errno, path));
+            return std::nullopt;
+        }
+        Data value(static_cast<std::size_t>(size));
+        const ssize_t read = ::getxattr(path.c_str(), fullName->c_str(), value.data(), value.size());
+        if (read >= 0) {
+            value.resize(static_cast<std::size_t>(read));
+            return value;
+        }
+        if (errno != ERANGE) {
+            setError(error, fileError(errno, path));
+            return std::nullopt;
+        }
+    }
+}
+
+bool FileManager::setExtendedAttribute(std::string_view name, const Data& value, const std::string& path,
+                                       ErrorRef* error)
+{
+    const auto fullName = attributeName(name, path, error);
+    if (!fullName || !isUsablePath(path, error)) {
+        return false;
+    }
+    if (::setxattr(path.c_str(), fullName->c_str(), value.data(), value.size(), 0) != 0) {
+        setError(error, fileError(errno, path));
+        return false;
+    }
+    return true;
+}
+
+bool FileManager::removeExtendedAttribute(std::string_view name, const std::string& path, ErrorRef* error)
+{
+    const auto fullName = attributeName(name, path, error);
+    if (!fullName || !isUsablePath(path, error)) {
+        return false;
+    }
+    if (::removexattr(path.c_str(), fullName->c_str()) != 0) {
+        setError(error, fileError(errno, path));
+        return false;
+    }
+    return true;
+}
+
+std::vector<URL> FileManager::URLsForDirectory(SearchPathDirectory directory)
+{
+    return {URL::fileURLWithPath(pathForDirectory(directory), true)};
+}
+
+std::string FileManager::pathForDirectory(SearchPathDirectory directory)
+{
+    const auto [variable, defaultUnderHome] = [&]() -> std::pair<const char*, const char*> {
+        switch (directory) {
+        case SearchPathDirectory::ApplicationSupport: return {"XDG_DATA_HOME", "/.local/share"};
+        case SearchPathDirectory::Logs: return {"XDG_STATE_HOME", "/.local/state"};
+        case SearchPathDirectory::Caches: return {"XDG_CACHE_HOME", "/.cache"};
+        }
+        return {"XDG_DATA_HOME", "/.local/share"};
+    }();
+    if (std::string path = absoluteVariable(variable); !path.empty()) {
+        return path;
+    }
+    const std::string home = homeDirectory();
+    return (home == "/" ? std::string() : home) + defaultUnderHome;
+}
+
+std::string FileManager::homeDirectory()
+{
+    if (std::string home = absoluteVariable("HOME"); !home.empty()) {
+        return home;
+    }
+    // getpwuid_r: another thread may be asking the user database too.
+    passwd entry{};
+    passwd* found = nullptr;
+    std::vector<char> buffer(16384);
+    if (::getpwuid_r(::getuid(), &entry, buffer.data(), buffer.size(), &found) == 0 && found != nullptr &&
+        found->pw_dir != nullptr && found->pw_dir[0] == '/') {
+        return found->pw_dir;
+    }
+    return "/";
+}
+
+std::string FileManager::temporaryDirectory()
+{
+    // A $TMPDIR that names no directory is the environment's mistake; the
+    // standard place is used rather than failing.
+    if (std::string directory = absoluteVariable("TMPDIR"); !directory.empty() && isDirectory(directory)) {
+        return directory;
+    }
+    return "/tmp";
+}
+
+}  // namespace platform

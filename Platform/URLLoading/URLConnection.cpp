@@ -1,0 +1,122 @@
+#include "Platform/URLLoading/URLConnection.h"
+
+#include "Platform/URLLoading/internal/CurlDriver.h"
+#include "Platform/URLLoading/internal/Transfer.h"
+
+#include <chrono>
+#include <future>
+
+namespace platform {
+
+using urlloading_internal::CurlDriver;
+
+void URLConnectionDelegate::connectionWillSendRequestForAuthenticationChallenge(
+    const URLConnectionRef&, const URLAuthenticationChallengeRef& challenge)
+{
+    challenge->sender()->performDefaultHandlingForAuthenticationChallenge(challenge);
+}
+
+void URLConnectionDelegate::connectionDidReceiveResponse(const URLConnectionRef&, const HTTPURLResponseRef&) {}
+void URLConnectionDelegate::connectionDidReceiveData(const URLConnectionRef&, const Data&) {}
+void URLConnectionDelegate::connectionDidFinishLoading(const URLConnectionRef&) {}
+void URLConnectionDelegate::connectionDidFailWithError(const URLConnectionRef&, const ErrorRef&) {}
+
+URLConnection::URLConnection(URLRequestRef request, URLConnectionDelegateRef delegate)
+    : request_(std::move(request)), delegate_(std::move(delegate))
+{
+}
+
+URLConnection::~URLConnection() = default;
+
+URLConnectionRef URLConnection::create(URLRequestRef request, URLConnectionDelegateRef delegate, bool startImmediately)
+{
+    URLConnectionRef connection(new URLConnection(std::move(request), std::move(delegate)));
+    if (startImmediately) {
+        connection->start();
+    }
+    return connection;
+}
+
+URLConnectionRef URLConnection::self()
+{
+    return std::static_pointer_cast<URLConnection>(shared_from_this());
+}
+
+void URLConnection::setDelegateQueue(OperationQueueRef queue)
+{
+    delegateQueue_ = std::move(queue);
+}
+
+void URLConnection::start()
+{
+    if (started_.exchange(true)) {
+        return;
+    }
+    if (!delegateQueue_) {
+        drivingLoop_ = RunLoop::currentRunLoop();
+        CurlDriver::forCurrentThread().add(self());
+        return;
+    }
+    const auto loop = urlloading_internal::transportRunLoop();
+    drivingLoop_ = loop;
+    loop->performBlock([connection = self()] { CurlDriver::forCurrentThread().add(connection); });
+}
+
+void URLConnection::cancel()
+{
+    if (cancelled_.exchange(true)) {
+        return;
+    }
+    const auto loop = drivingLoop_.lock();
+    if (!loop) {
+        return;  // never started
+    }
+    if (loop == RunLoop::currentRunLoop()) {
+        CurlDriver::forCurrentThread().remove(self());
+    } else {
+        loop->performBlock([connection = self()] { CurlDriver::forCurrentThread().remove(connection); });
+    }
+}
+
+void URLConnection::deliver(Event event)
+{
+    if (isCancelled() || !delegate_) {
+        return;
+    }
+    if (!delegateQueue_) {
+        // Held here: the delegate may cancel, which lets the connection's go.
+        const auto delegate = delegate_;
+        event(*delegate, self());
+        return;
+    }
+    delegateQueue_->addOperationWithBlock([connection = self(), delegate = delegate_, event = std::move(event)] {
+        if (!connection->isCancelled()) {
+            event(*delegate, connection);
+        }
+    });
+}
+
+void URLConnection::askDelegate(const URLAuthenticationChallengeRef& challenge)
+{
+    const auto delegate = delegate_;
+    if (isCancelled() || !delegate) {
+        return;
+    }
+    if (!delegateQueue_) {
+        delegate->connectionWillSendRequestForAuthenticationChallenge(self(), challenge);
+        return;
+    }
+    // The handshake waits for the answer on the transport's thread; a queue
+    // that does not get to it within the request's time-out cancels.
+    auto answered = std::make_shared<std::promise<void>>();
+    auto waited = answered->get_future();
+    delegateQueue_->addOperationWithBlock([connection = self(), delegate, challenge, answered] {
+        if (!connection->isCancelled()) {
+            delegate->connectionWillSendRequestForAuthenticationChallenge(connection, challenge);
+        }
+        answered->set_value();
+    });
+    waited.wait_for(std::chrono::duration<double>(request_->timeoutInterval()));
+}
+
+}  // namespace platform

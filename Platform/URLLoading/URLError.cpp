@@ -1,0 +1,41 @@
+#include "Platform/URLLoading/URLError.h"
+
+#include <string>
+
+namespace platform {
+namespace {
+
+std::string_view describe(URLErrorCode code)
+{
+    switch (code) {
+    case NSURLErrorCancelled: return "The load was cancelled.";
+    case NSURLErrorBadURL: return "The URL is not one that can be loaded.";
+    case NSURLErrorTimedOut: return "The server sent nothing for longer than the request's time-out.";
+    case NSURLErrorUnsupportedURL: return "The URL's scheme is not one this transport loads.";
+    case NSURLErrorCannotFindHost: return "The server's name could not be resolved.";
+    case NSURLErrorCannotConnectToHost: return "Could not connect to the server.";
+    case NSURLErrorNetworkConnectionLost: return "The connection to the server was lost before the answer was complete.";
+    case NSURLErrorHTTPTooManyRedirects: return "The server redirected too many times.";
+    case NSURLErrorBadServerResponse: return "The server's answer is not HTTP.";
+    case NSURLErrorUserCancelledAuthentication: return "The server's certificate was not accepted.";
+    case NSURLErrorCannotDecodeContentData: return "The server's compressed answer could not be decoded.";
+    case NSURLErrorSecureConnectionFailed: return "A secure connection to the server could not be made.";
+    case NSURLErrorServerCertificateHasBadDate: return "The server's certificate has expired or is not yet valid.";
+    case NSURLErrorServerCertificateUntrusted: return "The server's certificate is not trusted.";
+    case NSURLErrorServerCertificateHasUnknownRoot: return "The server's certificate was issued by an unknown authority.";
+    case NSURLErrorClientCertificateRejected: return "The server rejected the client certificate.";
+    case NSURLErrorUnknown: break;
+    }
+    return "The URL could not be loaded.";
+}
+
+}  // namespace
+
+ErrorRef makeURLError(URLErrorCode code, std::string_view failingURL)
+{
+    return Error::create(std::string(NSURLErrorDomain), code,
+                         Dictionary{{NSLocalizedDescriptionKey, std::string(describe(code))},
+                                    {NSURLErrorFailingURLStringErrorKey, std::string(failingURL)}});
+}
+
+}  // namespace platform

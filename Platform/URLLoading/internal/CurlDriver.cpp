@@ -1,0 +1,278 @@
+#include "Platform/URLLoading/internal/CurlDriver.h"
+
+#include "Platform/URLLoading/internal/SharedCurlCache.h"
+#include "Platform/URLLoading/internal/Transfer.h"
+
+#include <pthread.h>
+
+#include <algorithm>
+#include <future>
+#include <thread>
+
+namespace platform::urlloading_internal {
+namespace {
+
+// curl may ask for an immediate time-out again and again (a resolver that is
+// not done yet); past this many rounds in one go it gets a timer of 1 ms.
+constexpr int kImmediateTimeoutRounds = 32;
+
+unsigned watchedEvents(int what)
+{
+    unsigned events = FileDescriptorSource::None;
+    if (what & CURL_POLL_IN) {
+        events |= FileDescriptorSource::Readable;
+    }
+    if (what & CURL_POLL_OUT) {
+        events |= FileDescriptorSource::Writable;
+    }
+    return events;
+}
+
+int curlEvents(unsigned readyEvents)
+{
+    return ((readyEvents & FileDescriptorSource::Readable) ? CURL_CSELECT_IN : 0)
+         | ((readyEvents & FileDescriptorSource::Writable) ? CURL_CSELECT_OUT : 0);
+}
+
+}  // namespace
+
+CurlDriver& CurlDriver::forCurrentThread()
+{
+    thread_local CurlDriver driver;
+    return driver;
+}
+
+CurlDriver::CurlDriver()
+    : multi_((sharedCurlCache(), curl_multi_init())),
+      loop_(RunLoop::currentRunLoop()),
+      busyMarker_(RunLoopSource::create([] {}))
+{
+    curl_multi_setopt(multi_, CURLMOPT_SOCKETFUNCTION, &CurlDriver::onSocket);
+    curl_multi_setopt(multi_, CURLMOPT_SOCKETDATA, this);
+    curl_multi_setopt(multi_, CURLMOPT_TIMERFUNCTION, &CurlDriver::onTimer);
+    curl_multi_setopt(multi_, CURLMOPT_TIMERDATA, this);
+}
+
+CurlDriver::~CurlDriver()
+{
+    for (const auto& [easy, connection] : running_) {
+        curl_multi_remove_handle(multi_, easy);
+    }
+    running_.clear();
+    curl_multi_cleanup(multi_);
+    for (const auto& [socket, source] : sockets_) {
+        source->invalidate();
+    }
+    if (timer_) {
+        timer_->invalidate();
+    }
+}
+
+void CurlDriver::add(const URLConnectionRef& connection)
+{
+    if (insideCurl_ > 0) {
+        loop_->performBlock([this, connection] { add(connection); });
+        return;
+    }
+    if (connection->isCancelled()) {
+        return;
+    }
+    connection->transfer_ = std::make_unique<Transfer>(*connection);
+    CURL* easy = connection->transfer_->handle();
+    running_.emplace(easy, connection);
+    markBusy(true);
+    ++insideCurl_;
+    curl_multi_add_handle(multi_, easy);
+    --insideCurl_;
+    afterCurl();
+}
+
+void CurlDriver::remove(const URLConnectionRef& connection)
+{
+    if (insideCurl_ > 0) {
+        loop_->performBlock([this, connection] { remove(connection); });
+        return;
+    }
+    if (!connection->transfer_ || running_.erase(connection->transfer_->handle()) == 0) {
+        return;
+    }
+    curl_multi_remove_handle(multi_, connection->transfer_->handle());
+    end(connection);
+    markBusy(!running_.empty());
+}
+
+int CurlDriver::onSocket(CURL*, curl_socket_t socket, int what, void* driver, void*)
+{
+    static_cast<CurlDriver*>(driver)->watchSocket(socket, what);
+    return 0;
+}
+
+int CurlDriver::onTimer(CURLM*, long milliseconds, void* driver)
+{
+    auto& self = *static_cast<CurlDriver*>(driver);
+    if (milliseconds == 0) {
+        self.timeoutDue_ = true;  // served as soon as curl returns
+    } else if (milliseconds < 0) {
+        if (self.timer_) {
+            self.timer_->invalidate();
+            self.timer_.reset();
+        }
+    } else {
+        self.armTimer(milliseconds);
+    }
+    return 0;
+}
+
+void CurlDriver::watchSocket(curl_socket_t socket, int what)
+{
+    const auto found = sockets_.find(socket);
+    if (what == CURL_POLL_REMOVE) {
+        if (found != sockets_.end()) {
+            found->second->invalidate();
+            loop_->removeFileDescriptorSource(found->second, NSDefaultRunLoopMode);
+            sockets_.erase(found);
+        }
+        return;
+    }
+    if (found != sockets_.end()) {
+        found->second->setEvents(watchedEvents(what));
+        return;
+    }
+    auto source = FileDescriptorSource::create(socket, watchedEvents(what),
+                                               [this](int fd, unsigned ready) { act(fd, curlEvents(ready)); });
+    loop_->addFileDescriptorSource(source, NSDefaultRunLoopMode);
+    sockets_.emplace(socket, std::move(source));
+}
+
+void CurlDriver::armTimer(long milliseconds)
+{
+    const double seconds = static_cast<double>(milliseconds) / 1000;
+    if (timer_ && timer_->isValid()) {
+        timer_->setFireDate(Date::now().dateByAddingTimeInterval(seconds));
+        return;
+    }
+    timer_ = Timer::create(seconds, false, [this](Timer&) { act(CURL_SOCKET_TIMEOUT, 0); });
+    loop_->addTimer(timer_, NSDefaultRunLoopMode);
+}
+
+void CurlDriver::act(curl_socket_t socket, int events)
+{
+    if (insideCurl_ > 0) {
+        return;  // a loop run from inside a challenge: curl takes no nested calls
+    }
+    socketAction(socket, events);
+    afterCurl();
+}
+
+void CurlDriver::socketAction(curl_socket_t socket, int events)
+{
+    int running = 0;
+    ++insideCurl_;
+    curl_multi_socket_action(multi_, socket, events, &running);
+    --insideCurl_;
+}
+
+void CurlDriver::afterCurl()
+{
+    serveDueTimeouts();
+    std::vector<URLConnectionRef> touched;
+    for (const auto& [easy, connection] : running_) {
+        if (connection->transfer_->hasPendingEvents()) {
+            touched.push_back(connection);
+        }
+    }
+    finishCompletedTransfers(touched);
+    markBusy(!running_.empty());
+    deliverEvents(touched);
+}
+
+void CurlDriver::serveDueTimeouts()
+{
+    for (int round = 0; timeoutDue_; ++round) {
+        timeoutDue_ = false;
+        if (round == kImmediateTimeoutRounds) {
+            armTimer(1);
+            return;
+        }
+        socketAction(CURL_SOCKET_TIMEOUT, 0);
+    }
+}
+
+void CurlDriver::finishCompletedTransfers(std::vector<URLConnectionRef>& touched)
+{
+    int queued = 0;
+    while (CURLMsg* message = curl_multi_info_read(multi_, &queued)) {
+        if (message->msg != CURLMSG_DONE) {
+            continue;
+        }
+        const auto found = running_.find(message->easy_handle);
+        if (found == running_.end()) {
+            continue;
+        }
+        auto connection = found->second;
+        running_.erase(found);
+        curl_multi_remove_handle(multi_, message->easy_handle);
+        connection->transfer_->finish(message->data.result);
+        if (std::find(touched.begin(), touched.end(), connection) == touched.end()) {
+            touched.push_back(connection);
+        }
+    }
+}
+
+void CurlDriver::deliverEvents(const std::vector<URLConnectionRef>& touched)
+{
+    for (const auto& connection : touched) {
+        if (!connection->transfer_) {
+            continue;  // ended by a delegate called earlier in this round
+        }
+        // A delegate may cancel, and so end the transfer, between two events.
+        for (auto& event : connection->transfer_->takePendingEvents()) {
+            connection->deliver(std::move(event));
+        }
+        if (connection->transfer_ && !running_.contains(connection->transfer_->handle())) {
+            end(connection);
+        }
+    }
+}
+
+// The transfer is over: its handle goes, and with it the delegate, whose
+// queued callbacks hold their own reference.
+void CurlDriver::end(const URLConnectionRef& connection)
+{
+    connection->transfer_.reset();
+    connection->delegate_.reset();
+}
+
+void CurlDriver::markBusy(bool busy)
+{
+    if (busy == busy_) {
+        return;
+    }
+    busy_ = busy;
+    if (busy) {
+        loop_->addSource(busyMarker_, NSDefaultRunLoopMode);
+    } else {
+        loop_->removeSource(busyMarker_, NSDefaultRunLoopMode);
+    }
+}
+
+RunLoopRef transportRunLoop()
+{
+    static const RunLoopRef loop = [] {
+        std::promise<RunLoopRef> made;
+        std::thread([&made] {
+            pthread_setname_np(pthread_self(), "zarvo.urlload");
+            auto current = RunLoop::currentRunLoop();
+            // Never empty, so the thread waits in its loop for good.
+            current->addSource(RunLoopSource::create([] {}), NSDefaultRunLoopMode);
+            made.set_value(current);
+            for (;;) {
+                current->runModeBeforeDate(NSDefaultRunLoopMode, Date::now().dateByAddingTimeInterval(3600));
+            }
+        }).detach();
+        return made.get_future().get();
+    }();
+    return loop;
+}
+
+}  // namespace platform::urlloading_internal

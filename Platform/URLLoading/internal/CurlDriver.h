@@ -1,0 +1,69 @@
+// CurlDriver: one libcurl multi handle, driven by one thread's run loop.
+//
+// Sockets that curl wants watched become descriptor sources and its timer a
+// run-loop timer, all in the default mode; a time-out of 0 ms is served at
+// once, after the call that asked for it, rather than through a timer. Every
+// transfer ends in one place, the drain of curl's completion messages, and
+// handles are added and removed only outside curl's callbacks. Delegates are
+// called (or their operations queued) after curl has returned.
+//
+// One driver per thread, made on first use and used only on that thread.
+// While it has transfers it keeps a source in the loop, so the loop does not
+// look empty between curl's own sockets and timers.
+#pragma once
+
+#include "Platform/Foundation/RunLoop.h"
+#include "Platform/URLLoading/URLConnection.h"
+
+#include <curl/curl.h>
+
+#include <unordered_map>
+
+namespace platform::urlloading_internal {
+
+class CurlDriver {
+public:
+    static CurlDriver& forCurrentThread();
+    ~CurlDriver();
+    CurlDriver(const CurlDriver&) = delete;
+    CurlDriver& operator=(const CurlDriver&) = delete;
+
+    void add(const URLConnectionRef& connection);
+    // Stops a transfer without a word to its delegate.
+    void remove(const URLConnectionRef& connection);
+
+private:
+    CurlDriver();
+
+    static int onSocket(CURL* easy, curl_socket_t socket, int what, void* driver, void* socketData);
+    static int onTimer(CURLM* multi, long milliseconds, void* driver);
+    void watchSocket(curl_socket_t socket, int what);
+    void armTimer(long milliseconds);
+
+    void act(curl_socket_t socket, int events);
+    void socketAction(curl_socket_t socket, int events);
+    void afterCurl();
+    void serveDueTimeouts();
+    void finishCompletedTransfers(std::vector<URLConnectionRef>& touched);
+    void deliverEvents(const std::vector<URLConnectionRef>& touched);
+    void end(const URLConnectionRef& connection);
+    void markBusy(bool busy);
+
+    CURLM* multi_;
+    RunLoopRef loop_;
+    std::unordered_map<curl_socket_t, FileDescriptorSourceRef> sockets_;
+    TimerRef timer_;
+    RunLoopSourceRef busyMarker_;
+    bool busy_ = false;
+    std::unordered_map<CURL*, URLConnectionRef> running_;
+    bool timeoutDue_ = false;
+    // Calls into curl in progress: while there are any, handles are added and
+    // removed later, from the loop (a trust challenge runs inside curl).
+    int insideCurl_ = 0;
+};
+
+// The run loop of the transport's own thread, which drives the loads whose
+// delegates are called on an operation queue.
+RunLoopRef transportRunLoop();
+
+}  // namespace platform::urlloading_internal

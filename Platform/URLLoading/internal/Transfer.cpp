@@ -1,0 +1,282 @@
+#include "Platform/URLLoading/internal/Transfer.h"
+
+#include "Platform/URLLoading/URLError.h"
+#include "Platform/URLLoading/internal/HeaderFieldNames.h"
+#include "Platform/URLLoading/internal/ServerTrustChallenge.h"
+#include "Platform/URLLoading/internal/SharedCurlCache.h"
+
+#include <openssl/ssl.h>
+
+#include <algorithm>
+#include <cmath>
+#include <string_view>
+
+namespace platform::urlloading_internal {
+namespace {
+
+constexpr long kMaximumRedirects = 16;
+constexpr const char* kDefaultUserAgent = "Zarvo-URLLoading/1 (Linux)";
+
+bool isLoadableScheme(const URL& url)
+{
+    return url.scheme() == "http" || url.scheme() == "https";
+}
+
+URLErrorCode urlErrorCode(CURLcode result, const URL& url)
+{
+    switch (result) {
+    case CURLE_OPERATION_TIMEDOUT: return NSURLErrorTimedOut;
+    case CURLE_COULDNT_RESOLVE_HOST:
+    case CURLE_COULDNT_RESOLVE_PROXY: return NSURLErrorCannotFindHost;
+    case CURLE_COULDNT_CONNECT: return NSURLErrorCannotConnectToHost;
+    case CURLE_GOT_NOTHING:
+    case CURLE_RECV_ERROR:
+    case CURLE_SEND_ERROR:
+    case CURLE_PARTIAL_FILE:
+    case CURLE_HTTP2:
+    case CURLE_HTTP2_STREAM: return NSURLErrorNetworkConnectionLost;
+    case CURLE_URL_MALFORMAT: return NSURLErrorBadURL;
+    case CURLE_UNSUPPORTED_PROTOCOL:
+        // For an http(s) URL, libcurl says this of an answer without a status
+        // line (which it refuses to read as HTTP/0.9).
+        return isLoadableScheme(url) ? NSURLErrorBadServerResponse : NSURLErrorUnsupportedURL;
+    case CURLE_TOO_MANY_REDIRECTS: return NSURLErrorHTTPTooManyRedirects;
+    case CURLE_WEIRD_SERVER_REPLY: return NSURLErrorBadServerResponse;
+    case CURLE_BAD_CONTENT_ENCODING: return NSURLErrorCannotDecodeContentData;
+    case CURLE_PEER_FAILED_VERIFICATION: return NSURLErrorServerCertificateUntrusted;
+    case CURLE_SSL_CONNECT_ERROR: return NSURLErrorSecureConnectionFailed;
+    case CURLE_SSL_CERTPROBLEM:
+    case CURLE_SSL_CLIENTCERT: return NSURLErrorClientCertificateRejected;
+    default: return NSURLErrorUnknown;
+    }
+}
+
+std::string_view trimmed(std::string_view text)
+{
+    const auto first = text.find_first_not_of(" \t\r\n");
+    if (first == std::string_view::npos) {
+        return {};
+    }
+    return text.substr(first, text.find_last_not_of(" \t\r\n") - first + 1);
+}
+
+// A field that would break the request's framing is not sent at all.
+bool isSendable(std::string_view name, std::string_view value)
+{
+    const auto breaksFraming = [](std::string_view text) { return text.find_first_of("\r\n", 0) != std::string_view::npos || text.find('\0') != std::string_view::npos; };
+    return !name.empty() && name.find(':') == std::string_view::npos && !breaksFraming(name) && !breaksFraming(value);
+}
+
+}  // namespace
+
+Transfer::Transfer(URLConnection& connection) : connection_(connection), easy_(curl_easy_init())
+{
+    configure(*connection.originalRequest());
+}
+
+Transfer::~Transfer()
+{
+    curl_easy_cleanup(easy_);
+    curl_slist_free_all(headerList_);
+}
+
+void Transfer::configure(const URLRequest& request)
+{
+    curl_easy_setopt(easy_, CURLOPT_URL, request.url().absoluteString().c_str());
+    curl_easy_setopt(easy_, CURLOPT_PRIVATE, this);
+    curl_easy_setopt(easy_, CURLOPT_SHARE, sharedCurlCache());
+    curl_easy_setopt(easy_, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(easy_, CURLOPT_PROTOCOLS_STR, "http,https");
+    curl_easy_setopt(easy_, CURLOPT_FOLLOWLOCATION, 1L);
+    curl_easy_setopt(easy_, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+    curl_easy_setopt(easy_, CURLOPT_MAXREDIRS, kMaximumRedirects);
+    curl_easy_setopt(easy_, CURLOPT_ACCEPT_ENCODING, "");  // every encoding libcurl decodes
+
+    // An inactivity time-out: connecting may take that long, and so may any
+    // stretch without a byte (libcurl counts that in whole seconds).
+    const double timeout = request.timeoutInterval() > 0 ? request.timeoutInterval() : URLRequest::DefaultTimeoutInterval;
+    curl_easy_setopt(easy_, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(std::ceil(timeout * 1000)));
+    curl_easy_setopt(easy_, CURLOPT_LOW_SPEED_LIMIT, 1L);
+    curl_easy_setopt(easy_, CURLOPT_LOW_SPEED_TIME, std::max(1L, static_cast<long>(std::ceil(timeout))));
+
+    curl_easy_setopt(easy_, CURLOPT_HEADERFUNCTION, &Transfer::onHeaderLine);
+    curl_easy_setopt(easy_, CURLOPT_HEADERDATA, this);
+    curl_easy_setopt(easy_, CURLOPT_WRITEFUNCTION, &Transfer::onBody);
+    curl_easy_setopt(easy_, CURLOPT_WRITEDATA, this);
+
+    configureMethodAndBody(request);
+    configureHeaderFields(request);
+    if (connection_.delegate_ && connection_.delegate_->handlesAuthenticationChallenges() && request.url().scheme() == "https") {
+        configureServerTrustChallenge();
+    }
+}
+
+// The delegate decides about every server this load reaches, so the load
+// neither takes nor leaves a connection or TLS session that another load
+// could use without being asked: a resumed session skips the certificate.
+void Transfer::configureServerTrustChallenge()
+{
+    curl_easy_setopt(easy_, CURLOPT_SSL_CTX_FUNCTION, &Transfer::onTLSContext);
+    curl_easy_setopt(easy_, CURLOPT_SSL_CTX_DATA, this);
+    curl_easy_setopt(easy_, CURLOPT_SSL_VERIFYHOST, 0L);  // the trust evaluation checks the host
+    curl_easy_setopt(easy_, CURLOPT_FRESH_CONNECT, 1L);
+    curl_easy_setopt(easy_, CURLOPT_FORBID_REUSE, 1L);
+    curl_easy_setopt(easy_, CURLOPT_SSL_SESSIONID_CACHE, 0L);
+}
+
+CURLcode Transfer::onTLSContext(CURL*, void* tlsContext, void* transfer)
+{
+    SSL_CTX_set_cert_verify_callback(static_cast<SSL_CTX*>(tlsContext), &Transfer::onPresentedChain, transfer);
+    return CURLE_OK;
+}
+
+int Transfer::onPresentedChain(X509_STORE_CTX* chain, void* transfer)
+{
+    auto& self = *static_cast<Transfer*>(transfer);
+    const char* effective = nullptr;
+    curl_easy_getinfo(self.easy_, CURLINFO_EFFECTIVE_URL, &effective);
+    const auto reached = effective != nullptr ? URL::fromString(effective) : std::nullopt;
+    const auto& url = reached && reached->hasHost() ? *reached : self.connection_.originalRequest()->url();
+    const int port = static_cast<int>(url.port().value_or(443));
+    const auto ask = [&self](const URLAuthenticationChallengeRef& challenge) { self.connection_.askDelegate(challenge); };
+    switch (decideServerTrust(ask, chain, url.host().value_or(""), port)) {
+    case TrustDecision::Accept: return 1;
+    case TrustDecision::Cancel: self.trustCancelled_ = true; break;
+    case TrustDecision::Reject: break;
+    }
+    X509_STORE_CTX_set_error(chain, X509_V_ERR_CERT_UNTRUSTED);
+    return 0;
+}
+
+void Transfer::configureMethodAndBody(const URLRequest& request)
+{
+    const auto& method = request.httpMethod();
+    if (const auto& body = request.httpBody()) {
+        // The request outlives the transfer, so curl may read the body in place.
+        static const char empty = '\0';
+        curl_easy_setopt(easy_, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body->size()));
+        curl_easy_setopt(easy_, CURLOPT_POSTFIELDS, body->empty() ? &empty : reinterpret_cast<const char*>(body->data()));
+        if (method != "POST") {
+            curl_easy_setopt(easy_, CURLOPT_CUSTOMREQUEST, method.c_str());
+        }
+    } else if (method == "GET") {
+        curl_easy_setopt(easy_, CURLOPT_HTTPGET, 1L);
+    } else if (method == "HEAD") {
+        curl_easy_setopt(easy_, CURLOPT_NOBODY, 1L);
+    } else {
+        curl_easy_setopt(easy_, CURLOPT_CUSTOMREQUEST, method.c_str());
+    }
+}
+
+void Transfer::configureHeaderFields(const URLRequest& request)
+{
+    // A body goes out at once: no waiting for "100 Continue".
+    headerList_ = curl_slist_append(headerList_, "Expect:");
+    for (const auto& [name, value] : request.headerFields()) {
+        if (!isSendable(name, value)) {
+            continue;
+        }
+        // "Name;" is how libcurl is told to send a field with an empty value.
+        const auto line = value.empty() ? name + ";" : name + ": " + value;
+        headerList_ = curl_slist_append(headerList_, line.c_str());
+    }
+    curl_easy_setopt(easy_, CURLOPT_HTTPHEADER, headerList_);
+    if (!request.valueForHTTPHeaderField("User-Agent")) {
+        curl_easy_setopt(easy_, CURLOPT_USERAGENT, kDefaultUserAgent);
+    }
+}
+
+std::size_t Transfer::onHeaderLine(char* bytes, std::size_t size, std::size_t count, void* transfer)
+{
+    static_cast<Transfer*>(transfer)->readHeaderLine(std::string_view(bytes, size * count));
+    return size * count;
+}
+
+std::size_t Transfer::onBody(char* bytes, std::size_t size, std::size_t count, void* transfer)
+{
+    auto& self = *static_cast<Transfer*>(transfer);
+    if (self.connection_.isCancelled()) {
+        return CURL_WRITEFUNC_ERROR;
+    }
+    self.recordResponseOnce();
+    const auto* first = reinterpret_cast<const std::uint8_t*>(bytes);
+    self.pending_.push_back([chunk = Data(first, first + size * count)](URLConnectionDelegate& delegate, const URLConnectionRef& connection) {
+        delegate.connectionDidReceiveData(connection, chunk);
+    });
+    return size * count;
+}
+
+void Transfer::readHeaderLine(std::string_view line)
+{
+    if (line.starts_with("HTTP/")) {
+        // A new answer: after a redirect, or following an interim one.
+        const auto space = line.find(' ');
+        httpVersion_ = std::string(line.substr(0, space));
+        statusCode_ = space == std::string_view::npos ? 0 : std::strtoll(std::string(line.substr(space + 1, 3)).c_str(), nullptr, 10);
+        headerFields_ = Dictionary();
+        lastFieldName_.clear();
+        return;
+    }
+    if (line.starts_with(' ') || line.starts_with('\t')) {
+        if (const auto* previous = headerFields_.find(lastFieldName_); previous != nullptr && previous->string() != nullptr) {
+            headerFields_.set(lastFieldName_, *previous->string() + " " + std::string(trimmed(line)));
+        }
+        return;
+    }
+    const auto colon = line.find(':');
+    if (colon == std::string_view::npos || colon == 0) {
+        return;  // the blank line that ends a block, or a line that is not a field
+    }
+    const auto name = line.substr(0, colon);
+    const auto value = std::string(trimmed(line.substr(colon + 1)));
+    for (const auto& [existing, existingValue] : headerFields_) {
+        if (sameFieldName(existing, name)) {
+            const auto joined = *existingValue.string() + ", " + value;
+            lastFieldName_ = existing;
+            headerFields_.set(existing, joined);
+            return;
+        }
+    }
+    lastFieldName_ = std::string(name);
+    headerFields_.set(name, value);
+}
+
+void Transfer::recordResponseOnce()
+{
+    if (responseRecorded_) {
+        return;
+    }
+    responseRecorded_ = true;
+    const char* effective = nullptr;
+    curl_easy_getinfo(easy_, CURLINFO_EFFECTIVE_URL, &effective);
+    auto url = effective != nullptr ? URL::fromString(effective) : std::nullopt;
+    if (statusCode_ == 0) {
+        long code = 0;
+        curl_easy_getinfo(easy_, CURLINFO_RESPONSE_CODE, &code);
+        statusCode_ = code;
+    }
+    auto response = HTTPURLResponse::create(url.value_or(connection_.originalRequest()->url()), statusCode_,
+                                            httpVersion_.empty() ? "HTTP/1.1" : httpVersion_, headerFields_);
+    pending_.push_back([response](URLConnectionDelegate& delegate, const URLConnectionRef& connection) {
+        delegate.connectionDidReceiveResponse(connection, response);
+    });
+}
+
+void Transfer::finish(CURLcode result)
+{
+    if (result == CURLE_OK) {
+        recordResponseOnce();
+        pending_.push_back([](URLConnectionDelegate& delegate, const URLConnectionRef& connection) {
+            delegate.connectionDidFinishLoading(connection);
+        });
+        return;
+    }
+    const auto& url = connection_.originalRequest()->url();
+    const auto code = trustCancelled_ ? NSURLErrorUserCancelledAuthentication : urlErrorCode(result, url);
+    const auto error = makeURLError(code, url.absoluteString());
+    pending_.push_back([error](URLConnectionDelegate& delegate, const URLConnectionRef& connection) {
+        delegate.connectionDidFailWithError(connection, error);
+    });
+}
+
+}  // namespace platform::urlloading_internal

@@ -1,0 +1,67 @@
+// Transfer: the libcurl easy handle of one connection, configured from its
+// request, and what arrives for it until the driver hands it on.
+//
+// curl calls the header and body callbacks from inside its own calls, where
+// no delegate may run (a delegate could cancel, start another load or run
+// the loop again). They only record events; the driver delivers them once
+// curl has returned.
+#pragma once
+
+#include "Platform/URLLoading/URLConnection.h"
+
+#include <curl/curl.h>
+#include <openssl/x509_vfy.h>
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace platform::urlloading_internal {
+
+class Transfer {
+public:
+    // Configures the handle; its private pointer is this transfer.
+    explicit Transfer(URLConnection& connection);
+    ~Transfer();
+    Transfer(const Transfer&) = delete;
+    Transfer& operator=(const Transfer&) = delete;
+
+    CURL* handle() const { return easy_; }
+    bool hasPendingEvents() const { return !pending_.empty(); }
+    // The recorded events, oldest first, for the driver to deliver.
+    std::vector<URLConnection::Event> takePendingEvents() { return std::exchange(pending_, {}); }
+    // curl reported the end of the transfer with `result`: records the
+    // response (if none went out yet) and the completion or failure.
+    void finish(CURLcode result);
+
+private:
+    static std::size_t onHeaderLine(char* bytes, std::size_t size, std::size_t count, void* transfer);
+    static std::size_t onBody(char* bytes, std::size_t size, std::size_t count, void* transfer);
+    static CURLcode onTLSContext(CURL* easy, void* tlsContext, void* transfer);
+    static int onPresentedChain(X509_STORE_CTX* chain, void* transfer);
+
+    void configure(const URLRequest& request);
+    void configureMethodAndBody(const URLRequest& request);
+    void configureHeaderFields(const URLRequest& request);
+    void configureServerTrustChallenge();
+    void readHeaderLine(std::string_view line);
+    void recordResponseOnce();
+
+    URLConnection& connection_;
+    CURL* easy_;
+    curl_slist* headerList_ = nullptr;
+    std::vector<URLConnection::Event> pending_;
+
+    // The header block being received: a new status line starts another
+    // (after a redirect or an interim 1xx answer).
+    std::string httpVersion_;
+    std::int64_t statusCode_ = 0;
+    Dictionary headerFields_;
+    std::string lastFieldName_;
+    bool responseRecorded_ = false;
+    bool trustCancelled_ = false;
+};
+
+}  // namespace platform::urlloading_internal

@@ -1,0 +1,246 @@
+// Server trust: two https servers of the test's own, each with a self-signed
+// certificate made for the test, which the system therefore does not trust.
+#include "Platform/Security/SecTrust.h"
+#include "Platform/URLLoading/URLConnection.h"
+#include "Platform/URLLoading/URLError.h"
+
+#include "Platform/Foundation/OperationQueue.h"
+#include "Platform/Foundation/RunLoop.h"
+#include "tests/Support/LocalServer.h"
+#include "tests/Support/RunProgram.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <memory>
+#include <string>
+
+using namespace platform;
+
+namespace {
+
+// Answers trust challenges the way an application that keeps per-server
+// exceptions does: a cookie it was given is applied before the evaluation;
+// without one, a server the user trusts gets its exceptions recorded.
+class TrustDecider final : public URLConnectionDelegate {
+public:
+    enum class Policy { Evaluate, Cancel, Default };
+
+    bool handlesAuthenticationChallenges() const override { return true; }
+    void connectionWillSendRequestForAuthenticationChallenge(const URLConnectionRef&,
+                                                             const URLAuthenticationChallengeRef& challenge) override
+    {
+        ++challenges;
+        const auto& space = challenge->protectionSpace();
+        host = space.host();
+        const auto& sender = challenge->sender();
+        if (policy == Policy::Cancel) {
+            sender->cancelAuthenticationChallenge(challenge);
+            return;
+        }
+        if (policy == Policy::Default || (!trustsServer && !cookie)) {
+            sender->performDefaultHandlingForAuthenticationChallenge(challenge);
+            return;
+        }
+        const auto& trust = space.serverTrust();
+        if (cookie) {
+            SecTrustSetExceptions(trust, cookie);
+        } else {
+            cookie = SecTrustCopyExceptions(trust);
+        }
+        if (SecTrustEvaluate(trust, nullptr) == errSecSuccess) {
+            sender->useCredential(URLCredential::credentialForTrust(trust), challenge);
+        } else {
+            sender->performDefaultHandlingForAuthenticationChallenge(challenge);
+        }
+    }
+    void connectionDidFinishLoading(const URLConnectionRef&) override
+    {
+        finished = true;
+        done = true;
+    }
+    void connectionDidFailWithError(const URLConnectionRef&, const ErrorRef& failure) override
+    {
+        error = failure;
+        done = true;
+    }
+
+    // Set last, so everything else is there to read once it is (the delegate
+    // may run on a queue's thread).
+    bool ended() const { return done.load(); }
+    std::atomic<bool> done{false};
+
+    Policy policy = Policy::Evaluate;
+    bool trustsServer = false;
+    std::optional<Data> cookie;
+    int challenges = 0;
+    std::string host;
+    bool finished = false;
+    ErrorRef error;
+};
+
+// A self-signed certificate for 127.0.0.1 and localhost, and its key.
+void makeCertificate(const std::string& directory)
+{
+    const auto result = testsupport::runProgram(
+        "/usr/bin/openssl",
+        {"req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-days", "2",
+         "-subj", "/CN=127.0.0.1", "-addext", "subjectAltName=IP:127.0.0.1,DNS:localhost", "-keyout",
+         directory + "/key.pem", "-out", directory + "/cert.pem"},
+        {{"PATH", "/usr/bin:/bin"}});
+    if (result.exitStatus != 0) {
+        throw std::runtime_error("openssl could not make a certificate: " + result.standardError);
+    }
+}
+
+class ServerTrustTest : public ::testing::Test {
+protected:
+    static std::unique_ptr<testsupport::LocalServer> httpsServer(const testsupport::TemporaryDirectory& directory)
+    {
+        makeCertificate(directory.path());
+        return std::make_unique<testsupport::LocalServer>(std::vector<std::string>{
+            "python3", testsupport::sourceFile("tests/Platform/URLLoading/http_test_server.py"),
+            directory.path() + "/cert.pem", directory.path() + "/key.pem"});
+    }
+
+    void SetUp() override
+    {
+        for (const char* variable : {"https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"}) {
+            unsetenv(variable);
+        }
+    }
+
+    static std::string url(const testsupport::LocalServer& server, const std::string& host = "127.0.0.1")
+    {
+        return "https://" + host + ":" + std::to_string(server.port()) + "/echo";
+    }
+
+    static void load(const std::string& url, const std::shared_ptr<URLConnectionDelegate>& delegate,
+                     const std::function<bool()>& ended, OperationQueueRef queue = nullptr)
+    {
+        const auto connection = URLConnection::create(URLRequest::create(*URL::fromString(url)), delegate, false);
+        connection->setDelegateQueue(queue);
+        connection->start();
+        const auto loop = RunLoop::currentRunLoop();
+        const Date limit = Date::now().dateByAddingTimeInterval(30);
+        while (!ended() && Date::now() < limit) {
+            if (queue) {
+                queue->waitUntilAllOperationsAreFinished();
+            } else if (!loop->runModeBeforeDate(NSDefaultRunLoopMode, limit)) {
+                break;
+            }
+        }
+    }
+
+    std::shared_ptr<TrustDecider> loadWith(const std::string& address, TrustDecider::Policy policy, bool trustsServer,
+                                           std::optional<Data> cookie, OperationQueueRef queue = nullptr)
+    {
+        auto decider = std::make_shared<TrustDecider>();
+        decider->policy = policy;
+        decider->trustsServer = trustsServer;
+        decider->cookie = std::move(cookie);
+        load(address, decider, [&] { return decider->ended(); }, std::move(queue));
+        return decider;
+    }
+
+    testsupport::TemporaryDirectory firstCertificate_;
+    testsupport::TemporaryDirectory secondCertificate_;
+    std::unique_ptr<testsupport::LocalServer> first_ = httpsServer(firstCertificate_);
+    std::unique_ptr<testsupport::LocalServer> second_ = httpsServer(secondCertificate_);
+};
+
+TEST_F(ServerTrustTest, AnUntrustedServerIsRefusedUnlessTheDelegateSaysOtherwise)
+{
+    // A delegate that does not answer challenges: the system decides.
+    struct Silent final : URLConnectionDelegate {
+        void connectionDidFailWithError(const URLConnectionRef&, const ErrorRef& failure) override { error = failure; }
+        ErrorRef error;
+    };
+    const auto silent = std::make_shared<Silent>();
+    load(url(*first_), silent, [&] { return silent->error != nullptr; });
+    ASSERT_TRUE(silent->error);
+    EXPECT_EQ(silent->error->code(), NSURLErrorServerCertificateUntrusted);
+
+    const auto byDefault = loadWith(url(*first_), TrustDecider::Policy::Default, true, std::nullopt);
+    ASSERT_TRUE(byDefault->error);
+    EXPECT_EQ(byDefault->error->code(), NSURLErrorServerCertificateUntrusted);
+    EXPECT_EQ(byDefault->challenges, 1);
+    EXPECT_EQ(byDefault->host, "127.0.0.1");
+
+    const auto cancelled = loadWith(url(*first_), TrustDecider::Policy::Cancel, true, std::nullopt);
+    ASSERT_TRUE(cancelled->error);
+    EXPECT_EQ(cancelled->error->code(), NSURLErrorUserCancelledAuthentication);
+}
+
+TEST_F(ServerTrustTest, ACookieRecordedForOneServerAdmitsThatServerAndNoOther)
+{
+    const auto trusted = loadWith(url(*first_), TrustDecider::Policy::Evaluate, true, std::nullopt);
+    EXPECT_TRUE(trusted->finished);
+    ASSERT_TRUE(trusted->cookie);
+
+    // The cookie alone, with no word from the user, admits the same server...
+    const auto again = loadWith(url(*first_), TrustDecider::Policy::Evaluate, false, trusted->cookie);
+    EXPECT_TRUE(again->finished);
+    EXPECT_EQ(again->challenges, 1);  // asked again: no connection or session was kept for it
+
+    // ...but not another server, even one the user would trust,
+    const auto other = loadWith(url(*second_), TrustDecider::Policy::Evaluate, true, trusted->cookie);
+    ASSERT_TRUE(other->error);
+    EXPECT_EQ(other->error->code(), NSURLErrorServerCertificateUntrusted);
+    // nor the same server reached under another name.
+    const auto renamed = loadWith(url(*first_, "localhost"), TrustDecider::Policy::Evaluate, false, trusted->cookie);
+    ASSERT_TRUE(renamed->error);
+    EXPECT_EQ(renamed->host, "localhost");
+}
+
+TEST_F(ServerTrustTest, ChallengesReachADelegateQueueToo)
+{
+    const auto queue = OperationQueue::create();
+    queue->setMaxConcurrentOperationCount(1);
+    const auto trusted = loadWith(url(*first_), TrustDecider::Policy::Evaluate, true, std::nullopt, queue);
+    EXPECT_TRUE(trusted->finished);
+    EXPECT_EQ(trusted->challenges, 1);
+    const auto refused = loadWith(url(*second_), TrustDecider::Policy::Evaluate, false, trusted->cookie, queue);
+    ASSERT_TRUE(refused->error);
+    EXPECT_EQ(refused->error->code(), NSURLErrorServerCertificateUntrusted);
+}
+
+// The evaluation itself, without a handshake.
+TEST_F(ServerTrustTest, ForeignOrMismatchedCookiesMatchNothing)
+{
+    const auto convert = [](const std::string& directory) {
+        const auto result = testsupport::runProgram("/usr/bin/openssl", {"x509", "-in", directory + "/cert.pem", "-outform", "DER"},
+                                                    {{"PATH", "/usr/bin:/bin"}});
+        return Data(result.standardOutput.begin(), result.standardOutput.end());
+    };
+    const auto certificate = convert(firstCertificate_.path());
+    ASSERT_FALSE(certificate.empty());
+    const auto trust = SecTrustCreateWithCertificates({certificate}, "127.0.0.1");
+    SecTrustResultType result = kSecTrustResultInvalid;
+    EXPECT_EQ(SecTrustEvaluate(trust, &result), errSecSuccess);
+    EXPECT_EQ(result, kSecTrustResultRecoverableTrustFailure);
+
+    const auto cookie = SecTrustCopyExceptions(trust);
+    ASSERT_TRUE(cookie);
+    EXPECT_TRUE(SecTrustSetExceptions(trust, cookie));
+    EXPECT_EQ(SecTrustEvaluate(trust, &result), errSecSuccess);
+    EXPECT_EQ(result, kSecTrustResultProceed);
+
+    const Data foreign{'n', 'o', 't', ' ', 'o', 'u', 'r', 's'};
+    EXPECT_FALSE(SecTrustSetExceptions(trust, foreign));
+    EXPECT_EQ(SecTrustEvaluate(trust, &result), errSecNotTrusted);
+    EXPECT_EQ(SecTrustEvaluate(trust, nullptr), errSecNotTrusted);
+
+    const auto elsewhere = SecTrustCreateWithCertificates({certificate}, "localhost");
+    SecTrustSetExceptions(elsewhere, cookie);
+    EXPECT_EQ(SecTrustEvaluate(elsewhere, nullptr), errSecNotTrusted);
+
+    const auto garbage = SecTrustCreateWithCertificates({Data{0x30, 0x03, 0x02, 0x01, 0x01}}, "127.0.0.1");
+    EXPECT_FALSE(SecTrustCopyExceptions(garbage));
+    EXPECT_EQ(SecTrustEvaluate(garbage, &result), errSecSuccess);
+    EXPECT_EQ(result, kSecTrustResultRecoverableTrustFailure);
+    EXPECT_FALSE(SecTrustCreateWithCertificates({}, "127.0.0.1"));
+}
+
+}  // namespace

@@ -1,0 +1,354 @@
+// Loads against a real HTTP server of the test's own on 127.0.0.1.
+#include "Platform/URLLoading/URLConnection.h"
+#include "Platform/URLLoading/URLError.h"
+
+#include "Platform/Foundation/OperationQueue.h"
+#include "Platform/Foundation/RunLoop.h"
+#include "tests/Support/LocalServer.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <sys/socket.h>
+#include <netinet/in.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+using namespace platform;
+
+namespace {
+
+// What a delegate was told, in order.
+class Recorder final : public URLConnectionDelegate {
+public:
+    void connectionDidReceiveResponse(const URLConnectionRef&, const HTTPURLResponseRef& received) override
+    {
+        record("response");
+        std::lock_guard lock(mutex);
+        response = received;
+    }
+    void connectionDidReceiveData(const URLConnectionRef&, const Data& chunk) override
+    {
+        std::lock_guard lock(mutex);
+        if (events.empty() || events.back() != "data") {
+            events.push_back("data");
+        }
+        body.insert(body.end(), chunk.begin(), chunk.end());
+        ++chunks;
+    }
+    void connectionDidFinishLoading(const URLConnectionRef&) override { record("finish"); }
+    void connectionDidFailWithError(const URLConnectionRef&, const ErrorRef& failure) override
+    {
+        std::lock_guard lock(mutex);
+        error = failure;
+        events.push_back("fail");
+    }
+
+    void record(const char* event)
+    {
+        std::lock_guard lock(mutex);
+        events.push_back(event);
+        if (onEvent) {
+            onEvent(event);
+        }
+    }
+    bool ended()
+    {
+        std::lock_guard lock(mutex);
+        return !events.empty() && (events.back() == "finish" || events.back() == "fail");
+    }
+    std::string text()
+    {
+        std::lock_guard lock(mutex);
+        return std::string(body.begin(), body.end());
+    }
+
+    std::mutex mutex;
+    std::vector<std::string> events;
+    HTTPURLResponseRef response;
+    Data body;
+    int chunks = 0;
+    ErrorRef error;
+    std::function<void(const char*)> onEvent;
+};
+
+class URLConnectionTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        // libcurl would send even 127.0.0.1 through a proxy named here.
+        for (const char* variable : {"http_proxy", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY", "no_proxy"}) {
+            unsetenv(variable);
+        }
+    }
+
+    static URLRequestRef request(const std::string& url, double timeout = 10)
+    {
+        return URLRequest::create(*URL::fromString(url), URLRequestCachePolicy::ReloadIgnoringLocalCacheData, timeout);
+    }
+
+    // Loads on this thread's run loop until the delegate hears the end, or
+    // the loop has nothing left to run.
+    std::shared_ptr<Recorder> load(const URLRequestRef& request)
+    {
+        auto recorder = std::make_shared<Recorder>();
+        URLConnection::create(request, recorder);
+        runUntilEnded(*recorder);
+        return recorder;
+    }
+
+    static void runUntilEnded(Recorder& recorder)
+    {
+        const auto loop = RunLoop::currentRunLoop();
+        const Date limit = Date::now().dateByAddingTimeInterval(30);
+        while (!recorder.ended() && Date::now() < limit
+               && loop->runModeBeforeDate(NSDefaultRunLoopMode, limit)) {
+        }
+    }
+
+    static nlohmann::json seen(Recorder& recorder) { return nlohmann::json::parse(recorder.text()); }
+
+    static std::optional<std::string> seenField(const nlohmann::json& seen, const std::string& name)
+    {
+        for (const auto& field : seen["headers"]) {
+            if (field[0].get<std::string>() == name) {
+                return field[1].get<std::string>();
+            }
+        }
+        return std::nullopt;
+    }
+
+    testsupport::LocalServer server_{{"python3", testsupport::sourceFile("tests/Platform/URLLoading/http_test_server.py")}};
+};
+
+TEST_F(URLConnectionTest, SendsTheRequestAsGivenAndReportsTheAnswerInOrder)
+{
+    auto request = MutableURLRequest::create(*URL::fromString(server_.url("/echo?q=a%20b")));
+    request->setHTTPMethod("PUT");
+    request->setHTTPBody(Data{'h', 'i'});
+    request->setValueForHTTPHeaderField("Basic dTpw", "Authorization");
+    request->setValueForHTTPHeaderField("", "X-Empty");
+    request->setValueForHTTPHeaderField("evil\r\nX-Injected: 1", "X-Broken");
+    const auto recorder = load(request->copy());
+
+    EXPECT_EQ(recorder->events, (std::vector<std::string>{"response", "data", "finish"}));
+    ASSERT_TRUE(recorder->response);
+    EXPECT_EQ(recorder->response->statusCode(), 200);
+    EXPECT_EQ(recorder->response->valueForHTTPHeaderField("content-type"), "application/json");
+    EXPECT_EQ(recorder->response->httpVersion(), "HTTP/1.1");
+    const auto wire = seen(*recorder);
+    EXPECT_EQ(wire["method"], "PUT");
+    EXPECT_EQ(wire["target"], "/echo?q=a%20b");
+    EXPECT_EQ(wire["body"], "aGk=");
+    EXPECT_EQ(seenField(wire, "Authorization"), "Basic dTpw");
+    EXPECT_EQ(seenField(wire, "X-Empty"), "");
+    EXPECT_FALSE(seenField(wire, "X-Broken"));
+    EXPECT_FALSE(seenField(wire, "X-Injected"));
+    EXPECT_FALSE(seenField(wire, "Cookie"));
+    EXPECT_TRUE(seenField(wire, "User-Agent"));
+}
+
+TEST_F(URLConnectionTest, SendsEachMethodWithOrWithoutABody)
+{
+    for (const char* method : {"GET", "POST", "DELETE", "PATCH"}) {
+        SCOPED_TRACE(method);
+        auto request = MutableURLRequest::create(*URL::fromString(server_.url("/echo")));
+        request->setHTTPMethod(method);
+        if (std::string(method) == "POST") {
+            request->setHTTPBody(Data{});
+        }
+        const auto recorder = load(request->copy());
+        EXPECT_EQ(seen(*recorder)["method"], method);
+        EXPECT_EQ(seen(*recorder)["body"], "");
+    }
+    auto head = MutableURLRequest::create(*URL::fromString(server_.url("/echo")));
+    head->setHTTPMethod("HEAD");
+    const auto recorder = load(head->copy());
+    EXPECT_EQ(recorder->events, (std::vector<std::string>{"response", "finish"}));
+    EXPECT_TRUE(recorder->body.empty());
+}
+
+TEST_F(URLConnectionTest, DecodesChunkedAndCompressedBodiesAndJoinsRepeatedFields)
+{
+    EXPECT_EQ(load(request(server_.url("/chunked")))->text(), "alpha beta gamma");
+    std::string expected;
+    for (int i = 0; i < 100; ++i) {
+        expected += "compressed text ";
+    }
+    EXPECT_EQ(load(request(server_.url("/gzip")))->text(), expected);
+    const auto repeated = load(request(server_.url("/duplicate-fields")));
+    ASSERT_TRUE(repeated->response);
+    EXPECT_EQ(repeated->response->valueForHTTPHeaderField("X-Twice"), "one, two");
+}
+
+TEST_F(URLConnectionTest, ErrorStatusesAreAnswersNotFailures)
+{
+    const auto recorder = load(request(server_.url("/status/503")));
+    EXPECT_EQ(recorder->events, (std::vector<std::string>{"response", "data", "finish"}));
+    EXPECT_EQ(recorder->response->statusCode(), 503);
+}
+
+TEST_F(URLConnectionTest, FollowsRedirectsButKeepsCredentialsOnTheirHost)
+{
+    auto sameHost = MutableURLRequest::create(*URL::fromString(server_.url("/redirect?to=/echo")));
+    sameHost->setValueForHTTPHeaderField("Basic dTpw", "Authorization");
+    const auto same = load(sameHost->copy());
+    EXPECT_EQ(same->response->statusCode(), 200);
+    EXPECT_EQ(same->response->url().absoluteString(), server_.url("/echo"));
+    EXPECT_EQ(seenField(seen(*same), "Authorization"), "Basic dTpw");
+
+    // "localhost" is another host than "127.0.0.1", though the same server.
+    const auto elsewhere = "http://localhost:" + std::to_string(server_.port()) + "/echo";
+    auto otherHost = MutableURLRequest::create(*URL::fromString(server_.url("/redirect?to=" + elsewhere)));
+    otherHost->setValueForHTTPHeaderField("Basic dTpw", "Authorization");
+    const auto other = load(otherHost->copy());
+    EXPECT_EQ(other->response->url().absoluteString(), elsewhere);
+    EXPECT_FALSE(seenField(seen(*other), "Authorization"));
+}
+
+TEST_F(URLConnectionTest, ReportsEachKindOfFailureInTheURLDomain)
+{
+    // A port nobody listens on: bound, then closed.
+    const int probe = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    ASSERT_EQ(bind(probe, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    getsockname(probe, reinterpret_cast<sockaddr*>(&address), &length);
+    close(probe);
+    const auto refused = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/";
+
+    struct Case {
+        std::string url;
+        std::int64_t code;
+    };
+    const Case cases[] = {
+        {refused, NSURLErrorCannotConnectToHost},
+        {"http://no-such-host.invalid/", NSURLErrorCannotFindHost},
+        {server_.url("/close-mid-body"), NSURLErrorNetworkConnectionLost},
+        {server_.url("/garbage"), NSURLErrorBadServerResponse},
+        {"gopher://127.0.0.1/", NSURLErrorUnsupportedURL},
+    };
+    for (const auto& [url, code] : cases) {
+        SCOPED_TRACE(url);
+        const auto recorder = load(request(url));
+        ASSERT_TRUE(recorder->ended());
+        EXPECT_EQ(recorder->events.back(), "fail");
+        ASSERT_TRUE(recorder->error);
+        EXPECT_EQ(recorder->error->domain(), NSURLErrorDomain);
+        EXPECT_EQ(recorder->error->code(), code);
+        EXPECT_EQ(recorder->error->userInfo().get(NSURLErrorFailingURLStringErrorKey), Value(url));
+    }
+}
+
+TEST_F(URLConnectionTest, TimesOutWhenTheServerStaysSilent)
+{
+    const auto recorder = load(request(server_.url("/slow?seconds=4"), 1));
+    ASSERT_TRUE(recorder->error);
+    EXPECT_EQ(recorder->error->code(), NSURLErrorTimedOut);
+}
+
+TEST_F(URLConnectionTest, CarriesALargeBodyInManyChunks)
+{
+    const auto recorder = load(request(server_.url("/big?bytes=10485760")));
+    EXPECT_EQ(recorder->events.back(), "finish");
+    ASSERT_EQ(recorder->body.size(), 10485760u);
+    EXPECT_GT(recorder->chunks, 1);
+    for (std::size_t offset : {std::size_t{0}, std::size_t{255}, std::size_t{10485759}}) {
+        EXPECT_EQ(recorder->body[offset], offset % 256);
+    }
+}
+
+TEST_F(URLConnectionTest, ReusesOneConnectionForLoadsOneAfterAnother)
+{
+    for (int i = 0; i < 3; ++i) {
+        load(request(server_.url("/echo")));
+    }
+    EXPECT_EQ(load(request(server_.url("/connections")))->text(), "1");
+}
+
+TEST_F(URLConnectionTest, NothingIsSaidAfterCancelAndTheLoopFallsEmpty)
+{
+    auto recorder = std::make_shared<Recorder>();
+    const auto connection = URLConnection::create(request(server_.url("/big?bytes=4000000")), recorder);
+    recorder->onEvent = [&](const char* event) {
+        if (std::string(event) == "response") {
+            connection->cancel();
+        }
+    };
+    const auto loop = RunLoop::currentRunLoop();
+    int passes = 0;
+    while (loop->runModeBeforeDate(NSDefaultRunLoopMode, Date::now().dateByAddingTimeInterval(30)) && passes < 10000) {
+        ++passes;
+    }
+    EXPECT_LT(passes, 10000);
+    EXPECT_EQ(recorder->events, (std::vector<std::string>{"response"}));
+    EXPECT_TRUE(connection->isCancelled());
+    EXPECT_EQ(recorder.use_count(), 1);  // the connection let its delegate go
+
+    // Cancelled before it starts, a connection never loads.
+    auto unstarted = std::make_shared<Recorder>();
+    const auto never = URLConnection::create(request(server_.url("/echo")), unstarted, false);
+    never->cancel();
+    never->start();
+    EXPECT_FALSE(loop->runModeBeforeDate(NSDefaultRunLoopMode, Date::now().dateByAddingTimeInterval(1)));
+    EXPECT_TRUE(unstarted->events.empty());
+}
+
+TEST_F(URLConnectionTest, ADelegateQueueGetsEveryCallbackInOrder)
+{
+    const auto queue = OperationQueue::create();
+    queue->setMaxConcurrentOperationCount(1);
+    auto recorder = std::make_shared<Recorder>();
+    std::vector<OperationQueueRef> queuesSeen;
+    recorder->onEvent = [&](const char*) { queuesSeen.push_back(OperationQueue::currentQueue()); };
+    const auto connection = URLConnection::create(request(server_.url("/chunked")), recorder, false);
+    connection->setDelegateQueue(queue);
+    connection->start();
+    const Date limit = Date::now().dateByAddingTimeInterval(30);
+    while (!recorder->ended() && Date::now() < limit) {
+        queue->waitUntilAllOperationsAreFinished();
+        std::this_thread::yield();
+    }
+    queue->waitUntilAllOperationsAreFinished();
+    EXPECT_EQ(recorder->events, (std::vector<std::string>{"response", "data", "finish"}));
+    EXPECT_EQ(recorder->text(), "alpha beta gamma");
+    ASSERT_EQ(queuesSeen.size(), 2u);
+    EXPECT_EQ(queuesSeen[0], queue);
+    EXPECT_EQ(queuesSeen[1], queue);
+}
+
+TEST_F(URLConnectionTest, CancelFromAnotherThreadStopsAQueuedLoad)
+{
+    const auto queue = OperationQueue::create();
+    queue->setMaxConcurrentOperationCount(1);
+    auto recorder = std::make_shared<Recorder>();
+    const auto connection = URLConnection::create(request(server_.url("/slow?seconds=1")), recorder, false);
+    connection->setDelegateQueue(queue);
+    connection->start();
+    std::thread([&] { connection->cancel(); }).join();
+    // The server answers after a second; nothing may reach the delegate.
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    queue->waitUntilAllOperationsAreFinished();
+    EXPECT_TRUE(recorder->events.empty());
+}
+
+TEST_F(URLConnectionTest, GoesThroughTheProxyTheEnvironmentNames)
+{
+    // The test server answers a proxy request by echoing it, so the absolute
+    // target shows that the load went through it.
+    setenv("http_proxy", server_.url("").c_str(), 1);
+    const auto recorder = load(request("http://proxied.example/echo"));
+    EXPECT_EQ(seen(*recorder)["target"], "http://proxied.example/echo");
+    setenv("no_proxy", "proxied.example", 1);
+    const auto bypassed = load(request("http://proxied.example/echo"));
+    EXPECT_EQ(bypassed->events.back(), "fail");
+}
+
+}  // namespace

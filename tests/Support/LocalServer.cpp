@@ -1,0 +1,77 @@
+#include "tests/Support/LocalServer.h"
+
+#include <csignal>
+#include <spawn.h>
+#include <stdexcept>
+#include <sys/wait.h>
+#include <unistd.h>
+
+extern char** environ;
+
+namespace testsupport {
+namespace {
+
+// The first line the child writes, read byte by byte so that nothing after
+// it is taken from the pipe.
+std::string readFirstLine(int fd)
+{
+    std::string line;
+    char byte = 0;
+    while (read(fd, &byte, 1) == 1 && byte != '\n') {
+        line += byte;
+    }
+    return line;
+}
+
+}  // namespace
+
+LocalServer::LocalServer(const std::vector<std::string>& command)
+{
+    int output[2];
+    if (pipe(output) != 0) {
+        throw std::runtime_error("pipe failed");
+    }
+    std::vector<char*> argv;
+    for (const auto& argument : command) {
+        argv.push_back(const_cast<char*>(argument.c_str()));
+    }
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, output[1], STDOUT_FILENO);
+    posix_spawn_file_actions_addclose(&actions, output[0]);
+    const int failure = posix_spawnp(&child_, argv[0], &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    close(output[1]);
+    if (failure != 0) {
+        close(output[0]);
+        throw std::runtime_error("cannot start " + command.front());
+    }
+    const auto line = readFirstLine(output[0]);
+    close(output[0]);
+    port_ = line.empty() ? 0 : std::stoi(line);
+    if (port_ <= 0) {
+        kill(child_, SIGKILL);
+        waitpid(child_, nullptr, 0);
+        throw std::runtime_error("the server named no port: " + command.back());
+    }
+}
+
+LocalServer::~LocalServer()
+{
+    kill(child_, SIGTERM);
+    int status = 0;
+    waitpid(child_, &status, 0);
+}
+
+std::string LocalServer::url(const std::string& path) const
+{
+    return "http://127.0.0.1:" + std::to_string(port_) + path;
+}
+
+std::string sourceFile(const std::string& relativePath)
+{
+    return std::string(ZARVO_SOURCE_DIR) + "/" + relativePath;
+}
+
+}  // namespace testsupport
