@@ -11,7 +11,12 @@ pkg_check_modules(CURL REQUIRED IMPORTED_TARGET libcurl)
 # The server-trust challenge reaches into libcurl's TLS handshake through
 # OpenSSL, the TLS library of Debian's libcurl4-openssl-dev.
 pkg_check_modules(LIBSSL REQUIRED IMPORTED_TARGET libssl)
+# rtnetlink messages for network reachability; thin, with no cache of its own.
+pkg_check_modules(MNL REQUIRED IMPORTED_TARGET libmnl)
 find_package(nlohmann_json 3 REQUIRED)
+# ICU: character properties (icu-uc) and date formatting (icu-i18n).
+pkg_check_modules(ICU_UC REQUIRED IMPORTED_TARGET icu-uc)
+pkg_check_modules(ICU_I18N REQUIRED IMPORTED_TARGET icu-i18n)
 
 # The responder starts once per prompt. Where Debian ships a static archive of
 # a library, every program links that instead of the shared object, so the

@@ -1,10 +1,14 @@
-# zarvo_add_test(NAME SOURCES ... LIBRARIES ... [LABELS ...])
+# zarvo_add_test(NAME SOURCES ... LIBRARIES ... [LABELS ...] [OWN_MAIN])
 # One GoogleTest executable; its cases are discovered when ctest runs, so the
-# build does not run test binaries.
+# build does not run test binaries. OWN_MAIN: the sources bring their main
+# (one that must act before GoogleTest starts).
 function(zarvo_add_test name)
-  cmake_parse_arguments(ARG "" "" "SOURCES;LIBRARIES;LABELS" ${ARGN})
+  cmake_parse_arguments(ARG "OWN_MAIN" "" "SOURCES;LIBRARIES;LABELS" ${ARGN})
   add_executable(${name} ${ARG_SOURCES})
-  target_link_libraries(${name} PRIVATE ${ARG_LIBRARIES} GTest::gtest GTest::gmock GTest::gtest_main)
+  target_link_libraries(${name} PRIVATE ${ARG_LIBRARIES} GTest::gtest GTest::gmock)
+  if(NOT ARG_OWN_MAIN)
+    target_link_libraries(${name} PRIVATE GTest::gtest_main)
+  endif()
   gtest_discover_tests(${name}
     DISCOVERY_MODE PRE_TEST
     PROPERTIES ENVIRONMENT "ZARVO_BINARY_DIR=${PROJECT_BINARY_DIR}/bin")

@@ -90,6 +90,16 @@ void installUncaughtExceptionReporter();
         }                                                                                                    \
     } while (false)
 
+// For assertions whose line applications already know and match on: the
+// line is given, not taken from where the check happens to sit.
+#define PLATFORM_PARAMETER_ASSERT_AT_LINE(condition, conditionText, line)                                    \
+    do {                                                                                                     \
+        if (!(condition)) {                                                                                  \
+            ::platform::AssertionHandler::handleParameterFailure(__func__, kAssertionSourceFile, line,       \
+                                                                 conditionText);                             \
+        }                                                                                                    \
+    } while (false)
+
 #define PLATFORM_ASSERT(condition, descriptionText)                                                          \
     do {                                                                                                     \
         if (!(condition)) {                                                                                  \

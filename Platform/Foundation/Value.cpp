@@ -2,6 +2,7 @@
 
 #include "Platform/Foundation/Error.h"
 #include "Platform/Foundation/Object.h"
+#include "Platform/Foundation/OrderedSet.h"
 
 #include <algorithm>
 #include <cinttypes>
@@ -66,6 +67,19 @@ std::string describeData(const Data& data)
     return text + ">";
 }
 
+// Sets and ordered sets print alike: "{(", the elements in order, ")}".
+template <typename Members>
+std::string describeSet(const Members& members)
+{
+    std::string text = "{(";
+    bool first = true;
+    for (const auto& element : members) {
+        text += (first ? "\n    " : ",\n    ") + elementDescription(element);
+        first = false;
+    }
+    return text + "\n)}";
+}
+
 std::string describeDouble(double number)
 {
     char text[32];
@@ -78,6 +92,8 @@ std::string describeDouble(double number)
 Value::Value(Array array) : storage_(std::make_shared<const platform::Array>(std::move(array))) {}
 Value::Value(Dictionary dictionary) : storage_(std::make_shared<const platform::Dictionary>(std::move(dictionary))) {}
 Value::Value(Set set) : storage_(std::make_shared<const platform::Set>(std::move(set))) {}
+Value::Value(OrderedSet orderedSet)
+    : storage_(std::make_shared<const platform::OrderedSet>(std::move(orderedSet))) {}
 Value::Value(ErrorRef error)
 {
     if (error) {
@@ -106,6 +122,7 @@ const URL* Value::url() const { return pointerTo<platform::URL>(storage_); }
 const Array* Value::array() const { return pointerTo<platform::Array>(storage_); }
 const Dictionary* Value::dictionary() const { return pointerTo<platform::Dictionary>(storage_); }
 const Set* Value::set() const { return pointerTo<platform::Set>(storage_); }
+const OrderedSet* Value::orderedSet() const { return pointerTo<platform::OrderedSet>(storage_); }
 
 ErrorRef Value::error() const
 {
@@ -199,15 +216,10 @@ std::string Value::description() const
         }
         return text + "}";
     }
-    case Kind::Set: {
-        std::string text = "{(";
-        bool first = true;
-        for (const auto& element : *set()) {
-            text += (first ? "\n    " : ",\n    ") + elementDescription(element);
-            first = false;
-        }
-        return text + "\n)}";
-    }
+    case Kind::Set:
+        return describeSet(*set());
+    case Kind::OrderedSet:
+        return describeSet(*orderedSet());
     case Kind::Error:
     case Kind::Object:
         return object()->description();
@@ -244,6 +256,8 @@ bool operator==(const Value& left, const Value& right)
         return *left.dictionary() == *right.dictionary();
     case Value::Kind::Set:
         return *left.set() == *right.set();
+    case Value::Kind::OrderedSet:
+        return *left.orderedSet() == *right.orderedSet();
     case Value::Kind::Error:
     case Value::Kind::Object:
         return left.object()->isEqual(*right.object());

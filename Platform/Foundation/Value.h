@@ -2,7 +2,8 @@
 //
 // A Value holds nothing, the null object, a number that remembers whether it
 // is a boolean, an integer or a double, a string, data, a date, a URL, an
-// array, an insertion-ordered dictionary, a set, an error or an object.
+// array, an insertion-ordered dictionary, a set, an ordered set
+// (Platform/Foundation/OrderedSet.h), an error or an object.
 // Collections are immutable once wrapped and shared by reference, so copying
 // a Value is cheap.
 //
@@ -34,6 +35,7 @@ class Error;
 class Value;
 class Dictionary;
 class Set;
+class OrderedSet;
 
 using ObjectRef = std::shared_ptr<Object>;
 using ErrorRef = std::shared_ptr<Error>;
@@ -49,7 +51,7 @@ class Value {
 public:
     enum class Kind {
         Nothing, Null, Boolean, Integer, Double, String, Data, Date, URL,
-        Array, Dictionary, Set, Error, Object,
+        Array, Dictionary, Set, OrderedSet, Error, Object,
     };
 
     Value() = default;
@@ -68,6 +70,7 @@ public:
     Value(Array array);
     Value(Dictionary dictionary);
     Value(Set set);
+    Value(OrderedSet orderedSet);
     Value(ErrorRef error);
     template <typename T, std::enable_if_t<std::is_base_of_v<Object, T> && !std::is_base_of_v<Error, T>, int> = 0>
     Value(std::shared_ptr<T> object) : Value(std::static_pointer_cast<Object>(std::move(object)), ObjectTag{}) {}
@@ -92,6 +95,7 @@ public:
     const platform::Array* array() const;
     const platform::Dictionary* dictionary() const;
     const platform::Set* set() const;
+    const platform::OrderedSet* orderedSet() const;
     ErrorRef error() const;
     ObjectRef object() const;
     template <typename T>
@@ -117,7 +121,8 @@ private:
                  std::shared_ptr<const platform::URL>,
                  std::shared_ptr<const platform::Array>,
                  std::shared_ptr<const platform::Dictionary>,
-                 std::shared_ptr<const platform::Set>, ErrorRef, ObjectRef>
+                 std::shared_ptr<const platform::Set>,
+                 std::shared_ptr<const platform::OrderedSet>, ErrorRef, ObjectRef>
         storage_;
 };
 

@@ -84,6 +84,7 @@ const ClassRegistration valueClasses[] = {
     ClassDescription("NSArray").superclass("NSObject"),
     ClassDescription("NSDictionary").superclass("NSObject"),
     ClassDescription("NSSet").superclass("NSObject"),
+    ClassDescription("NSOrderedSet").superclass("NSObject"),
     ClassDescription("NSError").superclass("NSObject"),
 };
 
@@ -101,6 +102,7 @@ std::string_view valueClassName(Value::Kind kind)
     case Value::Kind::Array: return "NSArray";
     case Value::Kind::Dictionary: return "NSDictionary";
     case Value::Kind::Set: return "NSSet";
+    case Value::Kind::OrderedSet: return "NSOrderedSet";
     case Value::Kind::Nothing:
     case Value::Kind::Error:
     case Value::Kind::Object: break;

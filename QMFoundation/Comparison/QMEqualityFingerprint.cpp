@@ -1,6 +1,7 @@
 #include "QMFoundation/Comparison/QMEqualityFingerprint.h"
 
 #include "Platform/Foundation/Error.h"
+#include "Platform/Foundation/OrderedSet.h"
 
 #include <functional>
 #include <string_view>
@@ -52,6 +53,8 @@ std::uint64_t equalityFingerprint(const platform::Value& value)
         return mix(static_cast<std::uint64_t>(Kind::Dictionary), value.dictionary()->size());
     case Kind::Set:
         return mix(static_cast<std::uint64_t>(Kind::Set), value.set()->size());
+    case Kind::OrderedSet:
+        return mix(static_cast<std::uint64_t>(Kind::OrderedSet), value.orderedSet()->size());
     case Kind::Error: {
         const auto error = value.error();
         return mix(static_cast<std::uint64_t>(Kind::Error), hashOf(error->domain()) ^ static_cast<std::uint64_t>(error->code()));

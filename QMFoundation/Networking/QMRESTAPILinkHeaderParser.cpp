@@ -16,15 +16,6 @@ namespace {
 
 constexpr const char* kAssertionSourceFile = "QMFoundation/QMRESTAPILinkHeaderParser";
 
-// Applications match these failures by the line the library has always
-// reported for them, so each assertion names its line explicitly.
-void assertParameter(bool condition, const char* method, int line, std::string_view conditionText)
-{
-    if (!condition) {
-        platform::AssertionHandler::handleParameterFailure(method, kAssertionSourceFile, line, conditionText);
-    }
-}
-
 std::vector<std::string_view> componentsSeparatedBy(std::string_view text, std::string_view separator)
 {
     std::vector<std::string_view> components;
@@ -85,9 +76,9 @@ QMRESTAPILinkHeaderParserRef QMRESTAPILinkHeaderParser::parserWithHeaderFields(
     std::optional<Dictionary> headerFields, std::optional<std::string> pageParameterName,
     std::optional<std::string> perPageParameterName)
 {
-    assertParameter(headerFields.has_value(), __func__, 32, "headerFields");
-    assertParameter(pageParameterName.has_value(), __func__, 33, "pageParameterName");
-    assertParameter(perPageParameterName.has_value(), __func__, 34, "perPageParameterName");
+    PLATFORM_PARAMETER_ASSERT_AT_LINE(headerFields.has_value(), "headerFields", 32);
+    PLATFORM_PARAMETER_ASSERT_AT_LINE(pageParameterName.has_value(), "pageParameterName", 33);
+    PLATFORM_PARAMETER_ASSERT_AT_LINE(perPageParameterName.has_value(), "perPageParameterName", 34);
     QMRESTAPILinkHeaderParserRef parser(
         new QMRESTAPILinkHeaderParser(std::move(*headerFields), std::move(*pageParameterName), std::move(*perPageParameterName)));
     parser->nextPageNumber_ = parser->parseNextPageNumberFromHeaderFields(parser->headerFields_);
@@ -123,20 +114,20 @@ std::uint64_t QMRESTAPILinkHeaderParser::pageNumber(const Dictionary& relations,
 
 std::uint64_t QMRESTAPILinkHeaderParser::parseNextPageNumberFromHeaderFields(const std::optional<Dictionary>& headerFields) const
 {
-    assertParameter(headerFields.has_value(), __func__, 57, "headerFields");
+    PLATFORM_PARAMETER_ASSERT_AT_LINE(headerFields.has_value(), "headerFields", 57);
     return pageNumber(linkRelations(*headerFields), "next", pageParameterName_);
 }
 
 std::uint64_t QMRESTAPILinkHeaderParser::parsePrevPageNumberFromHeaderFields(const std::optional<Dictionary>& headerFields) const
 {
-    assertParameter(headerFields.has_value(), __func__, 86, "headerFields");
+    PLATFORM_PARAMETER_ASSERT_AT_LINE(headerFields.has_value(), "headerFields", 86);
     return pageNumber(linkRelations(*headerFields), "prev", pageParameterName_);
 }
 
 std::uint64_t QMRESTAPILinkHeaderParser::parseNumberOfTotalPagesFromHeaderFields(
     const std::optional<Dictionary>& headerFields) const
 {
-    assertParameter(headerFields.has_value(), __func__, 115, "headerFields");
+    PLATFORM_PARAMETER_ASSERT_AT_LINE(headerFields.has_value(), "headerFields", 115);
     const auto relations = linkRelations(*headerFields);
     return pageNumber(relations, relations.contains("last") ? "last" : "prev", pageParameterName_);
 }
@@ -144,7 +135,7 @@ std::uint64_t QMRESTAPILinkHeaderParser::parseNumberOfTotalPagesFromHeaderFields
 std::uint64_t QMRESTAPILinkHeaderParser::parseNumberOfItemsPerPageFromHeaderFields(
     const std::optional<Dictionary>& headerFields) const
 {
-    assertParameter(headerFields.has_value(), __func__, 144, "headerFields");
+    PLATFORM_PARAMETER_ASSERT_AT_LINE(headerFields.has_value(), "headerFields", 144);
     const auto relations = linkRelations(*headerFields);
     if (relations.empty()) {
         return 0;
@@ -154,7 +145,7 @@ std::uint64_t QMRESTAPILinkHeaderParser::parseNumberOfItemsPerPageFromHeaderFiel
 
 Dictionary QMRESTAPILinkHeaderParser::parseLinkURLsByRelParamFromLinkHeader(const std::optional<std::string>& linkHeader) const
 {
-    assertParameter(linkHeader.has_value(), __func__, 167, "linkHeader");
+    PLATFORM_PARAMETER_ASSERT_AT_LINE(linkHeader.has_value(), "linkHeader", 167);
     Dictionary relations;
     for (const auto component : componentsSeparatedBy(*linkHeader, ", ")) {
         // Every entry's URL is taken, also when its relation is then ignored.
@@ -176,7 +167,7 @@ Dictionary QMRESTAPILinkHeaderParser::parseLinkURLsByRelParamFromLinkHeader(cons
 std::optional<URL> QMRESTAPILinkHeaderParser::parseLinkURLFromLinkHeaderComponent(
     const std::optional<std::string>& linkHeaderComponent) const
 {
-    assertParameter(linkHeaderComponent.has_value(), __func__, 190, "linkHeaderComponent");
+    PLATFORM_PARAMETER_ASSERT_AT_LINE(linkHeaderComponent.has_value(), "linkHeaderComponent", 190);
     const auto urlPart = std::string_view(*linkHeaderComponent).substr(0, linkHeaderComponent->find(';'));
     const auto urlText = withoutFirstAndLastCharacter(urlPart);
     return urlText ? URL::fromString(*urlText) : std::nullopt;
@@ -184,7 +175,7 @@ std::optional<URL> QMRESTAPILinkHeaderParser::parseLinkURLFromLinkHeaderComponen
 
 Dictionary QMRESTAPILinkHeaderParser::parseQueryFromLinkURL(const std::optional<URL>& linkURL) const
 {
-    assertParameter(linkURL.has_value(), __func__, 200, "linkURL");
+    PLATFORM_PARAMETER_ASSERT_AT_LINE(linkURL.has_value(), "linkURL", 200);
     Dictionary query;
     if (!linkURL->query()) {
         return query;

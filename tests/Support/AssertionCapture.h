@@ -11,6 +11,8 @@
 #include <gtest/gtest.h>
 
 #include <optional>
+#include <string>
+#include <string_view>
 #include <utility>
 
 namespace testsupport {
@@ -35,6 +37,21 @@ platform::AssertionFailure captureAssertion(Body&& body)
         EXPECT_EQ(raised->reason(), seen->description);
     }
     return seen.value_or(platform::AssertionFailure{});
+}
+
+// Runs a piece of code that must raise the exception `name` (not through the
+// assertion handler) and hands back its reason.
+template <typename Body>
+std::string raisedReason(std::string_view name, Body&& body)
+{
+    try {
+        std::forward<Body>(body)();
+    } catch (const platform::Exception& exception) {
+        EXPECT_EQ(exception.name(), name);
+        return exception.reason();
+    }
+    ADD_FAILURE() << "nothing was raised";
+    return {};
 }
 
 }  // namespace testsupport

@@ -2,6 +2,7 @@
 
 #include "Platform/Foundation/Error.h"
 #include "Platform/Foundation/Exception.h"
+#include "Platform/Foundation/OrderedSet.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -250,6 +251,7 @@ TEST(ClassOfValues, OtherKindsAnswerTheirValueClass)
         {Value(platform::Array{}), "NSArray"},
         {Value(platform::Dictionary{}), "NSDictionary"},
         {Value(platform::Set{}), "NSSet"},
+        {Value(platform::OrderedSet{}), "NSOrderedSet"},
         {Value(platform::Data{1, 2}), "NSData"},
     };
     for (const auto& [value, className] : rows) {

@@ -5,6 +5,7 @@
 #include "QMFoundation/Comparison/QMEqualityFingerprint.h"
 
 #include "Platform/Foundation/Error.h"
+#include "Platform/Foundation/OrderedSet.h"
 
 #include "tests/Support/AssertionCapture.h"
 
@@ -114,6 +115,7 @@ TEST(QMArrayComparator, MatchesEqualValuesOfEveryKind)
         {Array{1, "a"}, Array{1.0, "a"}},
         {Dictionary{{"a", 1}, {"b", 2}}, Dictionary{{"b", 2.0}, {"a", true}}},
         {platform::Set{1, 2}, platform::Set{2, 1}},
+        {platform::OrderedSet{1, "a"}, platform::OrderedSet{true, "a"}},
         {Value::null(), Value::null()},
         {platform::Error::create("d", 3), platform::Error::create("d", 3)},
     };

@@ -6,6 +6,7 @@
 #include "Platform/Foundation/Exception.h"
 #include "Platform/Security/SecItem.h"
 #include "tests/Platform/Security/KeychainSandbox.h"
+#include "tests/Support/AssertionCapture.h"
 
 #include <gtest/gtest.h>
 
@@ -19,14 +20,7 @@ namespace {
 template <typename Body>
 std::string invalidArgumentReason(Body&& body)
 {
-    try {
-        body();
-    } catch (const Exception& exception) {
-        EXPECT_EQ(exception.name(), NSInvalidArgumentException);
-        return exception.reason();
-    }
-    ADD_FAILURE() << "nothing was raised";
-    return {};
+    return testsupport::raisedReason(NSInvalidArgumentException, std::forward<Body>(body));
 }
 
 class QMKeychainItemTest : public testsupport::KeychainSandbox {};
