@@ -9,7 +9,7 @@ TSAN_DIR ?= build-tsan
 export CCACHE_BASEDIR := $(CURDIR)
 export CCACHE_NOHASHDIR := 1
 
-.PHONY: deps build demo check check-tsan check-release bench fuzz clean
+.PHONY: deps build demo check check-tsan check-release bench fuzz package clean
 
 deps:
 	scripts/install-deps
@@ -38,8 +38,12 @@ check-tsan: deps
 # again through the end-to-end tests.
 check-release: deps
 	cmake -S . -B $(BUILD_DIR) -G Ninja -DCMAKE_BUILD_TYPE=Release
-	cmake --build $(BUILD_DIR) -j $(JOBS) --target zarvo-askpass zarvo-keychain
+	cmake --build $(BUILD_DIR) -j $(JOBS) --target zarvo-askpass zarvo-keychain git-credential-zarvo
 	cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS) -L e2e
+
+# The Debian package of the Release build, in $(BUILD_DIR).
+package: build
+	cd $(BUILD_DIR) && cpack -G DEB
 
 bench: build
 	scripts/bench $(BUILD_DIR)/bin

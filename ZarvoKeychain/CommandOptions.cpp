@@ -49,6 +49,8 @@ bool parseOptions(const Command& command, const std::vector<std::string>& argume
             }
         } else if (command.takesNoPassword && argument == "--no-password") {
             options->noPassword = true;
+        } else if (command.takesRemove && argument == "--remove") {
+            options->removeFile = true;
         } else if (argument.size() == 2 && command.letters.find(argument[1]) != std::string_view::npos) {
             const char letter = argument[1];
             if (auto* slot = valueSlot(*options, letter)) {

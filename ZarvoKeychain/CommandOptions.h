@@ -25,6 +25,7 @@ struct Options {
     bool update = false;                         // -U
     bool showSecrets = false;                    // -d
     bool noPassword = false;                     // --no-password
+    bool removeFile = false;                     // --remove
     bool help = false;                           // --help, -h
     std::vector<std::string> operands;
 };

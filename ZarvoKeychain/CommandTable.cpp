@@ -1,5 +1,6 @@
 #include "ZarvoKeychain/CommandTable.h"
 
+#include "ZarvoKeychain/ImportCommand.h"
 #include "ZarvoKeychain/ItemCommands.h"
 #include "ZarvoKeychain/KeychainCommands.h"
 #include "ZarvoKeychain/ToolOutput.h"
@@ -51,6 +52,13 @@ constexpr Command kCommands[] = {
      unlockKeychain},
     {"dump-keychain", "kd", false, false, 0, "[-k keychain] [-d]",
      "Lists every item of the keychain. Passwords are shown only with -d.", dumpKeychain},
+    {"import-git-credentials", "k", false, false, 1, "[-k keychain] [--remove] [file]",
+     "Stores the passwords of git's plain-text credential store as internet passwords that\n"
+     "zarvo-askpass and git-credential-zarvo find. Without a file it reads ~/.git-credentials\n"
+     "and $XDG_CONFIG_HOME/git/credentials. Items already in the keychain are skipped; lines\n"
+     "that cannot be stored are named by number, never shown. --remove deletes a file once\n"
+     "every line of it is in the keychain.",
+     importGitCredentials, true},
 };
 
 }  // namespace

@@ -21,6 +21,8 @@ struct Command {
     std::string_view summary;
     // Does the work once the options have parsed; returns the exit status.
     int (*run)(const Command& command, const Options& options);
+    // Whether it takes --remove.
+    bool takesRemove = false;
 };
 
 // The subcommand called `name`, or nullptr when there is none.

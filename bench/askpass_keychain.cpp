@@ -6,64 +6,18 @@
 // the other in the same run; medians and ratios are reported. The credential
 // asked for is the middle one of each store.
 //
-// Filled keychains are kept under $TMPDIR/zarvo-bench-cache, because filling
-// 100,000 items takes a while; delete that folder to start afresh.
+// Filled stores are kept between runs (see bench/CredentialStores.h).
 //
 //   askpass_keychain BIN_DIR [ROUNDS]
 #include "bench/BenchmarkSupport.h"
-
-#include "Platform/Security/SecItem.h"
+#include "bench/CredentialStores.h"
 
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
-namespace {
-
-namespace fs = std::filesystem;
-
-std::string account(int index) { return "user" + std::to_string(index); }
-std::string server(int index) { return "host" + std::to_string(index) + ".example"; }
-std::string secret(int index) { return "secret-" + std::to_string(index); }
-
-// A data home whose default keychain holds `items` internet passwords, and a
-// git credentials file with the same credentials.
-fs::path prepareStores(int items)
-{
-    const auto home = fs::temp_directory_path() / "zarvo-bench-cache" / ("items-" + std::to_string(items));
-    const auto complete = home / "complete";
-    if (fs::exists(complete)) {
-        return home;
-    }
-    fs::remove_all(home);
-    fs::create_directories(home);
-    setenv("XDG_DATA_HOME", home.c_str(), 1);
-
-    std::ofstream credentials(home / "git-credentials");
-    std::fprintf(stderr, "filling a keychain of %d items...\n", items);
-    for (int index = 0; index < items; ++index) {
-        const std::string password = secret(index);
-        const auto status = platform::SecItemAdd(
-            {{platform::kSecClass, platform::kSecClassInternetPassword},
-             {platform::kSecAttrAccount, account(index)},
-             {platform::kSecAttrServer, server(index)},
-             {platform::kSecAttrProtocol, platform::kSecAttrProtocolHTTPS},
-             {platform::kSecAttrPort, 0},
-             {platform::kSecValueData, platform::Data(password.begin(), password.end())}},
-            nullptr);
-        if (status != 0) {
-            std::fprintf(stderr, "cannot add item %d: status %d\n", index, static_cast<int>(status));
-            std::exit(2);
-        }
-        credentials << "https://" << account(index) << ':' << password << '@' << server(index) << '\n';
-    }
-    std::ofstream(complete) << "done\n";
-    return home;
-}
-
-}  // namespace
+using bench::credentialAccount;
+using bench::credentialServer;
 
 int main(int argc, char** argv)
 {
@@ -80,16 +34,16 @@ int main(int argc, char** argv)
     std::printf("%-8s %12s %12s %12s %12s %10s %10s\n", "items", "askpass us", "constant us", "askpass us",
                 "git-store us", "vs (a)", "vs (b)");
     for (const int items : {10, 1000, 100000}) {
-        const auto home = prepareStores(items);
+        const auto home = bench::prepareCredentialStores(items);
         const int wanted = items / 2;
         std::string dataHome = "XDG_DATA_HOME=" + home.string();
         std::string homeVariable = "HOME=" + home.string();
         std::string path = "PATH=/usr/bin:/bin";
         char* environment[] = {dataHome.data(), homeVariable.data(), path.data(), nullptr};
 
-        const std::vector<std::string> prompt{"Password for 'https://" + account(wanted) + "@" + server(wanted) + "': "};
+        const std::vector<std::string> prompt{"Password for 'https://" + credentialAccount(wanted) + "@" + credentialServer(wanted) + "': "};
         const std::vector<std::string> store{"credential-store", "--file", (home / "git-credentials").string(), "get"};
-        const std::string query = "protocol=https\nhost=" + server(wanted) + "\nusername=" + account(wanted) + "\n\n";
+        const std::string query = "protocol=https\nhost=" + credentialServer(wanted) + "\nusername=" + credentialAccount(wanted) + "\n\n";
 
         const bench::Run runResponder = [&] { return bench::timeProgramRun(responder, prompt, environment); };
         const bench::Run runBaseline = [&] { return bench::timeProgramRun(baseline, {}, environment); };

@@ -9,7 +9,8 @@ requests are handed to `git http-backend` as CGI.
 The server binds a port the kernel picks, prints one line
 "git server listening on 127.0.0.1 port N" on standard output as soon as it
 accepts connections, and then logs one line per request on standard error.
-Passwords are never logged; they stay out of argv by living in the file.
+Passwords are never logged; they stay out of argv by living in the file,
+which is read again for every request.
 """
 
 import argparse
@@ -64,7 +65,9 @@ class GitHandler(http.server.BaseHTTPRequestHandler):
             self.note("malformed credentials for " + self.path)
             return None
         user, _, password = decoded.partition(":")
-        expected = self.server.credentials.get(user)
+        # Read at every request, so a test can change a password while the
+        # server runs.
+        expected = read_credentials(self.server.credentials_path).get(user)
         if expected is None or expected != password:
             self.note("authentication failed for user " + repr(user))
             return None
@@ -160,7 +163,7 @@ def main():
     server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), GitHandler)
     server.daemon_threads = True
     server.root = os.path.abspath(options.root)
-    server.credentials = read_credentials(options.credentials)
+    server.credentials_path = options.credentials
     print("git server listening on 127.0.0.1 port %d" % server.server_address[1], flush=True)
     try:
         server.serve_forever()

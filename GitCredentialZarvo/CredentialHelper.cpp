@@ -1,0 +1,409 @@
+#include "GitCredentialZarvo/CredentialHelper.h"
+
+#include "GitCredentialZarvo/CredentialRequest.h"
+
+#include "QMFoundation/Keychain/QMGenericPasswordKeychainItem.h"
+#include "QMFoundation/Keychain/QMInternetPasswordKeychainItem.h"
+#include "QMFoundation/Keychain/QMKeychain.h"
+#include "QMFoundation/Strings/NSString+QMURLTranscoding.h"
+
+#include "Platform/Foundation/URL.h"
+#include "Platform/Security/SecItem.h"
+#include "Platform/Security/SecKeychain.h"
+
+#include <cstring>
+#include <filesystem>
+#include <optional>
+#include <string_view>
+
+using namespace platform;
+
+namespace {
+
+constexpr std::string_view kProgram = "git-credential-zarvo";
+
+// Attributes newer versions of git send with a password and want back with
+// it. They live in a generic password of this service whose account names
+// the internet password, so the refresh token is as well protected as the
+// password itself (a comment attribute would not be encrypted).
+constexpr std::string_view kKeptAttributesService = "git-credential-zarvo";
+constexpr std::string_view kKeptAttributes[] = {"password_expiry_utc", "oauth_refresh_token"};
+// The comment of an internet password that has kept attributes. Most have
+// none, and this mark spares their look-ups a second query.
+constexpr std::string_view kKeptAttributesMark = "git-credential-zarvo: has kept attributes";
+
+constexpr std::string_view kUsage =
+    "usage: git-credential-zarvo [-k keychain | --keychain keychain] (get | store | erase)\n"
+    "\n"
+    "git's credential helper on the keychain zarvo-askpass answers from. Wire it with\n"
+    "    git config --global credential.helper zarvo\n"
+    "git then runs it with the operation and the credential's attributes on standard\n"
+    "input. Without -k the default keychain is used.\n";
+
+enum Exit : int {
+    kExitDone = 0,
+    kExitFailed = 1,
+};
+
+struct Invocation {
+    std::optional<std::string> keychainPath;
+    std::optional<std::string> operation;
+    bool help = false;
+};
+
+std::optional<std::string> parseArguments(const std::vector<std::string>& arguments, Invocation* invocation)
+{
+    for (std::size_t index = 0; index < arguments.size(); ++index) {
+        const std::string& argument = arguments[index];
+        if (argument == "--help" || argument == "-h") {
+            invocation->help = true;
+        } else if (argument == "-k" || argument == "--keychain") {
+            if (++index == arguments.size()) {
+                return argument + " needs the path of a keychain";
+            }
+            invocation->keychainPath = arguments[index];
+        } else if (argument.rfind("--keychain=", 0) == 0) {
+            invocation->keychainPath = argument.substr(11);
+        } else if (!argument.empty() && argument[0] == '-') {
+            return "unknown option " + argument;
+        } else if (invocation->operation) {
+            return "one operation only, got " + *invocation->operation + " and " + argument;
+        } else {
+            invocation->operation = argument;
+        }
+    }
+    return std::nullopt;
+}
+
+bool holdsLineBreakOrNul(std::string_view text)
+{
+    return text.find_first_of(std::string_view("\n\r\0", 3)) != std::string_view::npos;
+}
+
+// A value that is there and not empty; git leaves out what it does not know,
+// and an empty user name names nobody.
+std::optional<std::string> given(const CredentialRequest& request, std::string_view key)
+{
+    auto value = request.value(key);
+    return value && !value->empty() ? value : std::nullopt;
+}
+
+// What the request is about, as a URL the responder could have been asked
+// about. Nothing with `problem` empty when there is nothing to do here (no
+// host, or a protocol the keychain has no code for, such as "cert"); nothing
+// with `problem` set for attributes that make no URL.
+std::optional<URL> urlForRequest(const CredentialRequest& request, std::string* problem)
+{
+    const auto protocol = given(request, "protocol");
+    const auto host = given(request, "host");
+    if (!protocol || !host || !QMKeychain::supportsProtocol(*protocol)) {
+        return std::nullopt;
+    }
+    // The host goes into the URL as it is ("[::1]:8080" keeps its brackets),
+    // so nothing in it may end the authority early.
+    for (const unsigned char character : *host) {
+        if (character <= 0x20 || character == 0x7f || std::string_view("/?#@\\%").find(static_cast<char>(character)) !=
+                                                            std::string_view::npos) {
+            *problem = "the host attribute is not a host name";
+            return std::nullopt;
+        }
+    }
+    std::string text = *protocol + "://";
+    if (const auto username = given(request, "username")) {
+        text += stringByURLEncodingString(*username) + "@";
+    }
+    text += *host;
+    if (const auto path = given(request, "path")) {
+        // git sends the path without its leading slash, and decoded.
+        text += "/" + stringByURLEncodingStringLeavingCharactersInStringUntoched(*path, "/", "?#[]");
+    }
+    auto url = URL::fromString(text);
+    if (!url || !url->host() || url->host()->empty()) {
+        *problem = "the protocol, host and path attributes make no URL";
+        return std::nullopt;
+    }
+    return url;
+}
+
+// The account of the kept attributes of an internet password: the item's
+// own key attributes, so an item found without a user name still finds them.
+std::string keptAttributesAccount(const QMInternetPasswordKeychainItem& item)
+{
+    std::string account = item.protocol().value_or("") + "://" +
+                          stringByURLEncodingString(item.account().value_or("")) + "@" + item.host().value_or("");
+    if (const auto port = item.port()) {
+        account += ":" + std::to_string(*port);
+    }
+    return account + item.path().value_or("");
+}
+
+// The kept attributes of the request, one "key=value" line each, in a fixed
+// order so that equal sets compare equal.
+std::string keptAttributesOf(const CredentialRequest& request)
+{
+    std::string text;
+    for (const auto key : kKeptAttributes) {
+        if (const auto value = request.value(key)) {
+            text += std::string(key) + "=" + *value + "\n";
+        }
+    }
+    return text;
+}
+
+class Helper {
+public:
+    Helper(QMKeychainRef keychain, std::string* output, std::string* errors)
+        : keychain_(std::move(keychain)), output_(output), errors_(errors)
+    {
+    }
+
+    int get(const URL& url)
+    {
+        ErrorRef error;
+        const auto item = QMInternetPasswordKeychainItem::findInternetPasswordForURL(url, keychain_, &error);
+        if (!item) {
+            return outcome(error);
+        }
+        const auto password = item->password();
+        const auto account = item->account().value_or("");
+        // A value with a line break cannot be said in git's protocol: the
+        // rest would be read as further attributes.
+        if (!password || holdsLineBreakOrNul(*password) || holdsLineBreakOrNul(account)) {
+            return kExitDone;
+        }
+        std::string answer;
+        if (!account.empty()) {
+            answer += "username=" + account + "\n";
+        }
+        answer += "password=" + *password + "\n";
+        if (const auto kept = keptAttributesItem(*item)) {
+            const auto text = kept->password().value_or("");
+            std::string_view rest = text;
+            while (!rest.empty()) {
+                const auto end = rest.find('\n');
+                const auto line = rest.substr(0, end);
+                rest = end == std::string_view::npos ? std::string_view() : rest.substr(end + 1);
+                for (const auto key : kKeptAttributes) {
+                    if (line.size() > key.size() && line.substr(0, key.size()) == key && line[key.size()] == '=') {
+                        answer += std::string(line) + "\n";
+                    }
+                }
+            }
+        }
+        *output_ += answer;
+        return kExitDone;
+    }
+
+    int store(const URL& url, const CredentialRequest& request)
+    {
+        const auto password = request.value("password");
+        if (!given(request, "username") || !password) {
+            return kExitDone;  // git stores only a complete credential
+        }
+        const std::string kept = keptAttributesOf(request);
+        // Two helpers storing the same new item at once: the one that loses
+        // the race finds the other's item and updates it.
+        for (int attempt = 0; attempt < 2; ++attempt) {
+            ErrorRef error;
+            auto item = storedItem(url, &error);
+            if (!item && error) {
+                return outcome(error);
+            }
+            if (item) {
+                if (item->password() == *password && keptAttributesText(*item) == kept) {
+                    return kExitDone;  // git stores after every success; most change nothing
+                }
+                if (item->password() != *password) {
+                    item->setPassword(*password);
+                    if (!item->save(&error)) {
+                        return outcome(error);
+                    }
+                }
+            } else {
+                item = QMInternetPasswordKeychainItem::internetPasswordWithKeychain(keychain_, url, *password);
+                if (!item->save(&error)) {
+                    if (error && error->code() == errSecDuplicateItem) {
+                        continue;
+                    }
+                    return outcome(error);
+                }
+            }
+            return storeKeptAttributes(*item, kept);
+        }
+        return kExitDone;
+    }
+
+    int erase(const URL& url, const CredentialRequest& request)
+    {
+        ErrorRef error;
+        const auto candidates = QMInternetPasswordKeychainItem::findAllInternetPasswordsForURL(url, keychain_, &error);
+        if (!candidates) {
+            return outcome(error);
+        }
+        const auto password = request.value("password");
+        for (const auto& candidate : *candidates) {
+            QMInternetPasswordKeychainItemRef item = candidate;
+            if (password) {
+                // A find-all returns no secrets: read this one's by its reference.
+                const auto withSecret = QMInternetPasswordKeychainItem::findKeychainItemWithAttributes(
+                    {{kSecValueRef, Value(candidate->keychainItemRef())}}, keychain_, &error);
+                if (!withSecret) {
+                    if (error) {
+                        return outcome(error);
+                    }
+                    continue;  // gone meanwhile
+                }
+                item = QMInternetPasswordKeychainItem::create(keychain_, *withSecret);
+                if (item->password() != *password) {
+                    continue;
+                }
+            }
+            if (const auto kept = keptAttributesItem(*item)) {
+                if (!kept->destroy(&error)) {
+                    return outcome(error);
+                }
+            }
+            if (!item->destroy(&error)) {
+                return outcome(error);
+            }
+            return kExitDone;
+        }
+        return kExitDone;
+    }
+
+private:
+    // Locked keychains and missing items are nothing to say; any other
+    // failure gets one line.
+    int outcome(const ErrorRef& error)
+    {
+        if (!error || error->code() == errSecItemNotFound || error->code() == errSecInteractionNotAllowed) {
+            return kExitDone;
+        }
+        const auto status = static_cast<OSStatus>(error->code());
+        *errors_ += std::string(kProgram) + ": " +
+                    SecCopyErrorMessageString(status).value_or("keychain error " + std::to_string(status)) + "\n";
+        return kExitFailed;
+    }
+
+    // The item with the same primary key as the URL's new item would have:
+    // unlike a look-up, a URL without a path names only the item without one.
+    QMInternetPasswordKeychainItemRef storedItem(const URL& url, ErrorRef* error)
+    {
+        Dictionary attributes = QMInternetPasswordKeychainItem::attributesForURL(url);
+        if (!attributes.contains(kSecAttrPath)) {
+            attributes.set(kSecAttrPath, "");
+        }
+        attributes.set(kSecAttrSecurityDomain, "");
+        attributes.set(kSecAttrAuthenticationType, 0);
+        const auto found = QMInternetPasswordKeychainItem::findKeychainItemWithAttributes(attributes, keychain_, error);
+        return found ? QMInternetPasswordKeychainItem::create(keychain_, *found) : nullptr;
+    }
+
+    QMGenericPasswordKeychainItemRef keptAttributesItem(const QMInternetPasswordKeychainItem& item)
+    {
+        if (item.comment() != kKeptAttributesMark) {
+            return nullptr;
+        }
+        return QMGenericPasswordKeychainItem::findGenericPasswordItemForAccount(
+            keptAttributesAccount(item), std::string(kKeptAttributesService), keychain_);
+    }
+
+    std::string keptAttributesText(const QMInternetPasswordKeychainItem& item)
+    {
+        const auto kept = keptAttributesItem(item);
+        return kept ? kept->password().value_or("") : std::string();
+    }
+
+    int storeKeptAttributes(QMInternetPasswordKeychainItem& item, const std::string& kept)
+    {
+        ErrorRef error;
+        const bool marked = item.comment() == kKeptAttributesMark;
+        if (kept.empty()) {
+            if (!marked) {
+                return kExitDone;
+            }
+            if (const auto stale = keptAttributesItem(item); stale && !stale->destroy(&error)) {
+                return outcome(error);
+            }
+            item.setComment("");
+            return item.save(&error) ? kExitDone : outcome(error);
+        }
+        if (!keychain_->createOrUpdateGenericPasswordWithAccount(keptAttributesAccount(item),
+                                                                 std::string(kKeptAttributesService), kept, &error)) {
+            return outcome(error);
+        }
+        if (!marked) {
+            item.setComment(std::string(kKeptAttributesMark));
+            if (!item.save(&error)) {
+                return outcome(error);
+            }
+        }
+        return kExitDone;
+    }
+
+    QMKeychainRef keychain_;
+    std::string* output_;
+    std::string* errors_;
+};
+
+}  // namespace
+
+int runCredentialHelper(const std::vector<std::string>& arguments, const std::function<std::string()>& readInput,
+                        std::string* output, std::string* errors)
+{
+    const auto complain = [errors](const std::string& message) {
+        *errors += std::string(kProgram) + ": " + message + "\n";
+        return kExitFailed;
+    };
+    Invocation invocation;
+    if (const auto problem = parseArguments(arguments, &invocation)) {
+        return complain(*problem + " (try --help)");
+    }
+    if (invocation.help) {
+        *output += kUsage;
+        return kExitDone;
+    }
+    if (!invocation.operation) {
+        return complain("no operation given: get, store or erase (try --help)");
+    }
+    const std::string& operation = *invocation.operation;
+    if (operation != "get" && operation != "store" && operation != "erase") {
+        // Operations git adds later reach older helpers too; they are to be
+        // ignored, not failed.
+        *errors += std::string(kProgram) + ": ignoring the unknown operation " + operation + "\n";
+        return kExitDone;
+    }
+    std::string input = readInput();
+    std::string problem;
+    const auto request = readCredentialRequest(input, &problem);
+    // The request may hold a password; what is needed of it is copied out.
+    explicit_bzero(input.data(), input.size());
+    if (!request) {
+        return complain("unreadable request: " + problem + "; nothing done");
+    }
+    const auto url = urlForRequest(*request, &problem);
+    if (!url) {
+        return problem.empty() ? kExitDone : complain(problem + "; nothing done");
+    }
+
+    QMKeychainRef keychain = QMKeychain::defaultKeychain();
+    if (invocation.keychainPath) {
+        SecKeychainRef reference;
+        // git runs helpers in the repository's folder: a relative path would
+        // name another keychain in every repository.
+        std::error_code ignored;
+        const auto path = std::filesystem::absolute(*invocation.keychainPath, ignored).string();
+        if (SecKeychainOpen(path.c_str(), &reference) != errSecSuccess || !reference) {
+            return complain("cannot open the keychain " + *invocation.keychainPath);
+        }
+        keychain = QMKeychain::keychainWithKeychainRef(reference);
+    }
+    Helper helper(keychain, output, errors);
+    if (operation == "get") {
+        return helper.get(*url);
+    }
+    if (operation == "store") {
+        return helper.store(*url, *request);
+    }
+    return helper.erase(*url, *request);
+}

@@ -1,0 +1,31 @@
+// CredentialRequest: the attributes git hands a credential helper on standard
+// input, one "key=value" a line, up to an empty line or the end of input.
+//
+// Reading is strict about the shape of the input and lenient about its
+// content: a line without "=", with a NUL byte, with bytes that are not UTF-8
+// or longer than kMaximumLineLength makes the whole request unreadable (the
+// helper then changes nothing), while keys it does not know are kept aside
+// and otherwise ignored, so newer versions of git can add attributes.
+// Messages name the line, never its value: a value may be a password.
+#pragma once
+
+#include <cstddef>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+
+struct CredentialRequest {
+    // A key given twice keeps its last value, as git itself reads them.
+    std::map<std::string, std::string, std::less<>> attributes;
+
+    std::optional<std::string> value(std::string_view key) const;
+};
+
+inline constexpr std::size_t kMaximumLineLength = 65536;
+// More input than this is not a credential; reading stops there.
+inline constexpr std::size_t kMaximumRequestLength = 1 << 20;
+
+// The request in `input`, or nothing with `*problem` set to a one-line
+// description such as "line 3 has no '='".
+std::optional<CredentialRequest> readCredentialRequest(std::string_view input, std::string* problem);
