@@ -197,11 +197,13 @@ bool isOwnedByUserOrRoot(const struct stat& information)
 // Whether another user could replace a file in `directory` or anything
 // above it: every directory up to "/" must belong to this user or root and
 // be writable by no one else, unless its sticky bit keeps others from
-// renaming entries they do not own. Group-writable counts as writable by
-// others, as for the file itself.
+// renaming entries they do not own. The keychain's own directory gets no such
+// leave: a sticky bit does not stop others creating the keychain's journal
+// there, which SQLite would then read or write. Group-writable counts as
+// writable by others, as for the file itself.
 OSStatus checkDirectories(const std::string& keychainPath, std::string directory)
 {
-    for (;;) {
+    for (bool ownDirectory = true;; ownDirectory = false) {
         struct stat information {};
         if (::stat(directory.c_str(), &information) != 0) {
             return statusForErrno(errno);
@@ -210,7 +212,12 @@ OSStatus checkDirectories(const std::string& keychainPath, std::string directory
             return refuse(keychainPath, "its directory " + printable(directory) + " belongs to user " +
                                             std::to_string(information.st_uid) + ", who could replace it");
         }
-        if ((information.st_mode & (S_IWGRP | S_IWOTH)) != 0 && (information.st_mode & S_ISVTX) == 0) {
+        const bool sharedWithOthers = (information.st_mode & (S_IWGRP | S_IWOTH)) != 0;
+        if (sharedWithOthers && ownDirectory) {
+            return refuse(keychainPath, "other users can add files to its directory " + printable(directory) +
+                                            " (mode " + modeText(information.st_mode) + ")");
+        }
+        if (sharedWithOthers && (information.st_mode & S_ISVTX) == 0) {
             return refuse(keychainPath, "other users can change its directory " + printable(directory) + " (mode " +
                                             modeText(information.st_mode) + ", no sticky bit)");
         }

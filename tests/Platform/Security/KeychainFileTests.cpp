@@ -326,6 +326,21 @@ TEST_F(KeychainFileTest, EveryDirectoryAboveTheFileMustBeSafe)
     ASSERT_EQ(::chmod(upper.c_str(), 0700), 0);
 }
 
+// A sticky bit stops others renaming the keychain, not creating its journal
+// beside it, which SQLite would then read or write: the keychain's own
+// directory must be writable by its owner alone.
+TEST_F(KeychainFileTest, TheKeychainsOwnDirectoryMayNotBeShared)
+{
+    const std::string shared = sandboxPath("shared");
+    const auto keychain = makeKeychain(shared + "/own.keychain");
+    ASSERT_EQ(::chmod(shared.c_str(), 01777), 0);
+    EXPECT_EQ(find(keychain), errSecUnprotectedKeychain);
+    const std::string why = SecKeychainCopyRefusalReason();
+    EXPECT_NE(why.find("its directory " + shared + " "), std::string::npos) << why;
+    ASSERT_EQ(::chmod(shared.c_str(), 0700), 0);
+    EXPECT_EQ(find(keychain), errSecSuccess);
+}
+
 TEST_F(KeychainFileTest, TheDirectoriesCheckedAreWhereTheFileReallyLies)
 {
     const std::string open = sandboxPath("open");
