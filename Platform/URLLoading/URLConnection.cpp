@@ -116,7 +116,8 @@ void URLConnection::askDelegate(const URLAuthenticationChallengeRef& challenge)
         }
         answered->set_value();
     });
-    waited.wait_for(std::chrono::duration<double>(request_->timeoutInterval()));
+    const double timeout = request_->timeoutInterval() > 0 ? request_->timeoutInterval() : URLRequest::DefaultTimeoutInterval;
+    waited.wait_for(std::chrono::duration<double>(timeout));
 }
 
 }  // namespace platform

@@ -78,6 +78,11 @@ void CurlDriver::add(const URLConnectionRef& connection)
         return;
     }
     connection->transfer_ = std::make_unique<Transfer>(*connection);
+    if (const auto refusal = connection->transfer_->refusal()) {
+        connection->transfer_->fail(*refusal);
+        deliverEvents({connection});
+        return;
+    }
     CURL* easy = connection->transfer_->handle();
     running_.emplace(easy, connection);
     markBusy(true);

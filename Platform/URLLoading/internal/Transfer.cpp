@@ -8,6 +8,7 @@
 #include <openssl/ssl.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cmath>
 #include <string_view>
 
@@ -17,12 +18,20 @@ namespace {
 constexpr long kMaximumRedirects = 16;
 constexpr const char* kDefaultUserAgent = "Zarvo-URLLoading/1 (Linux)";
 
+// A method is an HTTP token; anything else could split the request line.
+bool isToken(std::string_view method)
+{
+    return !method.empty() && std::all_of(method.begin(), method.end(), [](char c) {
+        return std::isalnum(static_cast<unsigned char>(c)) != 0 || std::string_view("!#$%&'*+-.^_`|~").find(c) != std::string_view::npos;
+    });
+}
+
 bool isLoadableScheme(const URL& url)
 {
     return url.scheme() == "http" || url.scheme() == "https";
 }
 
-URLErrorCode urlErrorCode(CURLcode result, const URL& url)
+URLErrorCode urlErrorCode(CURLcode result, const URL& url, bool redirected)
 {
     switch (result) {
     case CURLE_OPERATION_TIMEDOUT: return NSURLErrorTimedOut;
@@ -38,8 +47,9 @@ URLErrorCode urlErrorCode(CURLcode result, const URL& url)
     case CURLE_URL_MALFORMAT: return NSURLErrorBadURL;
     case CURLE_UNSUPPORTED_PROTOCOL:
         // For an http(s) URL, libcurl says this of an answer without a status
-        // line (which it refuses to read as HTTP/0.9).
-        return isLoadableScheme(url) ? NSURLErrorBadServerResponse : NSURLErrorUnsupportedURL;
+        // line (which it refuses to read as HTTP/0.9), and of a redirect to a
+        // scheme the load may not follow.
+        return isLoadableScheme(url) && !redirected ? NSURLErrorBadServerResponse : NSURLErrorUnsupportedURL;
     case CURLE_TOO_MANY_REDIRECTS: return NSURLErrorHTTPTooManyRedirects;
     case CURLE_WEIRD_SERVER_REPLY: return NSURLErrorBadServerResponse;
     case CURLE_BAD_CONTENT_ENCODING: return NSURLErrorCannotDecodeContentData;
@@ -82,13 +92,18 @@ Transfer::~Transfer()
 
 void Transfer::configure(const URLRequest& request)
 {
+    if (!isToken(request.httpMethod())) {
+        refusal_ = NSURLErrorBadURL;
+        return;
+    }
     curl_easy_setopt(easy_, CURLOPT_URL, request.url().absoluteString().c_str());
     curl_easy_setopt(easy_, CURLOPT_PRIVATE, this);
     curl_easy_setopt(easy_, CURLOPT_SHARE, sharedCurlCache());
     curl_easy_setopt(easy_, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(easy_, CURLOPT_PROTOCOLS_STR, "http,https");
     curl_easy_setopt(easy_, CURLOPT_FOLLOWLOCATION, 1L);
-    curl_easy_setopt(easy_, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+    // A load that began over https never continues in the clear.
+    curl_easy_setopt(easy_, CURLOPT_REDIR_PROTOCOLS_STR, request.url().scheme() == "https" ? "https" : "http,https");
     curl_easy_setopt(easy_, CURLOPT_MAXREDIRS, kMaximumRedirects);
     curl_easy_setopt(easy_, CURLOPT_ACCEPT_ENCODING, "");  // every encoding libcurl decodes
 
@@ -272,8 +287,13 @@ void Transfer::finish(CURLcode result)
         return;
     }
     const auto& url = connection_.originalRequest()->url();
-    const auto code = trustCancelled_ ? NSURLErrorUserCancelledAuthentication : urlErrorCode(result, url);
-    const auto error = makeURLError(code, url.absoluteString());
+    const bool redirected = statusCode_ >= 300 && statusCode_ < 400;
+    fail(trustCancelled_ ? NSURLErrorUserCancelledAuthentication : urlErrorCode(result, url, redirected));
+}
+
+void Transfer::fail(URLErrorCode code)
+{
+    const auto error = makeURLError(code, connection_.originalRequest()->url().absoluteString());
     pending_.push_back([error](URLConnectionDelegate& delegate, const URLConnectionRef& connection) {
         delegate.connectionDidFailWithError(connection, error);
     });

@@ -8,12 +8,14 @@
 #pragma once
 
 #include "Platform/URLLoading/URLConnection.h"
+#include "Platform/URLLoading/URLError.h"
 
 #include <curl/curl.h>
 #include <openssl/x509_vfy.h>
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -35,6 +37,11 @@ public:
     // curl reported the end of the transfer with `result`: records the
     // response (if none went out yet) and the completion or failure.
     void finish(CURLcode result);
+    // A request that cannot be sent as it stands (a method that is not an
+    // HTTP token) is refused before it reaches curl.
+    std::optional<URLErrorCode> refusal() const { return refusal_; }
+    // Records a failure with `code`.
+    void fail(URLErrorCode code);
 
 private:
     static std::size_t onHeaderLine(char* bytes, std::size_t size, std::size_t count, void* transfer);
@@ -62,6 +69,7 @@ private:
     std::string lastFieldName_;
     bool responseRecorded_ = false;
     bool trustCancelled_ = false;
+    std::optional<URLErrorCode> refusal_;
 };
 
 }  // namespace platform::urlloading_internal

@@ -194,6 +194,17 @@ TEST_F(ServerTrustTest, ACookieRecordedForOneServerAdmitsThatServerAndNoOther)
     EXPECT_EQ(renamed->host, "localhost");
 }
 
+// What was asked over https never follows a redirect into the clear.
+TEST_F(ServerTrustTest, AnHTTPSLoadDoesNotFollowARedirectToPlainHTTP)
+{
+    const auto clear = "http://127.0.0.1:" + std::to_string(second_->port()) + "/echo";
+    const auto address = "https://127.0.0.1:" + std::to_string(first_->port()) + "/redirect?to=" + clear;
+    const auto redirected = loadWith(address, TrustDecider::Policy::Evaluate, true, std::nullopt);
+    ASSERT_TRUE(redirected->error);
+    EXPECT_EQ(redirected->error->code(), NSURLErrorUnsupportedURL);
+    EXPECT_FALSE(redirected->finished);
+}
+
 TEST_F(ServerTrustTest, ChallengesReachADelegateQueueToo)
 {
     const auto queue = OperationQueue::create();

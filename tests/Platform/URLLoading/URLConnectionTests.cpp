@@ -247,6 +247,22 @@ TEST_F(URLConnectionTest, ReportsEachKindOfFailureInTheURLDomain)
     }
 }
 
+// A method is sent as part of the request line: one that is not an HTTP token
+// could split the request, so it is refused before anything is sent.
+TEST_F(URLConnectionTest, RefusesAMethodThatIsNotAToken)
+{
+    for (const char* method : {"GET / HTTP/1.1\r\nHost: x\r\n\r\nGET", "", "PO ST"}) {
+        SCOPED_TRACE(testing::PrintToString(method));
+        auto request = MutableURLRequest::create(*URL::fromString(server_.url("/echo")));
+        request->setHTTPMethod(method);
+        const auto recorder = load(request->copy());
+        EXPECT_EQ(recorder->events, (std::vector<std::string>{"fail"}));
+        ASSERT_TRUE(recorder->error);
+        EXPECT_EQ(recorder->error->code(), NSURLErrorBadURL);
+    }
+    EXPECT_EQ(load(request(server_.url("/connections")))->text(), "1");
+}
+
 TEST_F(URLConnectionTest, TimesOutWhenTheServerStaysSilent)
 {
     const auto recorder = load(request(server_.url("/slow?seconds=4"), 1));
