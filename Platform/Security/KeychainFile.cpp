@@ -731,15 +731,21 @@ OSStatus KeychainFile::create(const std::string& path, const std::optional<KeyDe
     if (const OSStatus status = makeParentDirectories(path); status != errSecSuccess) {
         return status;
     }
-    const std::string directory = directoryOf(path);
+    // Everything below happens in the directory as checked: its resolved
+    // path, so a link on the way cannot be turned elsewhere in between.
+    std::string directory;
     {
-        char* resolved = ::realpath(directory.c_str(), nullptr);
-        const OSStatus status = resolved != nullptr ? checkDirectories(path, resolved) : statusForErrno(errno);
-        std::free(resolved);
-        if (status != errSecSuccess) {
-            return status;
+        char* resolved = ::realpath(directoryOf(path).c_str(), nullptr);
+        if (resolved == nullptr) {
+            return statusForErrno(errno);
         }
+        directory = resolved;
+        std::free(resolved);
     }
+    if (const OSStatus status = checkDirectories(path, directory); status != errSecSuccess) {
+        return status;
+    }
+    const std::string target = directory + "/" + path.substr(path.rfind('/') + 1);
     removeStaleStagingFiles(directory);
     // The file is made complete under a temporary name and then linked into
     // place, so no other process ever sees it half made (and, say, takes an
@@ -782,7 +788,7 @@ OSStatus KeychainFile::create(const std::string& path, const std::optional<KeyDe
             status = made.initialise(derivation, key);
         }
     }
-    if (status == errSecSuccess && ::link(temporary.c_str(), path.c_str()) != 0) {
+    if (status == errSecSuccess && ::link(temporary.c_str(), target.c_str()) != 0) {
         status = statusForErrno(errno);
     }
     ::unlink(temporary.c_str());
