@@ -206,7 +206,10 @@ bool DispatchQueue::push(Node* node)
     Node* head = head_.load(std::memory_order_relaxed);
     do {
         node->next.store(head == &idleMark ? nullptr : head, std::memory_order_relaxed);
-    } while (!head_.compare_exchange_weak(head, node, std::memory_order_release, std::memory_order_relaxed));
+        // Acquire as well: replacing the idle mark takes the queue over from
+        // its last owner, whose writes (the drainer's own fields) the next
+        // drain must see.
+    } while (!head_.compare_exchange_weak(head, node, std::memory_order_acq_rel, std::memory_order_relaxed));
     return head == &idleMark;
 }
 
