@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <climits>
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
@@ -248,6 +249,29 @@ bool FileManager::moveItemAtPath(const std::string& path, const std::string& toP
         return false;
     }
     return true;
+}
+
+std::optional<std::string> FileManager::destinationOfSymbolicLinkAtPath(const std::string& path, ErrorRef* error)
+{
+    if (!isUsablePath(path, error)) {
+        return std::nullopt;
+    }
+    // A target fits when readlink leaves part of the buffer unused; a full
+    // buffer may have cut it short.
+    for (std::size_t capacity = 256; capacity <= 2 * PATH_MAX; capacity *= 2) {
+        std::string target(capacity, '\0');
+        const auto length = ::readlink(path.c_str(), target.data(), target.size());
+        if (length < 0) {
+            setError(error, fileError(errno, path));
+            return std::nullopt;
+        }
+        if (static_cast<std::size_t>(length) < target.size()) {
+            target.resize(static_cast<std::size_t>(length));
+            return target;
+        }
+    }
+    setError(error, fileError(ENAMETOOLONG, path));
+    return std::nullopt;
 }
 
 bool FileManager::removeItemAtPath(const std::string& path, ErrorRef* error)

@@ -90,6 +90,11 @@ public:
     // Renames; fails with EEXIST when something is at `toPath` already.
     [[nodiscard]] static bool moveItemAtPath(const std::string& path, const std::string& toPath,
                                              ErrorRef* error = nullptr);
+    // The text a symbolic link holds, however long; links in /proc report a
+    // size of 0, so the size is not trusted. A path that is not a link is
+    // EINVAL.
+    [[nodiscard]] static std::optional<std::string> destinationOfSymbolicLinkAtPath(const std::string& path,
+                                                                                    ErrorRef* error = nullptr);
     // Removes a file, a link, or a directory with everything in it. Nothing
     // there is ENOENT.
     [[nodiscard]] static bool removeItemAtPath(const std::string& path, ErrorRef* error = nullptr);

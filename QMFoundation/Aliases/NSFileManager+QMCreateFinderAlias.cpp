@@ -1,6 +1,6 @@
 #include "QMFoundation/Aliases/NSFileManager+QMCreateFinderAlias.h"
 
-#include "QMFoundation/Aliases/SymbolicLinkTarget.h"
+#include "Platform/FileSystem/FileManager.h"
 #include "QMFoundation/Command/QMCommandOperation.h"
 #include "QMFoundation/Strings/NSFileManager+QMTemporaryFiles.h"
 
@@ -32,9 +32,10 @@ bool moveLink(const std::string& from, const std::string& to, platform::ErrorRef
         platform::setError(error, moveError(errno, from, to));
         return false;
     }
-    const auto target = qm::internal::symbolicLinkTarget(from);
+    platform::ErrorRef failure;
+    const auto target = platform::FileManager::destinationOfSymbolicLinkAtPath(from, &failure);
     if (!target) {
-        platform::setError(error, moveError(errno, from, to));
+        platform::setError(error, moveError(static_cast<int>(failure->code()), from, to));
         return false;
     }
     if (symlink(target->c_str(), to.c_str()) != 0) {

@@ -1,7 +1,7 @@
 #include "QMFoundation/Aliases/NSURL+QMFinderAlias.h"
 
 #include "Platform/Foundation/Exception.h"
-#include "QMFoundation/Aliases/SymbolicLinkTarget.h"
+#include "Platform/FileSystem/FileManager.h"
 
 #include <cerrno>
 #include <cstring>
@@ -29,9 +29,10 @@ std::optional<platform::URL> fileURLFromAliasAtURL(const std::optional<platform:
     PLATFORM_PARAMETER_ASSERT(aliasFileURL->isFileURL(), "aliasFileURL.isFileURL");
     const auto path = aliasFileURL->path();
 
-    auto target = qm::internal::symbolicLinkTarget(path);
+    platform::ErrorRef failure;
+    auto target = platform::FileManager::destinationOfSymbolicLinkAtPath(path, &failure);
     if (!target) {
-        platform::setError(error, readError(errno, path));
+        platform::setError(error, readError(static_cast<int>(failure->code()), path));
         return std::nullopt;
     }
     if (!target->empty() && target->front() != '/') {

@@ -5,6 +5,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
@@ -83,6 +85,7 @@ using ItemExistence = FileManagerTest;
 using DirectoryCreation = FileManagerTest;
 using ItemMoving = FileManagerTest;
 using ItemRemoval = FileManagerTest;
+using LinkReading = FileManagerTest;
 using ExtendedAttributes = FileManagerTest;
 
 }  // namespace
@@ -301,6 +304,21 @@ TEST_F(ItemMoving, RenamesButNeverReplaces)
 
     EXPECT_FALSE(FileManager::moveItemAtPath(path("missing"), path("to2"), &error));
     expectPosixError(error, ENOENT, path("missing"));
+}
+
+// Links in /proc report a size of 0, and a target may be longer than any
+// first guess: the whole target comes back either way.
+TEST_F(LinkReading, ReadsTheWholeTargetWhateverTheReportedSize)
+{
+    EXPECT_EQ(FileManager::destinationOfSymbolicLinkAtPath("/proc/self/cwd"), std::filesystem::current_path().string());
+    const std::string longTarget = "relative/" + std::string(700, 'x');
+    ASSERT_EQ(::symlink(longTarget.c_str(), path("long").c_str()), 0);
+    EXPECT_EQ(FileManager::destinationOfSymbolicLinkAtPath(path("long")), longTarget);
+
+    writeFile(path("plain"), "");
+    ErrorRef error;
+    EXPECT_FALSE(FileManager::destinationOfSymbolicLinkAtPath(path("plain"), &error));
+    expectPosixError(error, EINVAL, path("plain"));
 }
 
 TEST_F(ItemRemoval, RemovesFilesAndWholeTrees)
