@@ -368,6 +368,50 @@ bool isBeingMadeHere(const std::string& path)
     return files.paths.contains(path);
 }
 
+void markBeingMadeHere(const std::string& path, bool making)
+{
+    auto& files = stagingFiles();
+    std::lock_guard lock(files.mutex);
+    if (making) {
+        files.paths.insert(path);
+    } else {
+        files.paths.erase(path);
+    }
+}
+
+OSStatus resolvedDirectoryOf(const std::string& path, std::string* directory)
+{
+    char* resolved = ::realpath(directoryOf(path).c_str(), nullptr);
+    if (resolved == nullptr) {
+        return statusForErrno(errno);
+    }
+    *directory = resolved;
+    std::free(resolved);
+    return errSecSuccess;
+}
+
+// A new staging file in `directory`, mode 0600, locked for as long as it is
+// open, so that cleaners in other processes leave it alone.
+OSStatus openStagingFile(const std::string& directory, std::string* temporary, int* descriptor)
+{
+    for (int attempt = 0; attempt < 8; ++attempt) {
+        *temporary = directory + "/" + std::string(kStagingPrefix) + "XXXXXX" + std::string(kStagingSuffix);
+        *descriptor = ::mkostemps(temporary->data(), static_cast<int>(kStagingSuffix.size()), O_CLOEXEC);
+        if (*descriptor < 0) {
+            return statusForErrno(errno);
+        }
+        // A cleaner may have taken it for stale before the lock was on.
+        struct stat information {};
+        if (lockStagingFile(*descriptor, F_WRLCK) && ::fstat(*descriptor, &information) == 0 && information.st_nlink > 0) {
+            ::fchmod(*descriptor, 0600);
+            return errSecSuccess;
+        }
+        ::close(*descriptor);
+    }
+    *descriptor = -1;
+    return errSecIO;
+}
+
 // Removes what a create() killed midway left in `directory`: staging files
 // of this user that no live creator holds locked, and journals whose
 // staging file is gone. A creator still at work keeps its lock, so its file
@@ -734,13 +778,8 @@ OSStatus KeychainFile::create(const std::string& path, const std::optional<KeyDe
     // Everything below happens in the directory as checked: its resolved
     // path, so a link on the way cannot be turned elsewhere in between.
     std::string directory;
-    {
-        char* resolved = ::realpath(directoryOf(path).c_str(), nullptr);
-        if (resolved == nullptr) {
-            return statusForErrno(errno);
-        }
-        directory = resolved;
-        std::free(resolved);
+    if (const OSStatus status = resolvedDirectoryOf(path, &directory); status != errSecSuccess) {
+        return status;
     }
     if (const OSStatus status = checkDirectories(path, directory); status != errSecSuccess) {
         return status;
@@ -754,29 +793,10 @@ OSStatus KeychainFile::create(const std::string& path, const std::optional<KeyDe
     // is alive; one that finds it unlocked removes it.
     std::string temporary;
     int descriptor = -1;
-    for (int attempt = 0; attempt < 8 && descriptor < 0; ++attempt) {
-        temporary = directory + "/" + std::string(kStagingPrefix) + "XXXXXX" + std::string(kStagingSuffix);
-        descriptor = ::mkostemps(temporary.data(), static_cast<int>(kStagingSuffix.size()), O_CLOEXEC);
-        if (descriptor < 0) {
-            return statusForErrno(errno);
-        }
-        // A cleaner may have taken it for stale before the lock was on.
-        struct stat information {};
-        if (!lockStagingFile(descriptor, F_WRLCK) || ::fstat(descriptor, &information) != 0 ||
-            information.st_nlink == 0) {
-            ::close(descriptor);
-            descriptor = -1;
-        }
+    if (const OSStatus status = openStagingFile(directory, &temporary, &descriptor); status != errSecSuccess) {
+        return status;
     }
-    if (descriptor < 0) {
-        return errSecIO;
-    }
-    ::fchmod(descriptor, 0600);
-    {
-        auto& files = stagingFiles();
-        std::lock_guard lock(files.mutex);
-        files.paths.insert(temporary);
-    }
+    markBeingMadeHere(temporary, true);
 
     OSStatus status = errSecSuccess;
     {
@@ -793,11 +813,7 @@ OSStatus KeychainFile::create(const std::string& path, const std::optional<KeyDe
     }
     ::unlink(temporary.c_str());
     removeJournalFiles(temporary);
-    {
-        auto& files = stagingFiles();
-        std::lock_guard lock(files.mutex);
-        files.paths.erase(temporary);
-    }
+    markBeingMadeHere(temporary, false);
     // Closed only now: SQLite has let go of the file, and closing drops the
     // lock.
     ::close(descriptor);
