@@ -92,7 +92,16 @@ TEST_F(ReachabilityInNamespace, FlagsFollowTheRoutingTable)
     EXPECT_EQ(flagsOf("192.0.2.1"), kReachable);
 
     // The far side goes down: our link keeps its routes but loses carrier.
+    // The kernel tells of a carrier change from a work queue, a moment after
+    // the command returns, so wait to be told before asking again.
+    Recorder recorder;
+    const auto farSide = addressTarget("10.9.0.2");
+    ASSERT_TRUE(SCNetworkReachabilitySetCallback(farSide, recorder.callback()));
+    ASSERT_TRUE(SCNetworkReachabilitySetDispatchQueue(farSide, DispatchQueue::create("test.callbacks")));
+    ASSERT_TRUE(recorder.waitForLast(kReachable | kDirect));
     ASSERT_TRUE(ip("link set v1 down"));
+    ASSERT_TRUE(recorder.waitForLast(0));
+    ASSERT_TRUE(SCNetworkReachabilitySetDispatchQueue(farSide, nullptr));
     EXPECT_EQ(flagsOf("10.9.0.2"), 0U);
     EXPECT_EQ(flagsOf("10.20.1.1"), 0U);
     EXPECT_EQ(flagsOf("0.0.0.0"), 0U);
