@@ -20,6 +20,7 @@
 #include <condition_variable>
 #include <cstdlib>
 #include <fstream>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -51,6 +52,25 @@ SCNetworkReachabilityFlags flagsOf(const char* dotted)
     return flags;
 }
 
+// The kernel applies a carrier change from a work queue, a moment after the
+// command that caused it returns: wait to be told that the far side of the
+// pair reached `flags` before asking anything that depends on it.
+bool farSideBecomes(SCNetworkReachabilityFlags flags)
+{
+    // The callback owns the recorder, so one still queued when the target is
+    // detached finds it alive.
+    const auto recorder = std::make_shared<Recorder>();
+    const auto callback = [recorder, record = recorder->callback()](SCNetworkReachabilityFlags told) {
+        record(told);
+    };
+    const auto farSide = addressTarget("10.9.0.2");
+    const bool told = SCNetworkReachabilitySetCallback(farSide, callback) &&
+                      SCNetworkReachabilitySetDispatchQueue(farSide, DispatchQueue::create("test.far-side")) &&
+                      recorder->waitForLast(flags);
+    static_cast<void>(SCNetworkReachabilitySetDispatchQueue(farSide, nullptr));
+    return told;
+}
+
 class ReachabilityInNamespace : public testing::Test {
 protected:
     void SetUp() override
@@ -64,6 +84,7 @@ protected:
         ASSERT_TRUE(ip("addr add 10.9.0.1/24 dev v0"));
         ASSERT_TRUE(ip("link set v0 up"));
         ASSERT_TRUE(ip("link set v1 up"));
+        ASSERT_TRUE(farSideBecomes(kReachable | kDirect)) << "v0 never gained carrier";
     }
     // Removing v0 takes its peer, addresses and routes with it, so tests run
     // together in one process each begin from the same network.
@@ -92,16 +113,8 @@ TEST_F(ReachabilityInNamespace, FlagsFollowTheRoutingTable)
     EXPECT_EQ(flagsOf("192.0.2.1"), kReachable);
 
     // The far side goes down: our link keeps its routes but loses carrier.
-    // The kernel tells of a carrier change from a work queue, a moment after
-    // the command returns, so wait to be told before asking again.
-    Recorder recorder;
-    const auto farSide = addressTarget("10.9.0.2");
-    ASSERT_TRUE(SCNetworkReachabilitySetCallback(farSide, recorder.callback()));
-    ASSERT_TRUE(SCNetworkReachabilitySetDispatchQueue(farSide, DispatchQueue::create("test.callbacks")));
-    ASSERT_TRUE(recorder.waitForLast(kReachable | kDirect));
     ASSERT_TRUE(ip("link set v1 down"));
-    ASSERT_TRUE(recorder.waitForLast(0));
-    ASSERT_TRUE(SCNetworkReachabilitySetDispatchQueue(farSide, nullptr));
+    ASSERT_TRUE(farSideBecomes(0));
     EXPECT_EQ(flagsOf("10.9.0.2"), 0U);
     EXPECT_EQ(flagsOf("10.20.1.1"), 0U);
     EXPECT_EQ(flagsOf("0.0.0.0"), 0U);
