@@ -8,8 +8,6 @@
 
 #include "bench/BenchmarkSupport.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -33,14 +31,7 @@ class SlowServer {
 public:
     SlowServer()
     {
-        listener_ = socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address);
-        socklen_t length = sizeof address;
-        getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length);
-        port_ = ntohs(address.sin_port);
+        listener_ = bench::bindLoopbackSocket(port_);
         listen(listener_, 16);
         acceptor_ = std::thread([this] { acceptLoop(); });
     }
