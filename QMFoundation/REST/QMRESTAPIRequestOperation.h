@@ -25,9 +25,9 @@
 //   the operation executing nor looks at the platform's cancelled flag.
 // - The load's callbacks, the trust decision and the hooks that follow them
 //   (`parseResponseData`, `handleAPIErrorResponse`, `handleConnectionError`,
-//   `requestDidFinish`) run on `connectionQueue()`, one at a time. A canned
-//   outcome (`_setResponseWithStatusCode`) and `cancel` run them on the
-//   calling thread instead.
+//   `requestDidFinish`) run on `connectionQueue()`, one at a time. With a
+//   canned outcome (`_setResponseWithStatusCode`) the hooks run on the thread
+//   that calls `start`; `cancel` finishes the operation on its caller's thread.
 // - `requestDidFinish` runs before the operation reports itself finished;
 //   the finished flag is the last thing a run sets, so once `isFinished` is
 //   true, `error`, `response` and `responseData` hold their final values.
