@@ -1,5 +1,6 @@
-// NSDate(ISO8601): dates to and from ISO8601 timestamps ("2014-03-05T10:11:12.12345Z"), through the
-// shared formatter of NSDateFormatter(ISO8601).
+// NSDate(ISO8601): dates to and from ISO 8601 timestamps
+// ("2014-03-05T10:11:12.12345Z"), through the shared formatter of
+// NSDateFormatter(ISO8601).
 #pragma once
 
 #include "Platform/Foundation/Date.h"

@@ -1,5 +1,6 @@
-// NSDate(RFC3339): dates to and from RFC3339 timestamps ("2014-03-05T10:11:12.123Z"), through the
-// shared formatter of NSDateFormatter(RFC3339).
+// NSDate(RFC3339): dates to and from RFC 3339 timestamps
+// ("2014-03-05T10:11:12.123Z"), through the shared formatter of
+// NSDateFormatter(RFC3339).
 #pragma once
 
 #include "Platform/Foundation/Date.h"

@@ -46,13 +46,16 @@ platform::ValueTransformerRef transformer(const char* name)
 
 const Date kSample(1394014272.123);  // 2014-03-05 10:11:12.123 UTC
 
-TEST(TimestampTest, RFC3339ParsesExactlyThreeFractionDigitsAndALiteralZ)
+TEST(TimestampTest, RFC3339ParsingNeedsAFractionAndALiteralZ)
 {
     EXPECT_TRUE(environmentSet);
     const std::pair<const char*, std::optional<double>> rows[] = {
         {"2014-03-05T10:11:12.123Z", 1394014272.123},
         {"1970-01-01T00:00:00.000Z", 0.0},
         {"2014-03-05T10:11:12Z", std::nullopt},
+        // The digits are read as a fraction however many there are, to the millisecond.
+        {"2014-03-05T10:11:12.12Z", 1394014272.12},
+        {"2014-03-05T10:11:12.12345Z", 1394014272.123},
         {"2014-03-05T10:11:12.123+02:00", std::nullopt},
         {"2014-03-05T10:11:12.123", std::nullopt},
         {"2014-03-05 10:11:12.123Z", std::nullopt},
@@ -71,13 +74,14 @@ TEST(TimestampTest, RFC3339ParsesExactlyThreeFractionDigitsAndALiteralZ)
     }
 }
 
-TEST(TimestampTest, ISO8601NeedsFiveFractionDigits)
+TEST(TimestampTest, ISO8601ReadsItsFiveFractionDigitsToTheMillisecond)
 {
     const auto parsed = dateWithISO8601DateString("2014-03-05T10:11:12.12345Z");
     ASSERT_TRUE(parsed);
     // Fields are whole milliseconds, so the last two digits are lost.
     EXPECT_NEAR(parsed->timeIntervalSince1970(), 1394014272.123, 1e-6);
     EXPECT_FALSE(dateWithISO8601DateString("2014-03-05T10:11:12Z"));
+    EXPECT_EQ(dateWithISO8601DateString("2014-03-05T10:11:12.123Z"), parsed);
     EXPECT_FALSE(dateWithISO8601DateString("2014-03-05T10:11:12.12345+00:00"));
 }
 
