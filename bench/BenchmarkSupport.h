@@ -3,13 +3,16 @@
 #pragma once
 
 #include <algorithm>
+#include <arpa/inet.h>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
 #include <functional>
+#include <netinet/in.h>
 #include <spawn.h>
 #include <string>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <utility>
@@ -94,6 +97,21 @@ inline std::pair<double, double> pairedMedians(const Run& first, const Run& seco
         }
     }
     return {median(firstTimes), median(secondTimes)};
+}
+
+// A TCP socket bound to a port of 127.0.0.1 that the system chose, not yet
+// listening; the port is stored in `port`.
+inline int bindLoopbackSocket(int& port)
+{
+    const int socketFD = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    bind(socketFD, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    socklen_t length = sizeof address;
+    getsockname(socketFD, reinterpret_cast<sockaddr*>(&address), &length);
+    port = ntohs(address.sin_port);
+    return socketFD;
 }
 
 }  // namespace bench

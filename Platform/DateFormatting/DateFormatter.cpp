@@ -60,12 +60,14 @@ std::string localeFromEnvironmentValue(std::string value)
 // read once built, which is safe from any number of threads at once.
 struct DateFormatter::Prototype {
     std::unique_ptr<icu::DateFormat> format;  // null: nothing formats
+    std::string requiredEnding;               // see trailingLiteral
     std::optional<internal::NumericDatePattern> numeric;
     std::unique_ptr<icu::TimeZone> zone;
 };
 
 struct DateFormatter::Copy {
     std::unique_ptr<icu::DateFormat> format;
+    std::string requiredEnding;
 };
 
 struct DateFormatter::Lease {
@@ -226,6 +228,31 @@ std::unique_ptr<icu::DateFormat> makeFormat(const std::string& pattern, DateForm
     return format;
 }
 
+// The literal text a pattern ends with ("Z" for "ss'.'SSS'Z'"), or "" when it
+// ends with a field. Strict parsing requires it: ICU, even strict, accepts
+// text that stops where a closing literal should begin.
+std::string trailingLiteral(std::string_view pattern)
+{
+    std::string literal;
+    bool quoted = false;
+    for (std::size_t index = 0; index < pattern.size(); ++index) {
+        const char c = pattern[index];
+        if (c == '\'') {
+            if (index + 1 < pattern.size() && pattern[index + 1] == '\'') {
+                literal += '\'';  // '' is a quote, inside quotes or out
+                ++index;
+            } else {
+                quoted = !quoted;
+            }
+        } else if (!quoted && ((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'))) {
+            literal.clear();
+        } else {
+            literal += c;
+        }
+    }
+    return literal;
+}
+
 // Whether numeric fields in `locale` are the fast path's: Gregorian years,
 // months and days written in ASCII digits.
 bool printsNumericFieldsPlainly(const icu::Locale& locale)
@@ -250,6 +277,9 @@ std::shared_ptr<const DateFormatter::Prototype> DateFormatter::buildPrototype(co
     if (built->format) {
         built->format->adoptTimeZone(icuZone(zone).release());
         built->format->setLenient(settings.lenient);
+        if (!settings.lenient) {
+            built->requiredEnding = trailingLiteral(settings.pattern);
+        }
         if (!settings.icuOnly && !settings.pattern.empty() && printsNumericFieldsPlainly(locale)) {
             built->numeric = internal::NumericDatePattern::compile(settings.pattern);
             built->zone = icuZone(zone);
@@ -288,7 +318,8 @@ DateFormatter::Lease DateFormatter::borrow() const
     }
     // Cloning only reads the prototype, which nothing changes once built.
     if (prototype->format) {
-        lease.copy = std::make_unique<Copy>(Copy{std::unique_ptr<icu::DateFormat>(prototype->format->clone())});
+        lease.copy = std::make_unique<Copy>(
+            Copy{std::unique_ptr<icu::DateFormat>(prototype->format->clone()), prototype->requiredEnding});
     }
     return lease;
 }
@@ -363,9 +394,10 @@ std::optional<Date> DateFormatter::dateFromString(std::string_view text) const
     const auto unicode = icu::UnicodeString::fromUTF8(icu::StringPiece(text.data(), static_cast<std::int32_t>(text.size())));
     icu::ParsePosition position(0);
     const UDate milliseconds = lease.copy->format->parse(unicode, position);
+    const bool endsAsRequired = text.ends_with(lease.copy->requiredEnding);
     giveBack(std::move(lease));
     // ICU stops at the end of what matched; the rest must not be left over.
-    if (position.getErrorIndex() >= 0 || position.getIndex() != unicode.length()) {
+    if (position.getErrorIndex() >= 0 || position.getIndex() != unicode.length() || !endsAsRequired) {
         return std::nullopt;
     }
     return Date(milliseconds / 1000.0);

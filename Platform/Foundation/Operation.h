@@ -60,7 +60,8 @@ public:
     // The work; the base does nothing.
     virtual void main();
 
-    void cancel();
+    // Virtual so that a queue's cancel-all reaches a subclass's own cancel.
+    virtual void cancel();
     bool isCancelled() const { return cancelled_.load(); }
     virtual bool isExecuting() const;
     virtual bool isFinished() const;

@@ -69,7 +69,10 @@ void URLConnection::cancel()
     }
     const auto loop = drivingLoop_.lock();
     if (!loop) {
-        return;  // never started
+        // Never started: no load holds the delegate, so let it go here, or
+        // a delegate that keeps its connection would keep itself alive.
+        delegate_.reset();
+        return;
     }
     if (loop == RunLoop::currentRunLoop()) {
         CurlDriver::forCurrentThread().remove(self());

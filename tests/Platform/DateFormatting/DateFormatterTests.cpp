@@ -113,6 +113,8 @@ TEST(DateFormatterParsing, IsStrictAboutTheWholeText)
     EXPECT_FALSE(rfc3339->dateFromString("2014-03-05T10:11:12Z"));        // no fraction
     EXPECT_FALSE(rfc3339->dateFromString("2014-03-05T10:11:12.123+02:00"));  // an offset, not the literal Z
     EXPECT_FALSE(rfc3339->dateFromString("2014-03-05T10:11:12.123Zjunk"));  // text left over
+    EXPECT_FALSE(rfc3339->dateFromString("2014-03-05T10:11:12.123"));     // the closing literal missing
+    EXPECT_FALSE(rfc3339->dateFromString("2014-03-05T10:11:12.123 Z"));   // a literal not matched exactly
     EXPECT_FALSE(rfc3339->dateFromString("2014-02-30T10:11:12.123Z"));    // no such day
     EXPECT_FALSE(rfc3339->dateFromString(""));
     EXPECT_FALSE(rfc3339->dateFromString("2014-03-05T10:11:12.123Z\xff"));  // not UTF-8

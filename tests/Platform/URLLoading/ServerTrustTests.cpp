@@ -6,7 +6,7 @@
 
 #include "Platform/Foundation/OperationQueue.h"
 #include "Platform/Foundation/RunLoop.h"
-#include "tests/Support/LocalServer.h"
+#include "tests/Support/HTTPTestServer.h"
 #include "tests/Support/RunProgram.h"
 
 #include <gtest/gtest.h>
@@ -80,30 +80,8 @@ public:
     ErrorRef error;
 };
 
-// A self-signed certificate for 127.0.0.1 and localhost, and its key.
-void makeCertificate(const std::string& directory)
-{
-    const auto result = testsupport::runProgram(
-        "/usr/bin/openssl",
-        {"req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-days", "2",
-         "-subj", "/CN=127.0.0.1", "-addext", "subjectAltName=IP:127.0.0.1,DNS:localhost", "-keyout",
-         directory + "/key.pem", "-out", directory + "/cert.pem"},
-        {{"PATH", "/usr/bin:/bin"}});
-    if (result.exitStatus != 0) {
-        throw std::runtime_error("openssl could not make a certificate: " + result.standardError);
-    }
-}
-
 class ServerTrustTest : public ::testing::Test {
 protected:
-    static std::unique_ptr<testsupport::LocalServer> httpsServer(const testsupport::TemporaryDirectory& directory)
-    {
-        makeCertificate(directory.path());
-        return std::make_unique<testsupport::LocalServer>(std::vector<std::string>{
-            "python3", testsupport::sourceFile("tests/Platform/URLLoading/http_test_server.py"),
-            directory.path() + "/cert.pem", directory.path() + "/key.pem"});
-    }
-
     void SetUp() override
     {
         for (const char* variable : {"https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"}) {
@@ -146,8 +124,8 @@ protected:
 
     testsupport::TemporaryDirectory firstCertificate_;
     testsupport::TemporaryDirectory secondCertificate_;
-    std::unique_ptr<testsupport::LocalServer> first_ = httpsServer(firstCertificate_);
-    std::unique_ptr<testsupport::LocalServer> second_ = httpsServer(secondCertificate_);
+    std::unique_ptr<testsupport::LocalServer> first_ = testsupport::startHTTPSTestServer(firstCertificate_);
+    std::unique_ptr<testsupport::LocalServer> second_ = testsupport::startHTTPSTestServer(secondCertificate_);
 };
 
 TEST_F(ServerTrustTest, AnUntrustedServerIsRefusedUnlessTheDelegateSaysOtherwise)
