@@ -122,7 +122,7 @@ void DDTTYLogger::setForegroundColor(std::optional<DDColor> foregroundColor, std
 void DDTTYLogger::setForegroundColor(std::optional<DDColor> foregroundColor, std::optional<DDColor> backgroundColor,
                                      const platform::Value& forTag)
 {
-    PLATFORM_ASSERT(!forTag.isNull(), "Invalid tag");
+    PLATFORM_ASSERT(!forTag.isNothing(), "Invalid tag");
     changeOnLoggerQueue(__func__, __LINE__, [this, foregroundColor, backgroundColor, forTag] {
         auto profile = DDTTYLoggerColorProfile::create(foregroundColor, backgroundColor, 0, 0);
         const auto same = std::find_if(colorProfilesDict_.begin(), colorProfilesDict_.end(),
@@ -149,7 +149,7 @@ void DDTTYLogger::clearColorsForFlag(int flag, int context)
 
 void DDTTYLogger::clearColorsForTag(const platform::Value& tag)
 {
-    PLATFORM_ASSERT(!tag.isNull(), "Invalid tag");
+    PLATFORM_ASSERT(!tag.isNothing(), "Invalid tag");
     changeOnLoggerQueue(__func__, __LINE__, [this, tag] {
         std::erase_if(colorProfilesDict_, [&](const auto& entry) { return entry.first == tag; });
     });
@@ -175,7 +175,7 @@ void DDTTYLogger::clearAllColors()
 
 const DDTTYLoggerColorProfile* DDTTYLogger::profileFor(const DDLogMessage& message) const
 {
-    if (!message.tag().isNull()) {
+    if (!message.tag().isNothing()) {
         for (const auto& [tag, profile] : colorProfilesDict_) {
             if (tag == message.tag()) {
                 return profile.get();
