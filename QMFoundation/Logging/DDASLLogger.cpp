@@ -175,17 +175,14 @@ bool DDASLLogger::sendToJournal(const DDLogMessage& logMessage, const std::strin
 
 void DDASLLogger::logMessage(const DDLogMessage& logMessage)
 {
-    std::optional<std::string> formattedText;
-    if (formatter_) {
-        formattedText = formatter_->formatLogMessage(logMessage);
-        if (!formattedText) {
-            return;
-        }
-    }
-    const std::string& text = formattedText ? *formattedText : logMessage.logMsg();
-    const int priority = priorityForFlag(logMessage.logFlag());
-    if (journal_ >= 0 && sendToJournal(logMessage, text, priority)) {
+    std::string line;
+    const std::string* text = textToWrite(logMessage, line);
+    if (text == nullptr) {
         return;
     }
-    ::syslog(LOG_USER | priority, "%s", text.c_str());
+    const int priority = priorityForFlag(logMessage.logFlag());
+    if (journal_ >= 0 && sendToJournal(logMessage, *text, priority)) {
+        return;
+    }
+    ::syslog(LOG_USER | priority, "%s", text->c_str());
 }

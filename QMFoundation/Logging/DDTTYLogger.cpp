@@ -199,14 +199,12 @@ const DDTTYLoggerColorProfile* DDTTYLogger::profileFor(const DDLogMessage& messa
 
 void DDTTYLogger::logMessage(const DDLogMessage& logMessage)
 {
-    std::optional<std::string> formattedText;
-    if (formatter_) {
-        formattedText = formatter_->formatLogMessage(logMessage);
-        if (!formattedText) {
-            return;
-        }
+    std::string line;
+    const std::string* found = textToWrite(logMessage, line);
+    if (found == nullptr) {
+        return;
     }
-    const std::string& text = formattedText ? *formattedText : logMessage.logMsg();
+    const std::string& text = *found;
 
     static const std::string none;
     const DDTTYLoggerColorProfile* profile = colorsEnabled_ ? profileFor(logMessage) : nullptr;
@@ -215,7 +213,7 @@ void DDTTYLogger::logMessage(const DDLogMessage& logMessage)
     const std::string& resetCode = profile != nullptr ? profile->resetCode() : none;
 
     static const char lineEnd[] = "\n";
-    if (formattedText) {
+    if (formatter_) {
         iovec parts[] = {piece(fgCode), piece(bgCode), piece(text), piece(lineEnd, 1), piece(resetCode)};
         writeWhole(parts, 5);
         return;

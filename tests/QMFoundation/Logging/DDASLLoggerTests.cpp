@@ -7,6 +7,7 @@
 #include "QMFoundation/Logging/DDLog.h"
 
 #include "Platform/System/ProcessInfo.h"
+#include "tests/QMFoundation/Logging/RecordingLogger.h"
 #include "tests/Support/NetworkNamespace.h"
 
 #include <gtest/gtest.h>
@@ -169,15 +170,8 @@ std::map<std::string, std::string> parseJournalEntry(const std::string& entry)
     return fields;
 }
 
-class DDASLLoggerTest : public testing::Test {
+class DDASLLoggerTest : public logtest::LoggingTest {
 protected:
-    void SetUp() override { reset(); }
-    void TearDown() override { reset(); }
-    static void reset()
-    {
-        DDLog::removeAllLoggers();
-        DDLog::flushLog();
-    }
     static void logSync(int flag, const std::string& text)
     {
         DDLog::log(false, DDLogLevelAll, flag, 0, "/src/Sender.cpp", "sendAll", 77, {}, "%s", text.c_str());

@@ -5,6 +5,7 @@
 #include "QMFoundation/Logging/internal/TerminalColors.h"
 
 #include "Platform/System/ProcessInfo.h"
+#include "tests/QMFoundation/Logging/RecordingLogger.h"
 #include "tests/Support/AssertionCapture.h"
 
 #include <gmock/gmock.h>
@@ -74,21 +75,16 @@ public:
     std::optional<std::string> formatLogMessage(const DDLogMessage& message) override { return message.logMsg(); }
 };
 
-class DDTTYLoggerTest : public testing::Test {
+class DDTTYLoggerTest : public logtest::LoggingTest {
 protected:
     void SetUp() override
     {
         ASSERT_TRUE(sixteenColours);
-        DDLog::removeAllLoggers();
+        LoggingTest::SetUp();
         tty->clearAllColors();
         tty->setColorsEnabled(false);
         tty->setLogFormatter(PlainFormatter::create());
         DDLog::addLogger(tty);
-        DDLog::flushLog();
-    }
-    void TearDown() override
-    {
-        DDLog::removeAllLoggers();
         DDLog::flushLog();
     }
 
