@@ -92,8 +92,9 @@ bool sendInMemoryFile(int socket, const std::string& datagram)
 
 const DDASLLoggerRef& DDASLLogger::sharedInstance()
 {
-    static const DDASLLoggerRef instance(new DDASLLogger(kJournalSocketPath), platform::ObjectDeleter());
-    return instance;
+    // Never destroyed: the flush at exit may still reach it.
+    static const auto* const instance = new DDASLLoggerRef(new DDASLLogger(kJournalSocketPath), platform::ObjectDeleter());
+    return *instance;
 }
 
 DDASLLoggerRef DDASLLogger::makeWithJournalSocket(const std::string& journalSocketPath)

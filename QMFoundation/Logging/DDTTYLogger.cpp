@@ -57,8 +57,9 @@ iovec piece(const char* text, std::size_t length)
 
 const DDTTYLoggerRef& DDTTYLogger::sharedInstance()
 {
-    static const DDTTYLoggerRef instance(new DDTTYLogger, platform::ObjectDeleter());
-    return instance;
+    // Never destroyed: the flush at exit may still reach it.
+    static const auto* const instance = new DDTTYLoggerRef(new DDTTYLogger, platform::ObjectDeleter());
+    return *instance;
 }
 
 DDTTYLogger::DDTTYLogger()
@@ -206,7 +207,8 @@ void DDTTYLogger::logMessage(const DDLogMessage& logMessage)
     }
     const std::string& text = *found;
 
-    static const std::string none;
+    // Not a static: the exit handler's flush may write after statics are gone.
+    const std::string none;
     const DDTTYLoggerColorProfile* profile = colorsEnabled_ ? profileFor(logMessage) : nullptr;
     const std::string& fgCode = profile != nullptr ? profile->fgCode() : none;
     const std::string& bgCode = profile != nullptr ? profile->bgCode() : none;
