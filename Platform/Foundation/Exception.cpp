@@ -68,8 +68,11 @@ void AssertionHandler::handleFailure(AssertionFailure failure)
     if (observer) {
         observer(failure);
     }
-    Exception::raise(NSInternalInconsistencyException, failure.description,
-                     Dictionary{{"method", failure.method}, {"file", failure.file}, {"line", failure.line}});
+    Dictionary userInfo{{"method", failure.method}, {"file", failure.file}, {"line", failure.line}};
+    if (!failure.object.empty()) {
+        userInfo.set("object", failure.object);
+    }
+    Exception::raise(NSInternalInconsistencyException, failure.description, std::move(userInfo));
 }
 
 void AssertionHandler::handleParameterFailure(std::string method, std::string file, int line, std::string_view condition)

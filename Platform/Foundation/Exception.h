@@ -56,6 +56,9 @@ struct AssertionFailure {
     std::string file;
     int line = 0;
     std::string description;
+    // The object whose method failed, as it describes itself; empty where the
+    // failure is not about one object.
+    std::string object = {};
 };
 
 // The one assertion handler of the process. Every failed assertion passes

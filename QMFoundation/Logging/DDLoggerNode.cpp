@@ -1,0 +1,14 @@
+#include "QMFoundation/Logging/DDLoggerNode.h"
+
+#include <utility>
+
+DDLoggerNode::DDLoggerNode(DDLoggerRef logger, platform::DispatchQueueRef loggerQueue, int logLevel)
+    : logger_(std::move(logger)), loggerQueue_(std::move(loggerQueue)), logLevel_(logLevel)
+{
+}
+
+DDLoggerNodeRef DDLoggerNode::nodeWithLogger(DDLoggerRef logger, platform::DispatchQueueRef loggerQueue, int logLevel)
+{
+    return DDLoggerNodeRef(new DDLoggerNode(std::move(logger), std::move(loggerQueue), logLevel),
+                           platform::ObjectDeleter());
+}
