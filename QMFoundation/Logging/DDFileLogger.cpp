@@ -268,12 +268,17 @@ platform::FileHandleRef DDFileLogger::currentLogFileHandle()
     if (currentLogFileHandle_) {
         return currentLogFileHandle_;
     }
-    const auto info = currentLogFileInfo();
-    auto handle = openForAppending(info->filePath());
+    platform::FileHandleRef handle;
+    // A file chosen earlier may be gone by now (or never have been made, on
+    // a read-only disk): forget it and choose once more. A file that still
+    // cannot be opened is forgotten too, so the next message looks again.
+    for (int attempt = 0; attempt < 2 && !handle; ++attempt) {
+        handle = openForAppending(currentLogFileInfo()->filePath());
+        if (!handle) {
+            currentLogFileInfo_.reset();
+        }
+    }
     if (!handle) {
-        // Forget the file, so that the next message looks again: the
-        // directory may have become writable, or the file may be back.
-        currentLogFileInfo_.reset();
         return nullptr;
     }
     fileOffset_ = handle->seekToEndOfFile();

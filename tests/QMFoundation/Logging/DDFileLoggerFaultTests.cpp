@@ -151,7 +151,7 @@ TEST_F(DDFileLoggerFaults, AReadOnlyDirectoryDropsMessagesUntilItIsWritable)
     ASSERT_EQ(::mkdir(directory.c_str(), 0755), 0);
     ASSERT_EQ(::mount(nullptr, mounts().readOnly.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, "size=64k"), 0);
     const auto manager = testsupport::RollRecordingManager::make(directory);
-    const auto logger = rawLogger(manager);
+    auto logger = rawLogger(manager);
 
     writeDirectly(logger, "lost");
     EXPECT_TRUE(manager->unsortedLogFilePaths().empty());
@@ -164,7 +164,9 @@ TEST_F(DDFileLoggerFaults, AReadOnlyDirectoryDropsMessagesUntilItIsWritable)
     ASSERT_EQ(manager->unsortedLogFilePaths().size(), 1u);
     EXPECT_EQ(readWholeFile(manager->unsortedLogFilePaths().front()), "kept\n");
 
-    // A directory that cannot even be made is said so on the console.
+    // A directory that cannot even be made is said so on the console. (The
+    // file system turns read-only only once no file is open for writing.)
+    logger.reset();
     ASSERT_EQ(::mount(nullptr, mounts().readOnly.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, "size=64k"), 0);
     const auto elsewhere = DDFileLogger::create(testsupport::RollRecordingManager::make(mounts().readOnly + "/new"));
     testsupport::StandardErrorCapture console;

