@@ -49,8 +49,11 @@ std::uint64_t Thread::currentThreadID()
 
 bool Thread::isMainThread()
 {
-    // On Linux the first thread's number is the process id.
-    return currentThreadID() == static_cast<std::uint64_t>(::getpid());
+    // On Linux the first thread's number is the process id. Cached like the
+    // number: every log message asks (for its queue label), and a system
+    // call per message is a fair part of what a message costs its producer.
+    thread_local const bool isMain = currentThreadID() == static_cast<std::uint64_t>(::getpid());
+    return isMain;
 }
 
 std::string Thread::name()

@@ -352,20 +352,21 @@ void DDFileLogger::scheduleCollectedLinesWrite()
     }
     writeScheduled_ = true;
     // Queued behind every message the logging queue holds now: it reaches
-    // this logger when the burst it belongs to has been handed over.
+    // this logger when the burst it belongs to has been handed over. It runs
+    // on the logger queue from inside the logging queue (the one nesting the
+    // pipeline allows), so the logging queue's own thread does the write
+    // while the logger queue is idle, and no thread is woken for it.
     DDLog::loggingQueue()->async([self = weakSelf()] {
-        const auto owner = self.lock();
-        if (!owner) {
+        const auto logger = self.lock();
+        if (!logger) {
             return;
         }
-        owner->loggerQueue()->async([self] {
-            if (const auto logger = self.lock()) {
-                logger->writeScheduled_ = false;
-                try {
-                    logger->writeCollectedLines();
-                } catch (const platform::Exception& exception) {
-                    countException(exception);
-                }
+        logger->loggerQueue()->sync([&logger] {
+            logger->writeScheduled_ = false;
+            try {
+                logger->writeCollectedLines();
+            } catch (const platform::Exception& exception) {
+                countException(exception);
             }
         });
     });
