@@ -1,5 +1,7 @@
 #include "QMFoundation/Logging/DDAbstractLogger.h"
 
+#include "QMFoundation/Logging/DDLogMessage.h"
+
 #include "Platform/Foundation/Exception.h"
 
 #include <utility>
@@ -13,6 +15,19 @@ constexpr const char* kAssertionSourceFile = "DDLog";
 void DDAbstractLogger::logMessage(const DDLogMessage& logMessage)
 {
     static_cast<void>(logMessage);
+}
+
+const std::string* DDAbstractLogger::textToWrite(const DDLogMessage& logMessage, std::string& line) const
+{
+    if (!formatter_) {
+        return &logMessage.logMsg();
+    }
+    auto formatted = formatter_->formatLogMessage(logMessage);
+    if (!formatted) {
+        return nullptr;
+    }
+    line = std::move(*formatted);
+    return &line;
 }
 
 platform::DispatchQueueRef DDAbstractLogger::loggerQueue() const

@@ -61,6 +61,11 @@ protected:
     // logger queue: how a property is changed.
     void asyncThroughQueues(std::function<void()> block) const;
 
+    // On the logger queue: the text to write for `logMessage`, the
+    // formatter's line when there is a formatter (kept in `line`) or else the
+    // message's own text; null when the formatter drops the message.
+    const std::string* textToWrite(const DDLogMessage& logMessage, std::string& line) const;
+
     // Read and written only on the logger queue.
     DDLogFormatterRef formatter_;
 

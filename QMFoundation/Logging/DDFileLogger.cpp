@@ -305,19 +305,21 @@ void DDFileLogger::watchCurrentFile()
 
 void DDFileLogger::logMessage(const DDLogMessage& logMessage)
 {
-    std::optional<std::string> text = formatter_ ? formatter_->formatLogMessage(logMessage) : logMessage.logMsg();
-    if (!text) {
+    std::string line;
+    const std::string* text = textToWrite(logMessage, line);
+    if (text == nullptr) {
         return;
     }
     try {
         if (!currentLogFileHandle()) {
             return;
         }
+        const std::size_t before = collectedLines_.size();
         collectedLines_.insert(collectedLines_.end(), text->begin(), text->end());
         if (!text->ends_with('\n')) {
             collectedLines_.push_back('\n');
         }
-        fileOffset_ += text->size() + (text->ends_with('\n') ? 0 : 1);
+        fileOffset_ += collectedLines_.size() - before;
         if (collectedLines_.size() >= kCollectedLinesLimit) {
             writeCollectedLines();
         } else {

@@ -52,6 +52,22 @@ inline bool writeFile(const char* path, const std::string& text)
     return written;
 }
 
+// Enters a new user namespace, mapped to the caller, together with the
+// namespaces in `flags`; an empty answer on success, else why not.
+inline std::string enterUserNamespace(int flags)
+{
+    const auto uid = ::getuid();
+    const auto gid = ::getgid();
+    if (::unshare(CLONE_NEWUSER | flags) != 0) {
+        return std::string("the kernel refuses an unprivileged user namespace: ") + std::strerror(errno);
+    }
+    if (!writeFile("/proc/self/setgroups", "deny") || !writeFile("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1") ||
+        !writeFile("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1")) {
+        return "cannot map this user into the new namespace";
+    }
+    return {};
+}
+
 }  // namespace detail
 
 // Enters the namespaces; with `hosts`, also mounts a hosts file holding it
@@ -69,17 +85,8 @@ inline NetworkNamespace enterNetworkNamespace(const std::string& hosts = {})
         result.skipReason = "iproute2's ip is not installed";
         return result;
     }
-    const auto uid = ::getuid();
-    const auto gid = ::getgid();
-    if (::unshare(CLONE_NEWUSER | CLONE_NEWNET | CLONE_NEWNS) != 0) {
-        result.skipReason =
-            std::string("the kernel refuses an unprivileged user and network namespace: ") + std::strerror(errno);
-        return result;
-    }
-    if (!detail::writeFile("/proc/self/setgroups", "deny") ||
-        !detail::writeFile("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1") ||
-        !detail::writeFile("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1")) {
-        result.skipReason = "cannot map this user into the new namespace";
+    result.skipReason = detail::enterUserNamespace(CLONE_NEWNET | CLONE_NEWNS);
+    if (!result.skipReason.empty()) {
         return result;
     }
     if (!hosts.empty()) {
@@ -94,6 +101,18 @@ inline NetworkNamespace enterNetworkNamespace(const std::string& hosts = {})
         }
     }
     return result;
+}
+
+// Enters a user and mount namespace of the process's own, with every mount
+// made private, so what the process mounts is seen by it alone. Call it
+// while the process has one thread. An empty answer on success, else why not.
+inline std::string enterMountNamespace()
+{
+    std::string reason = detail::enterUserNamespace(CLONE_NEWNS);
+    if (reason.empty() && ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+        reason = std::string("cannot make the mounts private: ") + std::strerror(errno);
+    }
+    return reason;
 }
 
 // Runs iproute2's ip with `arguments` (one shell word list); true on success.

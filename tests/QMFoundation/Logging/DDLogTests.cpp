@@ -53,16 +53,7 @@ void logSync(int flag, const char* text, int context = 0)
     DDLog::log(false, DDLogLevelAll, flag, context, __FILE__, __func__, __LINE__, {}, "%s", text);
 }
 
-class DDLogTest : public testing::Test {
-protected:
-    void SetUp() override { reset(); }
-    void TearDown() override { reset(); }
-    static void reset()
-    {
-        DDLog::removeAllLoggers();
-        DDLog::flushLog();
-    }
-};
+class DDLogTest : public logtest::LoggingTest {};
 
 // --- Which logger takes which message -------------------------------------
 

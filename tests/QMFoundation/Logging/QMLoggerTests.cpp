@@ -1,6 +1,5 @@
 // The facade: the process-wide level, its own three messages, console set-up
 // once per process, and file loggers switched on and off.
-#include "QMFoundation/Logging/DDAbstractLogger.h"
 #include "QMFoundation/Logging/DDLog.h"
 #include "QMFoundation/Logging/DDLogMessage.h"
 #include "QMFoundation/Logging/QMLogger.h"
@@ -8,6 +7,7 @@
 #include "Platform/System/ProcessInfo.h"
 
 #include "tests/QMFoundation/Logging/FileLoggingSupport.h"
+#include "tests/QMFoundation/Logging/RecordingLogger.h"
 #include "tests/Support/RunProgram.h"
 
 #include <gmock/gmock.h>
@@ -23,34 +23,20 @@ using testing::Not;
 
 namespace {
 
-// Keeps what the facade says about itself.
-class Recorder : public DDAbstractLogger {
-public:
-    static std::shared_ptr<Recorder> make() { return std::shared_ptr<Recorder>(new Recorder()); }
-
-    void logMessage(const DDLogMessage& message) override
+// Keeps the messages a recording logger is given, whole.
+struct MessageLog {
+    void keep(const DDLogMessage& message)
     {
-        std::lock_guard lock(mutex_);
-        messages_.push_back(message);
+        std::lock_guard lock(mutex);
+        messages.push_back(message);
     }
-    std::vector<DDLogMessage> messages() const
+    std::vector<DDLogMessage> all() const
     {
-        std::lock_guard lock(mutex_);
-        return messages_;
+        std::lock_guard lock(mutex);
+        return messages;
     }
-    std::vector<std::string> texts() const
-    {
-        std::vector<std::string> result;
-        for (const auto& message : messages()) {
-            result.push_back(message.logMsg());
-        }
-        return result;
-    }
-
-private:
-    Recorder() = default;
-    mutable std::mutex mutex_;
-    std::vector<DDLogMessage> messages_;
+    mutable std::mutex mutex;
+    std::vector<DDLogMessage> messages;
 };
 
 class QMLoggerTest : public testing::Test {
@@ -61,7 +47,11 @@ protected:
         static testsupport::TemporaryDirectory state;
         ::setenv("XDG_STATE_HOME", state.path().c_str(), 1);
     }
-    void SetUp() override { DDLog::addLogger(recorder); }
+    void SetUp() override
+    {
+        recorder->beforeWrite = [this](const DDLogMessage& message) { kept.keep(message); };
+        DDLog::addLogger(recorder);
+    }
     void TearDown() override
     {
         DDLog::removeLogger(recorder);
@@ -79,7 +69,8 @@ protected:
         return testsupport::readWholeFile(testsupport::currentPath(logger));
     }
 
-    std::shared_ptr<Recorder> recorder = Recorder::make();
+    MessageLog kept;
+    std::shared_ptr<logtest::RecordingLogger> recorder = logtest::RecordingLogger::create();
 };
 
 TEST_F(QMLoggerTest, TheLevelIsProcessWideAndStartsAtZero)
@@ -103,7 +94,7 @@ TEST_F(QMLoggerTest, OwnMessagesNeedTheInfoBit)
         QMLogger::create()->deactivateFileLogger();
     }
     DDLog::flushLog();
-    const auto messages = recorder->messages();
+    const auto messages = kept.all();
     ASSERT_EQ(messages.size(), 3u);
     for (std::size_t index = 0; index < messages.size(); ++index) {
         const auto& message = messages[index];
@@ -136,8 +127,8 @@ TEST_F(QMLoggerTest, FileLoggingGoesToTheStateDirectoryAndMissesItsOwnFarewell)
     EXPECT_EQ(facade->fileLogger(), nullptr);
     DDLog::flushLog();
     EXPECT_EQ(testsupport::readWholeFile(path), before);  // the farewell came after the removal
-    EXPECT_THAT(recorder->texts(), ElementsAre("File logging enabled.", "File logging disabled."));
-    const auto messages = recorder->messages();
+    EXPECT_THAT(recorder->lines(), ElementsAre("File logging enabled.", "File logging disabled."));
+    const auto messages = kept.all();
     EXPECT_EQ(messages[0].methodName(), "activateFileLogger");
     EXPECT_EQ(messages[0].lineNumber(), 57);
 }

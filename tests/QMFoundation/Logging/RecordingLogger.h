@@ -1,12 +1,16 @@
-// A logger for the logging tests: keeps what it is given (the text, or the
-// formatter's line when it has one) and which thread and queue it ran on.
+// For the logging tests: a logger that keeps what it is given (the text, or
+// the formatter's line when it has one) and where it ran, and a fixture that
+// starts and ends each test with no logger registered.
 #pragma once
 
 #include "QMFoundation/Logging/DDAbstractLogger.h"
+#include "QMFoundation/Logging/DDLog.h"
 #include "QMFoundation/Logging/DDLogMessage.h"
 
 #include "Platform/Foundation/Object.h"
 #include "tests/Support/Signal.h"
+
+#include <gtest/gtest.h>
 
 #include <functional>
 #include <memory>
@@ -90,6 +94,17 @@ private:
     std::vector<std::string> lines_;
     std::vector<int> flags_;
     std::vector<bool> onOwnQueue_;
+};
+
+class LoggingTest : public testing::Test {
+protected:
+    void SetUp() override { removeAllLoggers(); }
+    void TearDown() override { removeAllLoggers(); }
+    static void removeAllLoggers()
+    {
+        DDLog::removeAllLoggers();
+        DDLog::flushLog();
+    }
 };
 
 }  // namespace logtest
