@@ -70,15 +70,23 @@ DDFileLogger::~DDFileLogger()
     if (rollingTimer_) {
         rollingTimer_->cancel();
     }
-    if (currentLogFileHandle_) {
-        try {
-            writeCollectedLines();
-            currentLogFileHandle_->synchronizeFile();
-            currentLogFileHandle_->closeFile();
-        } catch (const platform::Exception& exception) {
-            countException(exception);
-        }
+    closeCurrentFile();
+}
+
+void DDFileLogger::closeCurrentFile()
+{
+    if (!currentLogFileHandle_) {
+        return;
     }
+    try {
+        writeCollectedLines();
+        currentLogFileHandle_->synchronizeFile();
+        currentLogFileHandle_->closeFile();
+    } catch (const platform::Exception& exception) {
+        countException(exception);
+    }
+    currentLogFileHandle_.reset();
+    collectedLines_.clear();
 }
 
 std::weak_ptr<DDFileLogger> DDFileLogger::weakSelf()
@@ -177,15 +185,7 @@ void DDFileLogger::rollLogFileNow()
         currentLogFileVnode_->cancel();
         currentLogFileVnode_.reset();
     }
-    try {
-        writeCollectedLines();
-        currentLogFileHandle_->synchronizeFile();
-        currentLogFileHandle_->closeFile();
-    } catch (const platform::Exception& exception) {
-        countException(exception);
-    }
-    currentLogFileHandle_.reset();
-    collectedLines_.clear();
+    closeCurrentFile();
     if (currentLogFileInfo_) {
         currentLogFileInfo_->setIsArchived(true);
         if (logFileManager_->respondsToDidRollAndArchiveLogFile()) {

@@ -89,6 +89,8 @@ private:
     // All on the logger queue.
     platform::FileHandleRef currentLogFileHandle();
     void rollLogFileNow();
+    // Writes what is collected, syncs and closes the file; forgets the handle.
+    void closeCurrentFile();
     void maybeRollLogFileDueToSize();
     void maybeRollLogFileDueToAge();
     void scheduleTimerToRollLogFileDueToAge();

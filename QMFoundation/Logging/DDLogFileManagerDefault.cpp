@@ -25,6 +25,15 @@ std::string joinPath(const std::string& directory, const std::string& name)
     return directory + "/" + name;
 }
 
+std::vector<std::string> namesOf(const std::vector<std::string>& paths)
+{
+    std::vector<std::string> names;
+    for (const auto& path : paths) {
+        names.push_back(path.substr(path.rfind('/') + 1));
+    }
+    return names;
+}
+
 const platform::DateFormatter& utcNameFormatter()
 {
     static const platform::DateFormatterRef formatter = [] {
@@ -119,11 +128,7 @@ std::vector<std::string> DDLogFileManagerDefault::unsortedLogFilePaths()
 
 std::vector<std::string> DDLogFileManagerDefault::unsortedLogFileNames()
 {
-    std::vector<std::string> names;
-    for (const auto& info : unsortedLogFileInfos()) {
-        names.push_back(info->fileName());
-    }
-    return names;
+    return namesOf(unsortedLogFilePaths());
 }
 
 std::vector<DDLogFileInfoRef> DDLogFileManagerDefault::unsortedLogFileInfos()
@@ -146,11 +151,7 @@ std::vector<std::string> DDLogFileManagerDefault::sortedLogFilePaths()
 
 std::vector<std::string> DDLogFileManagerDefault::sortedLogFileNames()
 {
-    std::vector<std::string> names;
-    for (const auto& info : sortedLogFileInfos()) {
-        names.push_back(info->fileName());
-    }
-    return names;
+    return namesOf(sortedLogFilePaths());
 }
 
 std::vector<DDLogFileInfoRef> DDLogFileManagerDefault::sortedLogFileInfos()

@@ -1,26 +1,18 @@
 #include "QMFoundation/Logging/internal/SystemConsole.h"
 
-#include <unistd.h>
-
-#include <cerrno>
-#include <string>
+#include "Platform/Foundation/Exception.h"
+#include "Platform/Foundation/FileHandle.h"
 
 namespace qmlogging::internal {
 
 void writeToSystemConsole(std::string_view message)
 {
-    std::string line(message);
-    line += '\n';
-    std::size_t written = 0;
-    while (written < line.size()) {
-        const auto count = ::write(STDERR_FILENO, line.data() + written, line.size() - written);
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
-        if (count <= 0) {
-            return;
-        }
-        written += static_cast<std::size_t>(count);
+    platform::Data line(message.begin(), message.end());
+    line.push_back('\n');
+    try {
+        platform::FileHandle::fileHandleWithStandardError()->writeData(line);
+    } catch (const platform::Exception&) {
+        // Standard error is closed or full: there is nowhere left to say so.
     }
 }
 

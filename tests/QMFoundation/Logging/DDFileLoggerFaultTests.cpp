@@ -8,11 +8,11 @@
 #include "Platform/FileSystem/FileManager.h"
 
 #include "tests/QMFoundation/Logging/FileLoggingSupport.h"
+#include "tests/Support/NetworkNamespace.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <sched.h>
 #include <stdlib.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -23,7 +23,6 @@
 #include <string>
 
 using platform::FileManager;
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testsupport::currentPath;
 using testsupport::readWholeFile;
@@ -44,45 +43,24 @@ Mounts& mounts()
     return shared;
 }
 
-bool writeProcFile(const char* path, const std::string& text)
-{
-    const int fd = ::open(path, O_WRONLY | O_CLOEXEC);
-    if (fd < 0) {
-        return false;
-    }
-    const bool written = ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-    ::close(fd);
-    return written;
-}
-
 std::string makeMountPoint()
 {
     char path[] = "/tmp/zarvo-logfs-XXXXXX";
     return ::mkdtemp(path) != nullptr ? path : "";
 }
 
-// A user and mount namespace of our own; must run while the process has one
-// thread.
+// Must run while the process has one thread.
 void enterMounts()
 {
     Mounts& result = mounts();
-    const auto uid = ::getuid();
-    const auto gid = ::getgid();
     result.small = makeMountPoint();
     result.readOnly = makeMountPoint();
     result.noAttributes = makeMountPoint();
-    if (::unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) {
-        result.skipReason = std::string("the kernel refuses a user and mount namespace: ") + std::strerror(errno);
+    result.skipReason = testsupport::enterMountNamespace();
+    if (!result.skipReason.empty()) {
         return;
     }
-    if (!writeProcFile("/proc/self/setgroups", "deny") ||
-        !writeProcFile("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1") ||
-        !writeProcFile("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1")) {
-        result.skipReason = "cannot map this user into the new namespace";
-        return;
-    }
-    if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-        ::mount("zarvo-small", result.small.c_str(), "tmpfs", 0, "size=64k") != 0 ||
+    if (::mount("zarvo-small", result.small.c_str(), "tmpfs", 0, "size=64k") != 0 ||
         ::mount("zarvo-ro", result.readOnly.c_str(), "tmpfs", 0, "size=64k") != 0 ||
         ::mount("zarvo-ramfs", result.noAttributes.c_str(), "ramfs", 0, nullptr) != 0) {
         result.skipReason = std::string("cannot mount the test file systems: ") + std::strerror(errno);
@@ -165,8 +143,11 @@ TEST_F(DDFileLoggerFaults, AReadOnlyDirectoryDropsMessagesUntilItIsWritable)
     EXPECT_EQ(readWholeFile(manager->unsortedLogFilePaths().front()), "kept\n");
 
     // A directory that cannot even be made is said so on the console. (The
-    // file system turns read-only only once no file is open for writing.)
+    // file system turns read-only only once no file is open for writing: the
+    // logger closes its file when the last reference goes, which may be the
+    // one its pending write on the logging queue holds.)
     logger.reset();
+    DDLog::loggingQueue()->sync([] {});
     ASSERT_EQ(::mount(nullptr, mounts().readOnly.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, "size=64k"), 0);
     const auto elsewhere = DDFileLogger::create(testsupport::RollRecordingManager::make(mounts().readOnly + "/new"));
     testsupport::StandardErrorCapture console;
