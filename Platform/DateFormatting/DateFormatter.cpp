@@ -337,14 +337,14 @@ void DateFormatter::giveBack(Lease lease) const
     // this happens only after a change of settings or a burst of threads.
 }
 
-std::string DateFormatter::stringFromDate(Date date) const
+std::optional<double> DateFormatter::printedMilliseconds(Date date)
 {
     // ICU's calendar holds about 5.8 million years either side of 1970 and
     // prints nonsense beyond; three million years is far enough for anyone.
     constexpr double kLargestSeconds = 1e14;
     const double seconds = date.timeIntervalSince1970();
     if (!std::isfinite(seconds) || std::abs(seconds) > kLargestSeconds) {
-        return {};
+        return std::nullopt;
     }
     // ICU takes the millisecond below; a date made from whole milliseconds
     // (as parsing makes them) can come back a hair under one after the
@@ -354,6 +354,16 @@ std::string DateFormatter::stringFromDate(Date date) const
     if (std::abs(milliseconds - nearest) <= std::max(1e-4, std::abs(milliseconds) * 4 * DBL_EPSILON)) {
         milliseconds = nearest;
     }
+    return milliseconds;
+}
+
+std::string DateFormatter::stringFromDate(Date date) const
+{
+    const auto printable = printedMilliseconds(date);
+    if (!printable) {
+        return {};
+    }
+    const double milliseconds = *printable;
     if (const auto prototype = currentPrototype(); prototype->numeric) {
         std::int32_t raw = 0;
         std::int32_t daylight = 0;

@@ -97,6 +97,11 @@ public:
     // "" for a date that is not finite or lies more than 10^14 seconds (about
     // three million years) from 1970.
     std::string stringFromDate(Date date) const;
+    // The milliseconds since 1970 whose floor every field is computed from
+    // (a date a hair under a whole millisecond counts as that millisecond),
+    // or nothing for a date that formats as "". For callers that keep the
+    // text of a whole second and add the fraction themselves.
+    static std::optional<double> printedMilliseconds(Date date);
     [[nodiscard]] std::optional<Date> dateFromString(std::string_view text) const;
 
     // The current locale as described above.

@@ -41,18 +41,27 @@ thread_local std::optional<std::string> givenName;
 // What nameAsLastSeen answers until the next setName.
 thread_local std::optional<std::string> seenName;
 
-// The process id, asked of the kernel once and again in a forked child: the
-// C library no longer keeps it, and the main-thread test that needs it sits
-// on hot paths (every queue-specific look-up off a queue, every log line).
+// Numbers asked of the kernel once and kept: the main-thread test and the
+// thread number sit on hot paths (every queue-specific look-up off a queue,
+// every log line). A forked child's one thread has new numbers, so the fork
+// handler forgets them; it runs in the child on the thread that forked.
 std::atomic<pid_t> knownProcessID{0};
+thread_local std::uint64_t knownThreadID = 0;
+thread_local int knownIsMain = -1;  // -1 until asked
+
+void forgetNumbersInChild()
+{
+    knownProcessID.store(0, std::memory_order_relaxed);
+    knownThreadID = 0;
+    knownIsMain = -1;
+}
+
+const bool forgottenInChildren = ::pthread_atfork(nullptr, nullptr, forgetNumbersInChild) == 0;
 
 pid_t processID()
 {
     pid_t pid = knownProcessID.load(std::memory_order_relaxed);
     if (pid == 0) {
-        static const bool forgottenInChildren = [] {
-            return ::pthread_atfork(nullptr, nullptr, [] { knownProcessID.store(0, std::memory_order_relaxed); }) == 0;
-        }();
         pid = ::getpid();
         if (forgottenInChildren) {
             knownProcessID.store(pid, std::memory_order_relaxed);
@@ -65,15 +74,19 @@ pid_t processID()
 
 std::uint64_t Thread::currentThreadID()
 {
-    // Cached: the number never changes for a thread and the call sits on hot paths.
-    thread_local const auto id = static_cast<std::uint64_t>(::gettid());
-    return id;
+    if (knownThreadID == 0 || !forgottenInChildren) {
+        knownThreadID = static_cast<std::uint64_t>(::gettid());
+    }
+    return knownThreadID;
 }
 
 bool Thread::isMainThread()
 {
     // On Linux the first thread's number is the process id.
-    return currentThreadID() == static_cast<std::uint64_t>(processID());
+    if (knownIsMain < 0 || !forgottenInChildren) {
+        knownIsMain = currentThreadID() == static_cast<std::uint64_t>(processID()) ? 1 : 0;
+    }
+    return knownIsMain == 1;
 }
 
 std::string Thread::name()

@@ -4,6 +4,7 @@
 
 #include <fstream>
 #include <pthread.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <string>
 #include <thread>
@@ -115,4 +116,25 @@ TEST(ThreadIdentity, OnlyTheFirstThreadIsTheMainThread)
 {
     EXPECT_EQ(Thread::isMainThread(), Thread::currentThreadID() == static_cast<std::uint64_t>(::getpid()));
     onNewThread([] { EXPECT_FALSE(Thread::isMainThread()); });
+}
+
+// A forked child runs on one thread, its first, with numbers of its own,
+// whichever thread of the parent forked it; the answers cached in the parent
+// must not carry over.
+TEST(ThreadIdentity, AForkedChildsOnlyThreadIsItsMainThread)
+{
+    const auto forkAndCheck = [] {
+        static_cast<void>(Thread::isMainThread());  // fill the caches first
+        const pid_t child = ::fork();
+        if (child == 0) {
+            const bool right = Thread::isMainThread() &&
+                               Thread::currentThreadID() == static_cast<std::uint64_t>(::getpid());
+            ::_exit(right ? 0 : 1);
+        }
+        int status = -1;
+        EXPECT_EQ(::waitpid(child, &status, 0), child);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    };
+    forkAndCheck();
+    onNewThread(forkAndCheck);
 }
