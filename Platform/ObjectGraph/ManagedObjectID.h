@@ -31,7 +31,8 @@ namespace platform {
 
 class EntityDescription;
 class ManagedObjectID;
-using ManagedObjectIDRef = std::shared_ptr<const ManagedObjectID>;
+// Immutable, so shared without const (values and collections hold it so).
+using ManagedObjectIDRef = std::shared_ptr<ManagedObjectID>;
 
 inline constexpr std::string_view kManagedObjectURIScheme = "x-zarvo-object";
 

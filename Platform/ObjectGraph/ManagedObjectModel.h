@@ -192,6 +192,10 @@ public:
     std::string className() const override { return "NSEntityDescription"; }
     std::string description() const override;
 
+    // The key-value coding table of the entity's managed objects, made on
+    // first use (ManagedObject.cpp).
+    const PropertyTable& objectPropertyTable() const;
+
 private:
     friend class ManagedObjectModel;
     EntityDescription(std::string name, std::vector<AttributeDescriptionRef> attributes,
@@ -204,6 +208,8 @@ private:
     std::vector<const PropertyDescription*> properties_;
     std::string versionHash_;
     const ManagedObjectModel* model_ = nullptr;
+    mutable std::once_flag tableOnce_;
+    mutable PropertyTable table_;
 };
 
 using EntityDescriptionRef = std::shared_ptr<EntityDescription>;

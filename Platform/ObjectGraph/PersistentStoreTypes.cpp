@@ -1,11 +1,15 @@
 // The store types the coordinator can add, one line each.
 #include "Platform/ObjectGraph/PersistentStore.h"
 
+#include "Platform/ObjectGraph/InMemoryStore.h"
+
 namespace platform::objectgraph {
 
 void registerBuiltInStoreTypes(const std::function<void(std::string_view, PersistentStore::Factory)>& add)
 {
-    (void)add;
+    add(NSInMemoryStoreType, [](PersistentStore::Configuration configuration) -> PersistentStoreRef {
+        return InMemoryStore::create(std::move(configuration));
+    });
 }
 
 }  // namespace platform::objectgraph
