@@ -2,6 +2,7 @@
 #include "Platform/ObjectGraph/PersistentStore.h"
 
 #include "Platform/ObjectGraph/InMemoryStore.h"
+#include "Platform/ObjectGraph/SQLiteStore.h"
 
 namespace platform::objectgraph {
 
@@ -9,6 +10,9 @@ void registerBuiltInStoreTypes(const std::function<void(std::string_view, Persis
 {
     add(NSInMemoryStoreType, [](PersistentStore::Configuration configuration) -> PersistentStoreRef {
         return InMemoryStore::create(std::move(configuration));
+    });
+    add(NSSQLiteStoreType, [](PersistentStore::Configuration configuration) -> PersistentStoreRef {
+        return SQLiteStore::create(std::move(configuration));
     });
 }
 

@@ -78,7 +78,7 @@ inline platform::ManagedObjectModelRef companyModel()
 // The store types every behaviour runs against; a new type joins here.
 inline std::vector<std::string> storeTypes()
 {
-    return {std::string(platform::NSInMemoryStoreType)};
+    return {std::string(platform::NSInMemoryStoreType), std::string(platform::NSSQLiteStoreType)};
 }
 
 inline std::string storeFileName(const std::string& type)
