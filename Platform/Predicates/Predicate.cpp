@@ -450,7 +450,10 @@ private:
         }
         double number = 0;
         const auto result = std::from_chars(first, last, number);
-        if (result.ec != std::errc{} && result.ec != std::errc::result_out_of_range) {
+        if (result.ec == std::errc::result_out_of_range) {
+            fail("number out of range", start);
+        }
+        if (result.ec != std::errc{}) {
             fail("malformed number", start);
         }
         return Expression::constant(number);
