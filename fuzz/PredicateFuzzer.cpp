@@ -53,7 +53,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     const Array arguments = {"name", 42, "x'; --", Array{1, "a", Value()}, Value(), 3.5, true, "items.age", -7};
     PredicateRef predicate;
     try {
-        predicate = Predicate::withFormat(format, arguments);
+        predicate = Predicate::predicateWithFormat(format, arguments);
     } catch (const Exception& exception) {
         if (exception.name() != NSInvalidArgumentException || !exception.userInfo().contains("position")) {
             std::abort();
@@ -66,7 +66,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     // not the trees.
     const std::string printed = predicate->predicateFormat();
     try {
-        if (Predicate::withFormat(printed)->predicateFormat() != printed) {
+        if (Predicate::predicateWithFormat(printed)->predicateFormat() != printed) {
             std::abort();
         }
     } catch (const Exception&) {

@@ -254,9 +254,9 @@ private:
                 fail("expected \")\"");
             }
         } else if (acceptWord("TRUEPREDICATE")) {
-            result = Predicate::withValue(true);
+            result = Predicate::predicateWithValue(true);
         } else if (acceptWord("FALSEPREDICATE")) {
-            result = Predicate::withValue(false);
+            result = Predicate::predicateWithValue(false);
         } else {
             result = parseComparison();
         }
@@ -808,12 +808,12 @@ bool operator==(const Expression& left, const Expression& right)
 // ---------------------------------------------------------------------------
 // Predicates
 
-PredicateRef Predicate::withFormat(std::string_view format, const Array& arguments)
+PredicateRef Predicate::predicateWithFormat(std::string_view format, const Array& arguments)
 {
     return Parser(format, arguments).parse();
 }
 
-PredicateRef Predicate::withValue(bool value)
+PredicateRef Predicate::predicateWithValue(bool value)
 {
     return ConstantPredicate::create(value);
 }

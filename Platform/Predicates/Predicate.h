@@ -1,7 +1,7 @@
 // Predicates: immutable trees of conditions on objects, made from a format
 // string, evaluated in memory through key-value coding, printed back as text.
 //
-//   auto predicate = Predicate::withFormat("%K BEGINSWITH[c] %@ AND ANY tags.name IN %@",
+//   auto predicate = Predicate::predicateWithFormat("%K BEGINSWITH[c] %@ AND ANY tags.name IN %@",
 //                                          {"name", "jo", Array{"work", "home"}});
 //   predicate->evaluateWithObject(Value(person));
 //   predicate->predicateFormat();   // name BEGINSWITH[c] "jo" AND ANY tags.name IN {"work", "home"}
@@ -88,9 +88,9 @@ private:
 class Predicate : public Object {
 public:
     // Parses `format`, taking the arguments of "%" conversions in order.
-    static PredicateRef withFormat(std::string_view format, const Array& arguments = {});
+    static PredicateRef predicateWithFormat(std::string_view format, const Array& arguments = {});
     // The predicates that are always true and always false.
-    static PredicateRef withValue(bool value);
+    static PredicateRef predicateWithValue(bool value);
 
     virtual bool evaluateWithObject(const Value& object) const = 0;
     // Text that parses back into an equal predicate, as long as its constants
@@ -181,10 +181,10 @@ private:
     std::vector<PredicateRef> subpredicates_;
 };
 
-// Shorthand for Predicate::withFormat.
+// Shorthand for Predicate::predicateWithFormat.
 inline PredicateRef predicateWithFormat(std::string_view format, const Array& arguments = {})
 {
-    return Predicate::withFormat(format, arguments);
+    return Predicate::predicateWithFormat(format, arguments);
 }
 
 }  // namespace platform

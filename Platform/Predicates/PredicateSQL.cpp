@@ -562,6 +562,16 @@ std::string PredicateSQLTranslator::orderBy(const std::vector<SortDescriptor>& d
     return text;
 }
 
+std::string PredicateSQLTranslator::orderBy(const std::vector<std::shared_ptr<const SortDescriptor>>& descriptors)
+{
+    std::vector<SortDescriptor> plain;
+    plain.reserve(descriptors.size());
+    for (const auto& descriptor : descriptors) {
+        plain.push_back(*descriptor);
+    }
+    return orderBy(plain);
+}
+
 bool registerPredicateFunctions(sqlite3* connection)
 {
     constexpr int flags = SQLITE_UTF8 | SQLITE_DETERMINISTIC;

@@ -105,6 +105,7 @@ public:
     std::string where(const Predicate& predicate);
     // The ORDER BY terms, "" for no descriptors.
     std::string orderBy(const std::vector<SortDescriptor>& descriptors);
+    std::string orderBy(const std::vector<std::shared_ptr<const SortDescriptor>>& descriptors);
     // The LEFT JOIN clauses that where() and orderBy() needed so far, each
     // with a leading space; they go right after the root table.
     std::string joins() const;

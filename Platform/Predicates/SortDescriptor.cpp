@@ -71,3 +71,17 @@ Array SortDescriptor::sortedArray(const Array& array, const std::vector<SortDesc
 }
 
 }  // namespace platform
+
+namespace platform {
+
+Array SortDescriptor::sortedArray(const Array& array, const std::vector<std::shared_ptr<const SortDescriptor>>& descriptors)
+{
+    std::vector<SortDescriptor> plain;
+    plain.reserve(descriptors.size());
+    for (const auto& descriptor : descriptors) {
+        plain.push_back(*descriptor);
+    }
+    return sortedArray(array, plain);
+}
+
+}  // namespace platform

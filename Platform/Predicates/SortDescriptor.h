@@ -14,6 +14,7 @@
 #include "Platform/Foundation/ComparisonResult.h"
 #include "Platform/Foundation/Value.h"
 
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -26,6 +27,12 @@ public:
 
     // An empty key raises "NSInvalidArgumentException".
     explicit SortDescriptor(std::string_view key, bool ascending = true, Comparison comparison = Compare);
+    // Shared and immutable, as fetch requests hold them.
+    static std::shared_ptr<const SortDescriptor> create(std::string_view key, bool ascending = true,
+                                                        Comparison comparison = Compare)
+    {
+        return std::make_shared<const SortDescriptor>(key, ascending, comparison);
+    }
     static SortDescriptor sortDescriptorWithKey(std::string_view key, bool ascending = true,
                                                 Comparison comparison = Compare)
     {
@@ -41,6 +48,7 @@ public:
     ComparisonResult compareObject(const Value& first, const Value& second) const;
 
     static Array sortedArray(const Array& array, const std::vector<SortDescriptor>& descriptors);
+    static Array sortedArray(const Array& array, const std::vector<std::shared_ptr<const SortDescriptor>>& descriptors);
 
     friend bool operator==(const SortDescriptor& left, const SortDescriptor& right) = default;
 

@@ -293,7 +293,7 @@ protected:
     {
         for (const auto& row : rows) {
             SCOPED_TRACE(entity + ": " + row.format);
-            const auto predicate = Predicate::withFormat(row.format, row.arguments);
+            const auto predicate = Predicate::predicateWithFormat(row.format, row.arguments);
             EXPECT_EQ(evaluate(entity, *predicate), row.expected) << "in memory";
             std::string sql;
             EXPECT_EQ(select(entity, predicate.get(), {}, &sql), row.expected) << sql;
@@ -427,7 +427,7 @@ TEST_F(PredicateSQLTest, KeysAreCheckedAgainstTheMappingAndValuesAreNeverInTheTe
     for (const std::string key : {"name; DROP TABLE \"Tag\"", "name\" OR 1=1 --", "nosuchkey", "department.nosuch",
                                   "name.length", "tags.name"}) {
         SCOPED_TRACE(key);
-        const auto predicate = Predicate::withFormat("%K = 1", {key});
+        const auto predicate = Predicate::predicateWithFormat("%K = 1", {key});
         PredicateSQLTranslator translator(mapping_, "Employee");
         try {
             translator.where(*predicate);
@@ -439,7 +439,7 @@ TEST_F(PredicateSQLTest, KeysAreCheckedAgainstTheMappingAndValuesAreNeverInTheTe
     const std::string hostile = "x' OR '1'='1\"; DROP TABLE \"Tag\"; --%_*?[";
     for (const std::string format : {"code = %@", "code BEGINSWITH %@", "code LIKE[c] %@", "code IN {%@}", "code ENDSWITH %@", "code CONTAINS[cd] %@"}) {
         SCOPED_TRACE(format);
-        const auto predicate = Predicate::withFormat(format, {hostile});
+        const auto predicate = Predicate::predicateWithFormat(format, {hostile});
         std::string sql;
         EXPECT_THAT(select("Employee", predicate.get(), {}, &sql), ::testing::Optional(::testing::IsEmpty()));
         EXPECT_EQ(sql.find("DROP"), std::string::npos) << sql;
@@ -454,9 +454,9 @@ TEST_F(PredicateSQLTest, WhatSQLCannotSayIsRefusedAndBadPatternsFailOnBothPaths)
                                      "tags.name = 'work'"}) {
         SCOPED_TRACE(format);
         PredicateSQLTranslator translator(mapping_, "Employee");
-        EXPECT_THROW(translator.where(*Predicate::withFormat(format)), Exception);
+        EXPECT_THROW(translator.where(*Predicate::predicateWithFormat(format)), Exception);
     }
-    const auto broken = Predicate::withFormat("name MATCHES '(unclosed'");
+    const auto broken = Predicate::predicateWithFormat("name MATCHES '(unclosed'");
     EXPECT_THROW(evaluate("Employee", *broken), Exception);
     PredicateSQLTranslator translator(mapping_, "Employee");
     const std::string sql = "SELECT count(*) FROM \"Employee\" AS t0 WHERE " + translator.where(*broken);

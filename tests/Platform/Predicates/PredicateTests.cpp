@@ -49,7 +49,7 @@ void expectRows(const Value& object, const std::vector<Row>& rows)
 {
     for (const auto& row : rows) {
         SCOPED_TRACE(row.format);
-        EXPECT_EQ(Predicate::withFormat(row.format, row.arguments)->evaluateWithObject(object), row.expected);
+        EXPECT_EQ(Predicate::predicateWithFormat(row.format, row.arguments)->evaluateWithObject(object), row.expected);
     }
 }
 
@@ -119,7 +119,7 @@ TEST(PredicateEvaluation, LikeAndMatchesCoverTheWholeString)
         // A "\Q" left open does not swallow the anchors that make it a full match.
         {"file MATCHES '\\\\Qreport*'", {}, false}, {"file MATCHES 'report\\\\Q*.txt'", {}, true},
     });
-    EXPECT_THROW(Predicate::withFormat("file MATCHES '('")->evaluateWithObject(Dictionary{{"file", "x"}}), Exception);
+    EXPECT_THROW(Predicate::predicateWithFormat("file MATCHES '('")->evaluateWithObject(Dictionary{{"file", "x"}}), Exception);
 }
 
 TEST(PredicateEvaluation, InBetweenAndCollections)
@@ -164,7 +164,7 @@ TEST(PredicateEvaluation, UnknownKeyOfAnObjectRaisesAsKeyValueCodingDoes)
 {
     const auto clerk = Employee::create("Bob");
     try {
-        Predicate::withFormat("salary > 3")->evaluateWithObject(Value(clerk));
+        Predicate::predicateWithFormat("salary > 3")->evaluateWithObject(Value(clerk));
         FAIL() << "no exception";
     } catch (const Exception& exception) {
         EXPECT_EQ(exception.name(), NSUndefinedKeyException);
@@ -182,7 +182,7 @@ TEST(PredicateEvaluation, CompoundsShortCircuitAndBindAsWritten)
     });
     // The right side of a decided AND is never evaluated: it would raise.
     const auto clerk = Employee::create("Bob");
-    EXPECT_FALSE(Predicate::withFormat("name = 'x' AND salary > 3")->evaluateWithObject(Value(clerk)));
+    EXPECT_FALSE(Predicate::predicateWithFormat("name = 'x' AND salary > 3")->evaluateWithObject(Value(clerk)));
 }
 
 TEST(PredicateFormat, PrintsTextThatParsesBackToAnEqualPredicate)
@@ -200,23 +200,23 @@ TEST(PredicateFormat, PrintsTextThatParsesBackToAnEqualPredicate)
     };
     for (const auto& [format, printed] : rows) {
         SCOPED_TRACE(format);
-        const auto predicate = Predicate::withFormat(format);
+        const auto predicate = Predicate::predicateWithFormat(format);
         EXPECT_EQ(predicate->predicateFormat(), printed);
-        const auto again = Predicate::withFormat(predicate->predicateFormat());
+        const auto again = Predicate::predicateWithFormat(predicate->predicateFormat());
         EXPECT_TRUE(again->isEqual(*predicate));
     }
-    EXPECT_EQ(Predicate::withFormat("%K IN %@", {"a", Array{"x", 2}})->predicateFormat(), R"(a IN {"x", 2})");
+    EXPECT_EQ(Predicate::predicateWithFormat("%K IN %@", {"a", Array{"x", 2}})->predicateFormat(), R"(a IN {"x", 2})");
 }
 
 TEST(PredicateFormat, ArgumentsAreValuesNeverSyntax)
 {
     // Quotes, operators and brackets inside an argument stay part of the value.
     const std::string hostile = "x' OR 1 = 1 OR name = 'y";
-    const auto predicate = Predicate::withFormat("name = %@", {hostile});
+    const auto predicate = Predicate::predicateWithFormat("name = %@", {hostile});
     EXPECT_FALSE(predicate->evaluateWithObject(Dictionary{{"name", "x"}}));
     EXPECT_TRUE(predicate->evaluateWithObject(Dictionary{{"name", hostile}}));
     // A key from %K is a key, whatever characters it has.
-    const auto byKey = Predicate::withFormat("%K = 1", {"we ird;key"});
+    const auto byKey = Predicate::predicateWithFormat("%K = 1", {"we ird;key"});
     EXPECT_TRUE(byKey->evaluateWithObject(Dictionary{{"we ird;key", 1}}));
 }
 
@@ -233,12 +233,12 @@ TEST(PredicateFormat, MalformedFormatsNameTheirPosition)
         {"a CONTAINS[] 'a'", {}, 10}, {"a LIKE[c 'x'", {}, 8}, {"a = %@", {}, 4}, {"%K = 1", {5}, 0},
         {"%K = 1", {"a..b"}, 0}, {"a = %z", {1}, 4}, {"a = 12abc", {}, 4}, {"and = 1", {}, 0},
         {"a.in = 1", {}, 2}, {"a BETWEEN 5", {}, 2}, {"a = {1, 2", {}, 9}, {"a = 1 b = 2", {}, 6},
-        {"a = %d", {"x"}, 4}, {"ANY = 1", {}, 4}, {"a = 1 OR", {}, 8}, {"a = %", {}, 4},
+        {"a = %d", {"x"}, 4}, {"a = 1e999", {}, 4}, {"ANY = 1", {}, 4}, {"a = 1 OR", {}, 8}, {"a = %", {}, 4},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.format);
         try {
-            Predicate::withFormat(row.format, row.arguments);
+            Predicate::predicateWithFormat(row.format, row.arguments);
             ADD_FAILURE() << "parsed";
         } catch (const Exception& exception) {
             EXPECT_EQ(exception.name(), NSInvalidArgumentException);
@@ -252,7 +252,7 @@ TEST(PredicateFormat, MalformedFormatsNameTheirPosition)
 TEST(PredicateFormat, DeepNestingIsRefusedNotOverflowed)
 {
     const std::string deep = std::string(100000, '(') + "a = 1" + std::string(100000, ')');
-    EXPECT_THROW(Predicate::withFormat(deep), Exception);
+    EXPECT_THROW(Predicate::predicateWithFormat(deep), Exception);
     const std::string nots(100000, '!');
-    EXPECT_THROW(Predicate::withFormat(nots + "a = 1"), Exception);
+    EXPECT_THROW(Predicate::predicateWithFormat(nots + "a = 1"), Exception);
 }
