@@ -974,4 +974,65 @@ bool CompoundPredicate::isEqual(const Object& other) const
                    [](const PredicateRef& a, const PredicateRef& b) { return a->isEqual(*b); });
 }
 
+namespace {
+
+Value replaceConstant(const Value& value, const std::function<Value(const Value&)>& replace)
+{
+    if (const auto* array = value.array()) {
+        Array replaced;
+        replaced.reserve(array->size());
+        for (const auto& element : *array) {
+            replaced.push_back(replace(element));
+        }
+        return replaced;
+    }
+    if (auto elements = collectionElements(value)) {
+        // Sets and ordered sets: membership is all a predicate asks of them.
+        Array replaced;
+        for (const auto& element : *elements) {
+            replaced.push_back(replace(element));
+        }
+        return replaced;
+    }
+    return replace(value);
+}
+
+Expression replaceConstants(const Expression& expression, const std::function<Value(const Value&)>& replace)
+{
+    switch (expression.type()) {
+    case Expression::Type::ConstantValue:
+        return Expression::constant(replaceConstant(expression.constantValue(), replace));
+    case Expression::Type::Aggregate: {
+        std::vector<Expression> elements;
+        for (const auto& element : expression.aggregateElements()) {
+            elements.push_back(replaceConstants(element, replace));
+        }
+        return Expression::aggregate(std::move(elements));
+    }
+    default:
+        return expression;
+    }
+}
+
+}  // namespace
+
+PredicateRef predicateByReplacingConstants(const PredicateRef& predicate,
+                                           const std::function<Value(const Value&)>& replace)
+{
+    if (const auto* comparison = dynamic_cast<const ComparisonPredicate*>(predicate.get())) {
+        return ComparisonPredicate::create(replaceConstants(comparison->leftExpression(), replace),
+                                           replaceConstants(comparison->rightExpression(), replace),
+                                           comparison->comparisonPredicateModifier(),
+                                           comparison->predicateOperatorType(), comparison->options());
+    }
+    if (const auto* compound = dynamic_cast<const CompoundPredicate*>(predicate.get())) {
+        std::vector<PredicateRef> parts;
+        for (const auto& part : compound->subpredicates()) {
+            parts.push_back(predicateByReplacingConstants(part, replace));
+        }
+        return CompoundPredicate::create(compound->compoundPredicateType(), std::move(parts));
+    }
+    return predicate;
+}
+
 }  // namespace platform

@@ -44,6 +44,7 @@
 #include "Platform/Foundation/Object.h"
 #include "Platform/Foundation/Value.h"
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -180,6 +181,13 @@ private:
     Type type_;
     std::vector<PredicateRef> subpredicates_;
 };
+
+// A copy of `predicate` in which every constant, and every element of a
+// constant array, set or ordered set, has gone through `replace`. A store
+// uses it to turn the objects a predicate names into its own stand-ins
+// before evaluating it.
+PredicateRef predicateByReplacingConstants(const PredicateRef& predicate,
+                                           const std::function<Value(const Value&)>& replace);
 
 // Shorthand for Predicate::predicateWithFormat.
 inline PredicateRef predicateWithFormat(std::string_view format, const Array& arguments = {})

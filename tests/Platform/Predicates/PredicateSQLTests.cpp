@@ -359,7 +359,7 @@ TEST_F(PredicateSQLTest, ListsAndCompoundsAgree)
     expectAgreement("Employee", {
         {"age IN {19, 51, 7}", {}, {5, 6}}, {"age IN {}", {}, {}}, {"age IN {nil, 42}", {}, {1, 4}},
         {"NOT age IN {42}", {}, {2, 3, 4, 5, 6}}, {"NOT age IN {nil, 42}", {}, {2, 3, 5, 6}},
-        {"name IN[c] {'ada', 'BOB', 3}", {}, {1, 2}}, {"code IN {42, '42'}", {}, {5}}, {"age IN %@", {Set{35, 28.0}}, {2, 3}},
+        {"name IN[c] {'ada', 'BOB', 3}", {}, {1, 2}}, {"code IN {42, '42'}", {}, {5}}, {"age IN %@", {Value(Set{35, 28.0})}, {2, 3}},
         {"age > 30 AND NOT active = YES", {}, {2, 5}}, {"(age < 20 OR age > 50) AND name ENDSWITH[c] 'e'", {}, {5, 6}},
         {"NOT (nickname = nil OR age = nil)", {}, {2, 3, 6}}, {"TRUEPREDICATE", {}, {1, 2, 3, 4, 5, 6}},
         {"FALSEPREDICATE OR name = 'Ada'", {}, {1}}, {"1 = 1 AND name = 'Bob'", {}, {2}}, {"2 < 1 OR age = 19", {}, {6}},
@@ -375,8 +375,8 @@ TEST_F(PredicateSQLTest, KeyPathsThroughToOneAgree)
         {"manager.name BEGINSWITH 'A'", {}, {2, 3}}, {"manager.manager.name = 'Ada'", {}, {4}},
         {"manager.department.name = department.name", {}, {2}}, {"manager = nil", {}, {1, 5}},
         {"department = %@", {Value(departments_[0])}, {1, 2}}, {"manager != %@", {Value(employees_[0])}, {1, 4, 5, 6}},
-        {"SELF = %@", {Value(employees_[1])}, {2}}, {"SELF IN %@", {Array{employees_[0], employees_[2]}}, {1, 3}},
-        {"department IN %@", {Array{departments_[1], Value()}}, {3, 4, 5}}, {"%K.name ==[c] %@", {"department", "ops"}, {6}},
+        {"SELF = %@", {Value(employees_[1])}, {2}}, {"SELF IN %@", {Value(Array{employees_[0], employees_[2]})}, {1, 3}},
+        {"department IN %@", {Value(Array{departments_[1], Value()})}, {3, 4, 5}}, {"%K.name ==[c] %@", {"department", "ops"}, {6}},
         {"department = %@", {Value(Record::create(99))}, {}}, {"department.head.department.name = 'Sales'", {}, {3, 5}},
     });
 }

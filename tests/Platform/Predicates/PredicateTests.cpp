@@ -125,11 +125,11 @@ TEST(PredicateEvaluation, LikeAndMatchesCoverTheWholeString)
 TEST(PredicateEvaluation, InBetweenAndCollections)
 {
     expectRows(person(), {
-        {"age IN {1, 42, 3}", {}, true}, {"age IN %@", {Array{1, 2}}, false}, {"age IN {}", {}, false},
-        {"age IN %@", {Set{42.0}}, true}, {"age IN %@", {OrderedSet{7, 42}}, true},
+        {"age IN {1, 42, 3}", {}, true}, {"age IN %@", {Value(Array{1, 2})}, false}, {"age IN {}", {}, false},
+        {"age IN %@", {Value(Set{42.0})}, true}, {"age IN %@", {Value(OrderedSet{7, 42})}, true},
         {"'work' IN[c] {'WORK'}", {}, true}, {"nickname IN {nil, 1}", {}, true}, {"name IN \"Jöhn O'Neil!\"", {}, true}, {"name IN 'Jöhn'", {}, false},
         {"'Neil' IN name", {}, true},
-        {"age BETWEEN {40, 42}", {}, true}, {"age BETWEEN {42.5, 50}", {}, false}, {"age BETWEEN %@", {Array{0, 100}}, true},
+        {"age BETWEEN {40, 42}", {}, true}, {"age BETWEEN {42.5, 50}", {}, false}, {"age BETWEEN %@", {Value(Array{0, 100})}, true},
         {"name BETWEEN {'A', 'K'}", {}, true}, {"nickname BETWEEN {0, 1}", {}, false},
         {"scores CONTAINS 5", {}, true}, {"scores CONTAINS 4", {}, false}, {"tags.name CONTAINS 'Home'", {}, true},
     });
