@@ -3,6 +3,7 @@
 
 #include "Platform/ObjectGraph/InMemoryStore.h"
 #include "Platform/ObjectGraph/SQLiteStore.h"
+#include "Platform/ObjectGraph/XMLStore.h"
 
 namespace platform::objectgraph {
 
@@ -13,6 +14,9 @@ void registerBuiltInStoreTypes(const std::function<void(std::string_view, Persis
     });
     add(NSSQLiteStoreType, [](PersistentStore::Configuration configuration) -> PersistentStoreRef {
         return SQLiteStore::create(std::move(configuration));
+    });
+    add(NSXMLStoreType, [](PersistentStore::Configuration configuration) -> PersistentStoreRef {
+        return XMLStore::create(std::move(configuration));
     });
 }
 

@@ -3,7 +3,9 @@
 #include "Platform/FileSystem/FileManager.h"
 #include "Platform/ObjectGraph/FetchRequest.h"
 #include "Platform/ObjectGraph/ObjectGraphError.h"
-#include "Platform/ObjectGraph/StoreEvaluation.h"
+#include "Platform/ObjectGraph/ManagedObject.h"
+#include "Platform/Foundation/Exception.h"
+#include "Platform/Predicates/PredicateSQL.h"
 
 #include <sqlite3.h>
 
@@ -16,6 +18,9 @@ namespace {
 
 constexpr std::string_view kLayoutVersion = "zarvo-object-graph-sqlite-1";
 constexpr double kDefaultBusyTimeout = 5.0;
+// Statements are kept prepared; fetches with many different predicates would
+// keep adding, so the cache starts over beyond this many.
+constexpr std::size_t kMaximumCachedStatements = 256;
 
 std::string_view columnType(AttributeType type)
 {
@@ -147,6 +152,79 @@ private:
     std::function<void()> reset_;
 };
 
+// How predicates reach this layout: attributes and to-one relationships are
+// columns of the entity's table, to-many relationships the inverse's column
+// or a link table.
+class SQLiteStore::Mapping final : public PredicateSQLMapping {
+public:
+    explicit Mapping(const SQLiteStore& store) : store_(store) {}
+
+    std::optional<Property> property(std::string_view entityName, std::string_view key) const override
+    {
+        const PropertyDescription* property = findProperty(entityName, key);
+        if (property == nullptr) {
+            return std::nullopt;
+        }
+        if (!property->isRelationship()) {
+            return Property{Property::Kind::Attribute, quoted(property->name()), {}};
+        }
+        const auto& relationship = static_cast<const RelationshipDescription&>(*property);
+        return Property{relationship.isToMany() ? Property::Kind::ToMany : Property::Kind::ToOne,
+                        relationship.isToMany() ? std::string() : quoted(relationship.name()),
+                        relationship.destinationEntityName()};
+    }
+
+    std::string toOneJoin(std::string_view entityName, std::string_view key, std::string_view alias,
+                          std::string_view destinationAlias) const override
+    {
+        const auto& relationship = static_cast<const RelationshipDescription&>(*findProperty(entityName, key));
+        const std::string destination(destinationAlias);
+        return quoted(relationship.destinationEntityName()) + " AS " + destination + " ON " + destination +
+               ".Z_PK = " + std::string(alias) + "." + quoted(relationship.name());
+    }
+
+    RowSource toManySource(std::string_view entityName, std::string_view key, std::string_view alias,
+                           std::string_view destinationAlias) const override
+    {
+        const auto& relationship = static_cast<const RelationshipDescription&>(*findProperty(entityName, key));
+        const std::string destination(destinationAlias);
+        const std::string table = quoted(relationship.destinationEntityName());
+        if (isStoredByInverse(relationship)) {
+            return {table + " AS " + destination,
+                    destination + "." + quoted(relationship.inverseName()) + " = " + std::string(alias) + ".Z_PK"};
+        }
+        const std::string link = destination + "l";
+        return {linkTableName(relationship) + " AS " + link + " JOIN " + table + " AS " + destination + " ON " +
+                    destination + ".Z_PK = " + link + ".Z_TARGET",
+                link + ".Z_SOURCE = " + std::string(alias) + ".Z_PK"};
+    }
+
+    std::string primaryKeyColumn(std::string_view) const override { return "Z_PK"; }
+
+    std::optional<Value> primaryKeyForObject(const Value& object) const override
+    {
+        ManagedObjectIDRef id = object.objectAs<ManagedObjectID>();
+        if (!id) {
+            if (auto managed = object.objectAs<ManagedObject>()) {
+                id = managed->objectID();
+            }
+        }
+        if (!id || id->isTemporaryID() || id->storeIdentifier() != *store_.identifier()) {
+            return std::nullopt;
+        }
+        return Value(id->primaryKey());
+    }
+
+private:
+    const PropertyDescription* findProperty(std::string_view entityName, std::string_view key) const
+    {
+        const EntityDescription* entity = store_.model().entityNamed(entityName);
+        return entity != nullptr ? entity->propertyNamed(key) : nullptr;
+    }
+
+    const SQLiteStore& store_;
+};
+
 std::shared_ptr<SQLiteStore> SQLiteStore::create(Configuration configuration)
 {
     return std::shared_ptr<SQLiteStore>(new SQLiteStore(std::move(configuration)));
@@ -189,6 +267,9 @@ bool SQLiteStore::isStoredByInverse(const RelationshipDescription& relationship)
 
 SQLiteStore::Statement& SQLiteStore::statement(const std::string& sql)
 {
+    if (statements_.size() >= kMaximumCachedStatements && statements_.find(sql) == statements_.end()) {
+        statements_.clear();
+    }
     auto& slot = statements_[sql];
     if (!slot) {
         slot = std::make_unique<Statement>(database_, sql);
@@ -235,6 +316,10 @@ bool SQLiteStore::load(ErrorRef* error)
     }
     sqlite3_busy_timeout(database_, static_cast<int>(std::min(timeout, 86400.0) * 1000));
     sqlite3_extended_result_codes(database_, 1);
+    if (!registerPredicateFunctions(database_)) {
+        setError(error, sqliteError(NSPersistentStoreOpenError, "The store file could not be opened."));
+        return false;
+    }
 
     // The first read tells an SQLite file from anything else.
     if (sqlite3_exec(database_, "PRAGMA journal_mode=WAL", nullptr, nullptr, nullptr) != SQLITE_OK ||
@@ -566,8 +651,7 @@ bool SQLiteStore::save(const SaveChanges& changes, std::vector<ManagedObjectIDRe
     return true;
 }
 
-std::optional<std::vector<ManagedObjectIDRef>> SQLiteStore::fetchObjectIDs(const FetchRequest& request,
-                                                                           ErrorRef* error)
+std::optional<SQLiteStore::Query> SQLiteStore::query(const FetchRequest& request, bool counting, ErrorRef* error)
 {
     const EntityDescription* entity = model().entityNamed(request.entityName());
     if (entity == nullptr) {
@@ -576,28 +660,57 @@ std::optional<std::vector<ManagedObjectIDRef>> SQLiteStore::fetchObjectIDs(const
                                                "No entity " + request.entityName() + "."));
         return std::nullopt;
     }
-    if (request.predicate() || !request.sortDescriptors().empty()) {
-        // Translated to SQL once the predicate library is linked in; until
-        // then refused, as in memory.
-        std::vector<ObjectRef> none;
-        if (!objectgraph::filterSortAndLimit(none, request, error)) {
-            return std::nullopt;
-        }
+    Query query;
+    query.entity = entity;
+    const Mapping mapping(*this);
+    PredicateSQLTranslator translator(mapping, entity->name());
+    std::string where;
+    std::string order;
+    try {
+        where = request.predicate() ? translator.where(*request.predicate()) : std::string();
+        order = counting ? std::string() : translator.orderBy(request.sortDescriptors());
+    } catch (const Exception& exception) {
+        setError(error, objectgraph::makeError(NSPersistentStoreOperationError,
+                                               "The fetch request cannot be run on an SQLite store.",
+                                               exception.reason()));
+        return std::nullopt;
     }
-    std::string sql = "SELECT Z_PK FROM " + quoted(entity->name()) + " ORDER BY Z_PK";
-    if (request.fetchLimit() != 0 || request.fetchOffset() != 0) {
+    const bool limited = request.fetchLimit() != 0 || request.fetchOffset() != 0;
+    std::string sql = "SELECT t0.Z_PK FROM " + quoted(entity->name()) + " AS t0" + translator.joins();
+    if (!where.empty()) {
+        sql += " WHERE " + where;
+    }
+    if (!counting || limited) {
+        // Z_PK last, so that equal sort keys come back in one order on every run.
+        sql += " ORDER BY " + (order.empty() ? std::string() : order + ", ") + "t0.Z_PK";
+    }
+    query.bindings = translator.bindings();
+    if (limited) {
         sql += " LIMIT ? OFFSET ?";
+        query.bindings.push_back(Value(request.fetchLimit() != 0 ? static_cast<std::int64_t>(request.fetchLimit())
+                                                                 : std::int64_t{-1}));
+        query.bindings.push_back(Value(static_cast<std::int64_t>(request.fetchOffset())));
     }
-    auto& select = statement(sql);
+    query.sql = counting ? "SELECT count(*) FROM (" + sql + ")" : sql;
+    return query;
+}
+
+std::optional<std::vector<ManagedObjectIDRef>> SQLiteStore::fetchObjectIDs(const FetchRequest& request,
+                                                                           ErrorRef* error)
+{
+    const auto plan = query(request, false, error);
+    if (!plan) {
+        return std::nullopt;
+    }
+    auto& select = statement(plan->sql);
     StatementUse use(select);
-    if (request.fetchLimit() != 0 || request.fetchOffset() != 0) {
-        select.bind(1, request.fetchLimit() != 0 ? static_cast<std::int64_t>(request.fetchLimit()) : std::int64_t{-1});
-        select.bind(2, static_cast<std::int64_t>(request.fetchOffset()));
+    for (std::size_t index = 0; index < plan->bindings.size(); ++index) {
+        select.bind(static_cast<int>(index + 1), plan->bindings[index]);
     }
     std::vector<ManagedObjectIDRef> ids;
     int result;
     while ((result = select.step()) == SQLITE_ROW) {
-        ids.push_back(objectIDFor(*entity, select.integer(0)));
+        ids.push_back(objectIDFor(*plan->entity, select.integer(0)));
     }
     if (result != SQLITE_DONE) {
         setError(error, sqliteError(NSCoreDataError, "The store could not be read."));
@@ -608,20 +721,20 @@ std::optional<std::vector<ManagedObjectIDRef>> SQLiteStore::fetchObjectIDs(const
 
 std::optional<std::size_t> SQLiteStore::count(const FetchRequest& request, ErrorRef* error)
 {
-    const EntityDescription* entity = model().entityNamed(request.entityName());
-    if (entity == nullptr || request.predicate()) {
-        const auto ids = fetchObjectIDs(request, error);
-        return ids ? std::optional<std::size_t>(ids->size()) : std::nullopt;
+    const auto plan = query(request, true, error);
+    if (!plan) {
+        return std::nullopt;
     }
-    auto& select = statement("SELECT count(*) FROM " + quoted(entity->name()));
+    auto& select = statement(plan->sql);
     StatementUse use(select);
+    for (std::size_t index = 0; index < plan->bindings.size(); ++index) {
+        select.bind(static_cast<int>(index + 1), plan->bindings[index]);
+    }
     if (select.step() != SQLITE_ROW) {
         setError(error, sqliteError(NSCoreDataError, "The store could not be read."));
         return std::nullopt;
     }
-    auto total = static_cast<std::size_t>(select.integer(0));
-    total -= std::min(total, request.fetchOffset());
-    return request.fetchLimit() != 0 ? std::min(total, request.fetchLimit()) : total;
+    return static_cast<std::size_t>(select.integer(0));
 }
 
 std::optional<ObjectSnapshot> SQLiteStore::snapshotForObjectWithID(const ManagedObjectID& objectID, ErrorRef* error)

@@ -67,6 +67,14 @@ public:
 
 private:
     class Statement;
+    class Mapping;
+    // A fetch or count as SQL, with the values to bind in order.
+    struct Query {
+        const EntityDescription* entity = nullptr;
+        std::string sql;
+        Array bindings;
+    };
+    std::optional<Query> query(const FetchRequest& request, bool counting, ErrorRef* error);
     explicit SQLiteStore(Configuration configuration);
 
     Statement& statement(const std::string& sql);

@@ -1,40 +1,37 @@
 #include "Platform/ObjectGraph/StoreEvaluation.h"
 
 #include "Platform/ObjectGraph/FetchRequest.h"
-#include "Platform/ObjectGraph/ObjectGraphError.h"
+#include "Platform/Predicates/Predicate.h"
+#include "Platform/Predicates/SortDescriptor.h"
 
 #include <algorithm>
 
 namespace platform::objectgraph {
-namespace {
 
-// Predicates and sort descriptors are evaluated by the predicate library once
-// it is linked in; until then a request that needs them is refused, never
-// answered wrongly.
-ErrorRef unsupported(std::string_view what)
-{
-    return makeError(NSPersistentStoreOperationError, "The fetch request cannot be evaluated in memory.",
-                     std::string(what) + " are not evaluated in memory yet.");
-}
-
-}  // namespace
-
-std::optional<bool> matchesPredicate(const FetchRequest& request, const Object&, ErrorRef* error)
+std::optional<bool> matchesPredicate(const FetchRequest& request, const Object& object, ErrorRef*)
 {
     if (!request.predicate()) {
         return true;
     }
-    setError(error, unsupported("Predicates"));
-    return std::nullopt;
+    return request.predicate()->evaluateWithObject(Value(std::const_pointer_cast<Object>(object.shared_from_this())));
 }
 
-bool sortObjects(std::vector<ObjectRef>&, const FetchRequest& request, ErrorRef* error)
+bool sortObjects(std::vector<ObjectRef>& objects, const FetchRequest& request, ErrorRef*)
 {
     if (request.sortDescriptors().empty()) {
         return true;
     }
-    setError(error, unsupported("Sort descriptors"));
-    return false;
+    Array values;
+    values.reserve(objects.size());
+    for (auto& object : objects) {
+        values.push_back(Value(std::move(object)));
+    }
+    const Array sorted = SortDescriptor::sortedArray(values, request.sortDescriptors());
+    objects.clear();
+    for (const auto& value : sorted) {
+        objects.push_back(value.object());
+    }
+    return true;
 }
 
 void applyOffsetAndLimit(std::vector<ObjectRef>& objects, const FetchRequest& request)

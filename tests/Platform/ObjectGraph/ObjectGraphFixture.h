@@ -78,7 +78,8 @@ inline platform::ManagedObjectModelRef companyModel()
 // The store types every behaviour runs against; a new type joins here.
 inline std::vector<std::string> storeTypes()
 {
-    return {std::string(platform::NSInMemoryStoreType), std::string(platform::NSSQLiteStoreType)};
+    return {std::string(platform::NSInMemoryStoreType), std::string(platform::NSSQLiteStoreType),
+            std::string(platform::NSXMLStoreType)};
 }
 
 inline std::string storeFileName(const std::string& type)
