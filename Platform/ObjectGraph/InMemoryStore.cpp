@@ -166,9 +166,7 @@ std::optional<std::vector<std::shared_ptr<InMemoryStore::Row>>> InMemoryStore::m
 {
     const EntityDescription* entity = model().entityNamed(request.entityName());
     if (entity == nullptr) {
-        setError(error, objectgraph::makeError(NSPersistentStoreOperationError,
-                                               "The fetch request names an entity the model does not have.",
-                                               "No entity " + request.entityName() + "."));
+        setError(error, objectgraph::unknownEntityError(request.entityName()));
         return std::nullopt;
     }
     std::vector<ObjectRef> candidates;

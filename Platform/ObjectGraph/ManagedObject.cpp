@@ -181,6 +181,20 @@ void ManagedObject::noteChanged()
     }
 }
 
+std::vector<ManagedObjectRef> ManagedObject::storedTargets(const Value& stored)
+{
+    std::vector<ManagedObjectRef> targets;
+    if (const Array* array = stored.array()) {
+        targets.reserve(array->size());
+        for (const auto& element : *array) {
+            targets.push_back(element.objectAs<ManagedObject>());
+        }
+    } else if (auto target = stored.objectAs<ManagedObject>()) {
+        targets.push_back(std::move(target));
+    }
+    return targets;
+}
+
 void ManagedObject::setStoredValue(std::size_t index, Value value)
 {
     if (value.isNull()) {

@@ -135,6 +135,9 @@ private:
     void relateTo(const RelationshipDescription& relationship, const ManagedObjectRef& target, bool add,
                   bool maintainInverse);
     void noteChanged();
+    // The objects a stored relationship value holds (an Array for to-many,
+    // the object or nothing for to-one).
+    static std::vector<ManagedObjectRef> storedTargets(const Value& stored);
 
     const EntityDescription* entity_ = nullptr;
     ManagedObjectContext* context_ = nullptr;  // the context that holds this object registered

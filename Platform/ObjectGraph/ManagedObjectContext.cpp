@@ -398,15 +398,7 @@ void ManagedObjectContext::applyDeleteRules(ManagedObject& object)
     const auto self = std::static_pointer_cast<ManagedObject>(object.shared_from_this());
     for (const auto& relationship : object.entity().relationships()) {
         // A copy: cascades and nullifications change the value as we go.
-        const Value value = object.values_[relationship->index()];
-        std::vector<ManagedObjectRef> targets;
-        if (const Array* array = value.array()) {
-            for (const auto& element : *array) {
-                targets.push_back(element.objectAs<ManagedObject>());
-            }
-        } else if (auto target = value.objectAs<ManagedObject>()) {
-            targets.push_back(std::move(target));
-        }
+        const auto targets = ManagedObject::storedTargets(object.values_[relationship->index()]);
         switch (relationship->deleteRule()) {
         case DeleteRule::Nullify:
             if (const RelationshipDescription* inverse = relationship->inverseRelationship()) {
@@ -607,9 +599,7 @@ std::optional<std::vector<ManagedObjectIDRef>> ManagedObjectContext::fetchIDs(co
 {
     const EntityDescription* entity = model().entityNamed(request.entityName());
     if (entity == nullptr) {
-        setError(error, objectgraph::makeError(NSPersistentStoreOperationError,
-                                               "The fetch request names an entity the model does not have.",
-                                               "No entity " + request.entityName() + "."));
+        setError(error, objectgraph::unknownEntityError(request.entityName()));
         return std::nullopt;
     }
     const bool ownChanges = request.includesPendingChanges() && hasChangesOfEntity(*entity);
@@ -778,15 +768,7 @@ bool ManagedObjectContext::validate(ErrorRef* error) const
                 }
             }
             for (const auto& relationship : object->entity().relationships()) {
-                const Value& value = object->values_[relationship->index()];
-                std::vector<ManagedObjectRef> targets;
-                if (const Array* array = value.array()) {
-                    for (const auto& element : *array) {
-                        targets.push_back(element.objectAs<ManagedObject>());
-                    }
-                } else if (auto target = value.objectAs<ManagedObject>()) {
-                    targets.push_back(std::move(target));
-                }
+                const auto targets = ManagedObject::storedTargets(object->values_[relationship->index()]);
                 if (targets.empty() && !relationship->isOptional()) {
                     return fail(NSValidationMissingMandatoryPropertyError, *object, *relationship, "is required");
                 }
@@ -805,14 +787,9 @@ bool ManagedObjectContext::validate(ErrorRef* error) const
             if (relationship->deleteRule() != DeleteRule::Deny) {
                 continue;
             }
-            const Value& value = object.values_[relationship->index()];
             bool holds = false;
-            if (const Array* array = value.array()) {
-                for (const auto& element : *array) {
-                    holds = holds || !element.objectAs<ManagedObject>()->deleted_;
-                }
-            } else if (auto target = value.objectAs<ManagedObject>()) {
-                holds = !target->deleted_;
+            for (const auto& target : ManagedObject::storedTargets(object.values_[relationship->index()])) {
+                holds = holds || !target->deleted_;
             }
             if (holds) {
                 return fail(NSValidationRelationshipDeniedDeleteError, object, *relationship,

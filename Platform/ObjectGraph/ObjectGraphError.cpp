@@ -16,4 +16,10 @@ ErrorRef makeError(std::int64_t code, std::string description, std::string reaso
     return Error::create(std::string(NSCocoaErrorDomain), code, std::move(userInfo));
 }
 
+ErrorRef unknownEntityError(std::string_view entityName)
+{
+    return makeError(NSPersistentStoreOperationError, "The fetch request names an entity the model does not have.",
+                     "No entity " + std::string(entityName) + ".");
+}
+
 }  // namespace platform::objectgraph

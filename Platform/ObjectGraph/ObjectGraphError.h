@@ -72,5 +72,8 @@ namespace objectgraph {
 ErrorRef makeError(std::int64_t code, std::string description, std::string reason = {},
                    ErrorRef underlying = nullptr, Dictionary extra = {});
 
+// The error of a fetch request that names an entity the model does not have.
+ErrorRef unknownEntityError(std::string_view entityName);
+
 }  // namespace objectgraph
 }  // namespace platform

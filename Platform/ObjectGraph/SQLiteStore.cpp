@@ -86,6 +86,12 @@ public:
             break;
         }
     }
+    void bindAll(const Array& values)
+    {
+        for (std::size_t index = 0; index < values.size(); ++index) {
+            bind(static_cast<int>(index + 1), values[index]);
+        }
+    }
     void bind(int index, std::int64_t integer) { sqlite3_bind_int64(statement_, index, integer); }
     void bind(int index, std::string_view text)
     {
@@ -655,9 +661,7 @@ std::optional<SQLiteStore::Query> SQLiteStore::query(const FetchRequest& request
 {
     const EntityDescription* entity = model().entityNamed(request.entityName());
     if (entity == nullptr) {
-        setError(error, objectgraph::makeError(NSPersistentStoreOperationError,
-                                               "The fetch request names an entity the model does not have.",
-                                               "No entity " + request.entityName() + "."));
+        setError(error, objectgraph::unknownEntityError(request.entityName()));
         return std::nullopt;
     }
     Query query;
@@ -704,9 +708,7 @@ std::optional<std::vector<ManagedObjectIDRef>> SQLiteStore::fetchObjectIDs(const
     }
     auto& select = statement(plan->sql);
     StatementUse use(select);
-    for (std::size_t index = 0; index < plan->bindings.size(); ++index) {
-        select.bind(static_cast<int>(index + 1), plan->bindings[index]);
-    }
+    select.bindAll(plan->bindings);
     std::vector<ManagedObjectIDRef> ids;
     int result;
     while ((result = select.step()) == SQLITE_ROW) {
@@ -727,9 +729,7 @@ std::optional<std::size_t> SQLiteStore::count(const FetchRequest& request, Error
     }
     auto& select = statement(plan->sql);
     StatementUse use(select);
-    for (std::size_t index = 0; index < plan->bindings.size(); ++index) {
-        select.bind(static_cast<int>(index + 1), plan->bindings[index]);
-    }
+    select.bindAll(plan->bindings);
     if (select.step() != SQLITE_ROW) {
         setError(error, sqliteError(NSCoreDataError, "The store could not be read."));
         return std::nullopt;

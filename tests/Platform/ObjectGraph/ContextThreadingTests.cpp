@@ -1,6 +1,7 @@
 #include "Platform/Dispatch/DispatchSemaphore.h"
 #include "Platform/Foundation/Thread.h"
 #include "tests/Platform/ObjectGraph/ObjectGraphFixture.h"
+#include "tests/Support/RunLoopWaiting.h"
 
 #include <gtest/gtest.h>
 
@@ -8,19 +9,9 @@
 #include <thread>
 
 using namespace platform;
+using testsupport::runMainLoopUntil;
 
 namespace {
-
-// Pumps the main run loop until `done` says so (the main queue needs it).
-template <typename Done>
-void runMainLoopUntil(Done done)
-{
-    const auto loop = RunLoop::mainRunLoop();
-    const Date limit = Date::now().dateByAddingTimeInterval(30);
-    while (!done() && Date::now() < limit) {
-        loop->runModeBeforeDate(NSDefaultRunLoopMode, Date::now().dateByAddingTimeInterval(0.05));
-    }
-}
 
 class ContextThreading : public testing::Test {
 protected:
