@@ -213,13 +213,8 @@ Value ManagedObject::publicValue(const PropertyDescription& property) const
         if (static_cast<const RelationshipDescription&>(property).isOrdered()) {
             value = Value(array != nullptr ? OrderedSet::withArray(*array) : OrderedSet());
         } else {
-            Set set;
-            if (array != nullptr) {
-                for (const auto& element : *array) {
-                    set.insert(element);
-                }
-            }
-            value = Value(std::move(set));
+            // A relationship holds each object once.
+            value = Value(Set::withDistinctValues(array != nullptr ? *array : Array{}));
         }
     }
     didAccessValueForKey(property.name());

@@ -48,11 +48,13 @@ std::shared_ptr<FetchRequest> copyOfRequest(const FetchRequest& request, bool ke
 
 Value objectsAsSet(const std::vector<ManagedObjectRef>& objects)
 {
-    Set set;
+    Array values;
+    values.reserve(objects.size());
     for (const auto& object : objects) {
-        set.insert(Value(object));
+        values.push_back(Value(object));
     }
-    return Value(std::move(set));
+    // A change set holds each object once.
+    return Value(Set::withDistinctValues(std::move(values)));
 }
 
 ErrorRef missingObject(const ManagedObjectID& id)

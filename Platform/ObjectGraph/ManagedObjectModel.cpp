@@ -7,6 +7,7 @@
 
 #include <sodium.h>
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <set>
@@ -706,11 +707,46 @@ private:
     std::string_view source_;
 };
 
+// How deep the brackets of `text` nest, outside strings. A model nests five
+// levels; text nested thousands deep is refused before the JSON reader, whose
+// conversion into values recurses once per level, sees it.
+std::size_t nestingDepth(std::string_view text)
+{
+    std::size_t depth = 0;
+    std::size_t deepest = 0;
+    bool inString = false;
+    for (std::size_t index = 0; index < text.size(); ++index) {
+        const char c = text[index];
+        if (inString) {
+            if (c == '\\') {
+                ++index;
+            } else if (c == '"') {
+                inString = false;
+            }
+        } else if (c == '"') {
+            inString = true;
+        } else if (c == '[' || c == '{') {
+            deepest = std::max(deepest, ++depth);
+        } else if ((c == ']' || c == '}') && depth > 0) {
+            --depth;
+        }
+    }
+    return deepest;
+}
+
+constexpr std::size_t kMaximumNesting = 32;
+
 }  // namespace
 
 ManagedObjectModelRef ManagedObjectModel::modelWithJSONText(std::string_view text, std::string_view sourceName,
                                                             ErrorRef* error)
 {
+    if (nestingDepth(text) > kMaximumNesting) {
+        setError(error, objectgraph::makeError(NSFileReadCorruptFileError,
+                                               "The model file " + std::string(sourceName) + " is not a valid model.",
+                                               std::string(sourceName) + ": nested deeper than a model is."));
+        return nullptr;
+    }
     ErrorRef parseError;
     auto root = JSONSerialization::valueWithString(text, 0, &parseError);
     if (!root) {

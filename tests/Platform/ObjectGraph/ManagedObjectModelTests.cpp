@@ -223,6 +223,7 @@ TEST(ManagedObjectModelFileTest, BadFilesAreRefusedNamingThePlace)
     const Row rows[] = {
         {"syntax", replaced(model, R"("name": "Department",)", R"("name": "Department")"), "line 7, column"},
         {"not an object", "[1, 2]", "not a JSON object"},
+        {"nested without end", std::string(100000, '[') + std::string(100000, ']'), "nested deeper"},
         {"format name", replaced(model, "zarvo-object-model", "other"), "format"},
         {"format version", replaced(model, R"("formatVersion": 1)", R"("formatVersion": 2)"), "formatVersion"},
         {"unknown key", replaced(model, R"("class": "StaffMember",)", R"("klass": "StaffMember",)"), "entities[1].klass"},
