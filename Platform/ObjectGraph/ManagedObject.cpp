@@ -130,6 +130,15 @@ void ManagedObject::bind(const EntityDescription& entity)
     entity_ = &entity;
 }
 
+ManagedObjectRef ManagedObject::makeFault(const EntityDescription& entity, ManagedObjectIDRef id)
+{
+    auto object = makeInstance(entity);
+    object->bind(entity);
+    object->fault_ = true;
+    object->setObjectID(std::move(id));
+    return object;
+}
+
 std::shared_ptr<ManagedObjectContext> ManagedObject::managedObjectContext() const
 {
     return context_ != nullptr ? std::static_pointer_cast<ManagedObjectContext>(context_->shared_from_this()) : nullptr;

@@ -126,6 +126,9 @@ private:
     friend class EntityDescription;
 
     void bind(const EntityDescription& entity);
+    // An object of the entity's class with no values, to be registered as a
+    // fault: nothing is allocated for values until it fires.
+    static ManagedObjectRef makeFault(const EntityDescription& entity, ManagedObjectIDRef id);
     void setObjectID(ManagedObjectIDRef id) { objectID_.store(std::move(id), std::memory_order_release); }
     void fireFault() const;
     const Value& storedValue(std::size_t index) const;

@@ -560,10 +560,7 @@ ManagedObjectRef ManagedObjectContext::objectWithID(const ManagedObjectIDRef& ob
     if (&objectID->entity().managedObjectModel() != &model()) {
         Exception::raise(NSInvalidArgumentException, "The object ID is not of the context's model.");
     }
-    ManagedObjectRef object = ManagedObject::create(objectID->entity(), nullptr);
-    object->values_.clear();
-    object->committed_.clear();
-    object->fault_ = true;
+    ManagedObjectRef object = ManagedObject::makeFault(objectID->entity(), objectID);
     registerObject(object, objectID);
     return object;
 }

@@ -38,7 +38,7 @@ const std::string& emptyString()
 
 }  // namespace
 
-ManagedObjectID::ManagedObjectID(const EntityDescription& entity, std::shared_ptr<const std::string> store,
+ManagedObjectID::ManagedObjectID(Passkey, const EntityDescription& entity, std::shared_ptr<const std::string> store,
                                  std::int64_t key, bool temporary)
     : entity_(&entity), store_(std::move(store)), key_(key), temporary_(temporary)
 {
@@ -46,15 +46,15 @@ ManagedObjectID::ManagedObjectID(const EntityDescription& entity, std::shared_pt
 
 ManagedObjectIDRef ManagedObjectID::temporaryID(const EntityDescription& entity)
 {
-    return ManagedObjectIDRef(
-        new ManagedObjectID(entity, nullptr, nextTemporaryKey.fetch_add(1, std::memory_order_relaxed), true));
+    return std::make_shared<ManagedObjectID>(Passkey(), entity, nullptr,
+                                             nextTemporaryKey.fetch_add(1, std::memory_order_relaxed), true);
 }
 
 ManagedObjectIDRef ManagedObjectID::permanentID(const EntityDescription& entity,
                                                 std::shared_ptr<const std::string> storeIdentifier,
                                                 std::int64_t primaryKey)
 {
-    return ManagedObjectIDRef(new ManagedObjectID(entity, std::move(storeIdentifier), primaryKey, false));
+    return std::make_shared<ManagedObjectID>(Passkey(), entity, std::move(storeIdentifier), primaryKey, false);
 }
 
 const std::string& ManagedObjectID::storeIdentifier() const

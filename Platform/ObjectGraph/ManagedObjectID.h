@@ -68,9 +68,17 @@ public:
     // "<x-zarvo-object://.../Person/p42>", as the platform prints IDs.
     std::string description() const override;
 
+    // For make_shared (one allocation per ID); the factories above are the
+    // way to make one.
+    struct Passkey {
+    private:
+        friend class ManagedObjectID;
+        Passkey() = default;
+    };
+    ManagedObjectID(Passkey, const EntityDescription& entity, std::shared_ptr<const std::string> store,
+                    std::int64_t key, bool temporary);
+
 private:
-    ManagedObjectID(const EntityDescription& entity, std::shared_ptr<const std::string> store, std::int64_t key,
-                    bool temporary);
 
     const EntityDescription* entity_;
     std::shared_ptr<const std::string> store_;

@@ -231,6 +231,8 @@ private:
     const SQLiteStore& store_;
 };
 
+SQLiteStore::EntityWriter::~EntityWriter() = default;
+
 std::shared_ptr<SQLiteStore> SQLiteStore::create(Configuration configuration)
 {
     return std::shared_ptr<SQLiteStore>(new SQLiteStore(std::move(configuration)));
@@ -241,6 +243,7 @@ SQLiteStore::SQLiteStore(Configuration configuration) : PersistentStore(std::mov
 SQLiteStore::~SQLiteStore()
 {
     statements_.clear();
+    writers_.clear();
     if (database_ != nullptr) {
         sqlite3_close_v2(database_);
     }
@@ -464,33 +467,40 @@ std::optional<std::int64_t> SQLiteStore::storedVersion(const ManagedObjectID& ob
     return std::nullopt;
 }
 
+SQLiteStore::EntityWriter& SQLiteStore::writerFor(const EntityDescription& entity)
+{
+    // Made once per entity: saves write many rows of few entities, and
+    // building and looking up the statements' text per row would cost more
+    // than SQLite's work on it.
+    auto& writer = writers_[&entity];
+    if (!writer) {
+        writer = std::make_unique<EntityWriter>();
+        const std::string table = quoted(entity.name());
+        for (const auto* property : entity.properties()) {
+            if (!property->isRelationship() || !static_cast<const RelationshipDescription*>(property)->isToMany()) {
+                writer->columns.push_back(property);
+            }
+        }
+        std::string insert = "INSERT INTO " + table + " (Z_PK, Z_OPT";
+        std::string placeholders = "?, ?";
+        std::string update = "UPDATE " + table + " SET Z_OPT = ?";
+        for (const auto* property : writer->columns) {
+            insert += ", " + quoted(property->name());
+            placeholders += ", ?";
+            update += ", " + quoted(property->name()) + " = ?";
+        }
+        writer->insert = std::make_unique<Statement>(database_, insert + ") VALUES (" + placeholders + ")");
+        writer->update = std::make_unique<Statement>(database_, update + " WHERE Z_PK = ?");
+    }
+    return *writer;
+}
+
 bool SQLiteStore::writeObject(const SaveChanges::Change& change, bool insert, ErrorRef* error)
 {
     const EntityDescription& entity = change.objectID->entity();
-    const std::string table = quoted(entity.name());
-    std::vector<const PropertyDescription*> columns;
-    for (const auto* property : entity.properties()) {
-        if (!property->isRelationship() || !static_cast<const RelationshipDescription*>(property)->isToMany()) {
-            columns.push_back(property);
-        }
-    }
-    std::string sql;
-    if (insert) {
-        sql = "INSERT INTO " + table + " (Z_PK, Z_OPT";
-        std::string placeholders = "?, ?";
-        for (const auto* property : columns) {
-            sql += ", " + quoted(property->name());
-            placeholders += ", ?";
-        }
-        sql += ") VALUES (" + placeholders + ")";
-    } else {
-        sql = "UPDATE " + table + " SET Z_OPT = ?";
-        for (const auto* property : columns) {
-            sql += ", " + quoted(property->name()) + " = ?";
-        }
-        sql += " WHERE Z_PK = ?";
-    }
-    auto& write = statement(sql);
+    EntityWriter& writer = writerFor(entity);
+    const auto& columns = writer.columns;
+    auto& write = insert ? *writer.insert : *writer.update;
     {
         StatementUse use(write);
         int index = 1;

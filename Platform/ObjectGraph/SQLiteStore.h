@@ -86,8 +86,18 @@ private:
     bool deleteObject(const ManagedObjectID& objectID, ErrorRef* error);
     std::optional<std::int64_t> storedVersion(const ManagedObjectID& objectID, ErrorRef* error);
 
+    // The statements that write one entity's rows, with the columns they bind.
+    struct EntityWriter {
+        std::vector<const PropertyDescription*> columns;
+        std::unique_ptr<Statement> insert;
+        std::unique_ptr<Statement> update;
+        ~EntityWriter();
+    };
+    EntityWriter& writerFor(const EntityDescription& entity);
+
     sqlite3* database_ = nullptr;
     std::map<std::string, std::unique_ptr<Statement>> statements_;
+    std::map<const EntityDescription*, std::unique_ptr<EntityWriter>> writers_;
 };
 
 }  // namespace platform
