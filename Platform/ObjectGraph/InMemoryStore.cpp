@@ -1,6 +1,7 @@
 #include "Platform/ObjectGraph/InMemoryStore.h"
 
 #include "Platform/ObjectGraph/FetchRequest.h"
+#include "Platform/ObjectGraph/ManagedObject.h"
 #include "Platform/ObjectGraph/ObjectGraphError.h"
 #include "Platform/ObjectGraph/StoreEvaluation.h"
 
@@ -261,6 +262,20 @@ Value InMemoryStore::Row::valueOfProperty(const PropertyDescription& property) c
         }
     }
     return Value(std::move(related));
+}
+
+bool InMemoryStore::Row::isEqual(const Object& other) const
+{
+    if (const auto* row = dynamic_cast<const Row*>(&other)) {
+        return row->entity_ == entity_ && row->primaryKey_ == primaryKey_;
+    }
+    ManagedObjectIDRef id;
+    if (const auto* object = dynamic_cast<const ManagedObject*>(&other)) {
+        id = object->objectID();
+    }
+    const ManagedObjectID* named = id ? id.get() : dynamic_cast<const ManagedObjectID*>(&other);
+    return named != nullptr && !named->isTemporaryID() && &named->entity() == entity_ &&
+           named->primaryKey() == primaryKey_ && named->storeIdentifier() == *store_->identifier();
 }
 
 const PropertyTable& InMemoryStore::Row::propertyTable() const

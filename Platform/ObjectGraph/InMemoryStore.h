@@ -89,6 +89,9 @@ public:
 
     // Key-value coding by property name; see the banner.
     const PropertyTable& propertyTable() const override;
+    // A row equals the rows, IDs and managed objects of the same object, so
+    // that "department == %@" with an object matches as in SQL.
+    bool isEqual(const Object& other) const override;
     std::string className() const override { return entity_->name(); }
 
 private:

@@ -97,6 +97,14 @@ TEST_P(Fetching, PredicatesSelectTheSameObjectsInEveryStore)
         EXPECT_EQ(context->countForFetchRequest(*request), row.expected.size());
     }
     EXPECT_EQ(fetchAll(context, "Employee").size(), 5u);
+
+    // An object as a constant matches the rows of that object.
+    auto request = FetchRequest::fetchRequestWithEntityName("Department");
+    request->setPredicate(Predicate::predicateWithFormat("name == 'Sales'"));
+    const auto department = context->executeFetchRequest(*request)->front();
+    auto names = fetchNames(context, "Employee", Predicate::predicateWithFormat("department == %@", {Value(department)}));
+    std::sort(names.begin(), names.end());
+    EXPECT_EQ(names, (std::vector<std::string>{"Ada", "Bob"}));
 }
 
 TEST_P(Fetching, SortDescriptorsOrderAndLimitsCut)
