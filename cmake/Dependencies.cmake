@@ -14,6 +14,8 @@ pkg_check_modules(LIBSSL REQUIRED IMPORTED_TARGET libssl)
 # rtnetlink messages for network reachability; thin, with no cache of its own.
 pkg_check_modules(MNL REQUIRED IMPORTED_TARGET libmnl)
 find_package(nlohmann_json 3 REQUIRED)
+# The XML store's file: a DOM that reads a large graph quickly.
+pkg_check_modules(PUGIXML REQUIRED IMPORTED_TARGET pugixml)
 # ICU: character properties (icu-uc) and date formatting (icu-i18n).
 pkg_check_modules(ICU_UC REQUIRED IMPORTED_TARGET icu-uc)
 pkg_check_modules(ICU_I18N REQUIRED IMPORTED_TARGET icu-i18n)

@@ -1,6 +1,7 @@
 #include "Platform/FileSystem/FileManager.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -298,6 +299,121 @@ bool FileManager::removeItemAtPath(const std::string& path, ErrorRef* error)
     if (failure) {
         setError(error, fileError(failure.value(), path));
         return false;
+    }
+    return true;
+}
+
+std::optional<Data> FileManager::contentsAtPath(const std::string& path, std::size_t maximumSize, ErrorRef* error)
+{
+    if (!isUsablePath(path, error)) {
+        return std::nullopt;
+    }
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        setError(error, fileError(errno, path));
+        return std::nullopt;
+    }
+    const auto closer = std::unique_ptr<int, void (*)(int*)>(new int(fd), [](int* descriptor) {
+        ::close(*descriptor);
+        delete descriptor;
+    });
+    struct stat status {};
+    if (::fstat(fd, &status) != 0) {
+        setError(error, fileError(errno, path));
+        return std::nullopt;
+    }
+    if (S_ISDIR(status.st_mode)) {
+        setError(error, fileError(EISDIR, path));
+        return std::nullopt;
+    }
+    Data contents;
+    // The size is only a hint (a file may grow while it is read, and /proc
+    // files report 0); the limit is checked on what is actually read.
+    contents.reserve(std::min<std::size_t>(static_cast<std::size_t>(std::max<off_t>(status.st_size, 0)), maximumSize));
+    std::uint8_t buffer[65536];
+    for (;;) {
+        const ssize_t count = ::read(fd, buffer, sizeof buffer);
+        if (count < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            setError(error, fileError(errno, path));
+            return std::nullopt;
+        }
+        if (count == 0) {
+            break;
+        }
+        if (contents.size() + static_cast<std::size_t>(count) > maximumSize) {
+            setError(error, fileError(EFBIG, path));
+            return std::nullopt;
+        }
+        contents.insert(contents.end(), buffer, buffer + count);
+    }
+    return contents;
+}
+
+bool FileManager::writeContentsAtomically(const std::string& path, const Data& contents, ErrorRef* error)
+{
+    if (!isUsablePath(path, error)) {
+        return false;
+    }
+    const std::filesystem::path target(path);
+    const std::string directory = target.has_parent_path() ? target.parent_path().string() : std::string(".");
+    // A name of our own beside the target, made with O_EXCL so that the
+    // umask gives the new file the mode a plain creation would (mkstemp's
+    // fixed 0600 would not), and nobody else's file is ever opened.
+    static std::atomic<unsigned long> counter{0};
+    std::string temporary;
+    int fd = -1;
+    for (int attempt = 0; attempt < 100 && fd < 0; ++attempt) {
+        temporary = directory + "/." + target.filename().string() + "." + std::to_string(::getpid()) + "." +
+                    std::to_string(counter.fetch_add(1, std::memory_order_relaxed)) + ".tmp";
+        fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+        if (fd < 0 && errno != EEXIST) {
+            break;
+        }
+    }
+    if (fd < 0) {
+        setError(error, fileError(errno, path));
+        return false;
+    }
+    auto fail = [&](int code) {
+        ::close(fd);
+        ::unlink(temporary.c_str());
+        setError(error, fileError(code, path));
+        return false;
+    };
+    std::size_t written = 0;
+    while (written < contents.size()) {
+        const ssize_t count = ::write(fd, contents.data() + written, contents.size() - written);
+        if (count < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return fail(errno);
+        }
+        written += static_cast<std::size_t>(count);
+    }
+    if (::fsync(fd) != 0) {
+        return fail(errno);
+    }
+    if (::close(fd) != 0) {
+        const int code = errno;
+        ::unlink(temporary.c_str());
+        setError(error, fileError(code, path));
+        return false;
+    }
+    if (::rename(temporary.c_str(), path.c_str()) != 0) {
+        const int code = errno;
+        ::unlink(temporary.c_str());
+        setError(error, fileError(code, path));
+        return false;
+    }
+    // The rename is durable only once the directory's entry is on disk.
+    const int directoryFd = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (directoryFd >= 0) {
+        ::fsync(directoryFd);
+        ::close(directoryFd);
     }
     return true;
 }

@@ -99,6 +99,19 @@ public:
     // there is ENOENT.
     [[nodiscard]] static bool removeItemAtPath(const std::string& path, ErrorRef* error = nullptr);
 
+    // The whole contents of a regular file. A file larger than `maximumSize`
+    // is EFBIG, so that a file from outside cannot make us read without end;
+    // a directory is EISDIR.
+    [[nodiscard]] static std::optional<Data> contentsAtPath(const std::string& path, std::size_t maximumSize,
+                                                            ErrorRef* error = nullptr);
+    // Replaces the file at `path` with `contents` so that a reader, or the
+    // file after a crash, shows either the old or the new contents whole: a
+    // temporary file beside it is written, flushed to disk, renamed over the
+    // path, and the directory flushed. New files get mode 0666 less the
+    // umask. On failure the temporary file is removed and the old file stays.
+    [[nodiscard]] static bool writeContentsAtomically(const std::string& path, const Data& contents,
+                                                      ErrorRef* error = nullptr);
+
     // Extended attributes in the "user." namespace: `name` is given without
     // it ("velmora.log.archived" is stored as "user.velmora.log.archived").
     // A missing attribute is ENODATA. Values may be empty.

@@ -131,10 +131,33 @@ std::optional<std::string> JSONSerialization::stringWithValue(const Value& value
 
 std::optional<Value> JSONSerialization::valueWithString(std::string_view text, unsigned options, ErrorRef* error)
 {
-    auto json = Json::parse(text.begin(), text.end(), nullptr, false);
-    if (json.is_discarded() || (!json.is_structured() && !(options & AllowFragments))) {
-        setError(error, Error::create(std::string(NSCocoaErrorDomain), kReadCorruptCode,
-                                      Dictionary{{NSLocalizedDescriptionKey, "The data couldn\u2019t be read because it isn\u2019t in the correct format."}}));
+    Json json;
+    std::optional<std::size_t> failedAt;
+    try {
+        json = Json::parse(text.begin(), text.end());
+    } catch (const Json::parse_error& failure) {
+        // The parser counts the byte it stopped at from 1.
+        failedAt = failure.byte > 0 ? failure.byte - 1 : 0;
+    }
+    if (failedAt || (!json.is_structured() && !(options & AllowFragments))) {
+        Dictionary userInfo{{NSLocalizedDescriptionKey, "The data couldn\u2019t be read because it isn\u2019t in the correct format."}};
+        if (failedAt) {
+            // Where the text stops being JSON, as an editor shows it, so that
+            // a hand-written file can be mended.
+            const std::size_t end = std::min(*failedAt, text.size());
+            std::size_t line = 1;
+            std::size_t lineStart = 0;
+            for (std::size_t index = 0; index < end; ++index) {
+                if (text[index] == '\n') {
+                    ++line;
+                    lineStart = index + 1;
+                }
+            }
+            userInfo.set(NSLocalizedFailureReasonErrorKey, "Malformed JSON at line " + std::to_string(line) +
+                                                               ", column " + std::to_string(end - lineStart + 1) + ".");
+            userInfo.set("NSJSONSerializationErrorIndex", Value(static_cast<std::int64_t>(end)));
+        }
+        setError(error, Error::create(std::string(NSCocoaErrorDomain), kReadCorruptCode, std::move(userInfo)));
         return std::nullopt;
     }
     return fromJson(json);

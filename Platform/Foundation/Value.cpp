@@ -339,6 +339,13 @@ Set::Set(std::initializer_list<Value> values)
     }
 }
 
+Set Set::withDistinctValues(Array values)
+{
+    Set set;
+    set.values_ = std::move(values);
+    return set;
+}
+
 bool Set::insert(Value value)
 {
     if (contains(value)) {

@@ -158,6 +158,11 @@ class Set {
 public:
     Set() = default;
     Set(std::initializer_list<Value> values);
+    // The values as a set, in their order, without comparing them with one
+    // another: for callers that know them distinct (objects by identity, the
+    // members of a relationship), where checking would cost a comparison per
+    // pair. Equal values given here make a set that is not one.
+    static Set withDistinctValues(Array values);
 
     bool insert(Value value);  // false when an equal value is present
     bool remove(const Value& value);

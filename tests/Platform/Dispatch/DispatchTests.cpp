@@ -7,6 +7,7 @@
 #include "tests/Support/AssertionCapture.h"
 #include "tests/Support/RunProgram.h"
 #include "tests/Support/Signal.h"
+#include "tests/Support/RunLoopWaiting.h"
 
 #include <gtest/gtest.h>
 
@@ -21,23 +22,13 @@
 #include <vector>
 
 using namespace platform;
+using testsupport::runMainLoopUntil;
 using namespace std::chrono_literals;
 using testsupport::Signal;
 
 namespace {
 
 const char kQueueKey = 0;
-
-// Pumps the main run loop until `done` says so (the main queue needs it).
-template <typename Done>
-void runMainLoopUntil(Done done)
-{
-    const auto loop = RunLoop::mainRunLoop();
-    const Date limit = Date::now().dateByAddingTimeInterval(20);
-    while (!done() && Date::now() < limit) {
-        loop->runModeBeforeDate(NSDefaultRunLoopMode, Date::now().dateByAddingTimeInterval(0.05));
-    }
-}
 
 TEST(DispatchQueue, RunsBlocksOneAtATimeInSubmissionOrderPerThread)
 {

@@ -87,6 +87,7 @@ using ItemMoving = FileManagerTest;
 using ItemRemoval = FileManagerTest;
 using LinkReading = FileManagerTest;
 using ExtendedAttributes = FileManagerTest;
+using FileContents = FileManagerTest;
 
 }  // namespace
 
@@ -319,6 +320,43 @@ TEST_F(LinkReading, ReadsTheWholeTargetWhateverTheReportedSize)
     ErrorRef error;
     EXPECT_FALSE(FileManager::destinationOfSymbolicLinkAtPath(path("plain"), &error));
     expectPosixError(error, EINVAL, path("plain"));
+}
+
+TEST_F(FileContents, ReadsWholeFilesWithinTheLimitOnly)
+{
+    writeFile(path("data"), std::string("ab\0cd", 5));
+    const auto contents = FileManager::contentsAtPath(path("data"), 5);
+    ASSERT_TRUE(contents.has_value());
+    EXPECT_EQ(*contents, (platform::Data{'a', 'b', 0, 'c', 'd'}));
+
+    ErrorRef error;
+    EXPECT_FALSE(FileManager::contentsAtPath(path("data"), 4, &error));
+    expectPosixError(error, EFBIG, path("data"));
+    EXPECT_FALSE(FileManager::contentsAtPath(directory_.path(), 100, &error));
+    expectPosixError(error, EISDIR, directory_.path());
+    EXPECT_FALSE(FileManager::contentsAtPath(path("missing"), 100, &error));
+    expectPosixError(error, ENOENT, path("missing"));
+}
+
+TEST_F(FileContents, AtomicWritesReplaceWholeAndLeaveNothingBeside)
+{
+    writeFile(path("store"), "old contents, longer than the new");
+    ASSERT_TRUE(FileManager::writeContentsAtomically(path("store"), platform::Data{'n', 'e', 'w'}));
+    EXPECT_EQ(*FileManager::contentsAtPath(path("store"), 100), (platform::Data{'n', 'e', 'w'}));
+    EXPECT_THAT(*FileManager::contentsOfDirectoryAtPath(directory_.path()), ElementsAre("store"));
+
+    // A new file gets the mode the umask gives, not a temporary file's 0600.
+    const mode_t mask = ::umask(022);
+    ASSERT_TRUE(FileManager::writeContentsAtomically(path("fresh"), {}));
+    ::umask(mask);
+    EXPECT_EQ(FileManager::attributesOfItemAtPath(path("fresh"))->posixPermissions, 0644u);
+
+    // Where nothing can be written, the old file and the directory stay as
+    // they were.
+    ErrorRef error;
+    EXPECT_FALSE(FileManager::writeContentsAtomically(path("none/store"), {}, &error));
+    expectPosixError(error, ENOENT, path("none/store"));
+    EXPECT_THAT(*FileManager::contentsOfDirectoryAtPath(directory_.path()), ElementsAre("fresh", "store"));
 }
 
 TEST_F(ItemRemoval, RemovesFilesAndWholeTrees)

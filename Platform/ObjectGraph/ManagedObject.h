@@ -1,0 +1,161 @@
+// ManagedObject: one object of the graph, as one context sees it.
+//
+//   auto person = ManagedObject::insertNewObjectForEntityForName("Person", *context);
+//   person->setValueForKey("Ada", "name");                 // key-value coding, observed
+//   person->setValueForKey(Value(department), "department"); // the inverse follows
+//   context->save(&error);
+//   person->objectID()->URIRepresentation();               // permanent from now on
+//
+// The entity decides the class: the class registry is asked for the entity's
+// class name (Platform/Runtime/Class.h); a class registered there must derive
+// from ManagedObject and have a factory; any other name gives the generic
+// ManagedObject. Its properties answer key-value coding and observing by
+// name; "objectID" reads the ID.
+//
+// Values by kind of property, as valueForKey answers them and setValueForKey
+// takes them: attributes as Values of their type (nothing for nil); to-one
+// relationships as the related object or nothing; to-many as a Set of
+// objects, ordered to-many as an OrderedSet (setValueForKey also takes an
+// Array). Setting a relationship changes the inverse on the other side in the
+// same step (and observers of the other side hear of it).
+//
+// Threading: an object belongs to its context and is used only where the
+// context may be used (ManagedObjectContext.h). The one exception is
+// `objectID()`, which any thread may read at any time: merges read the IDs of
+// another context's saved objects from the thread that saved.
+//
+// Faults: an object fetched or looked up by ID starts as a fault, with no
+// values. The first access to a property (valueForKey, primitiveValueForKey,
+// willAccessValueForKey) fills it from the parent context or the store; a
+// fault whose object no longer exists raises "NSObjectInaccessibleException".
+//
+// Not promised: validation of a value's type when it is set (that happens at
+// save, NSManagedObjectValidationError), or that a to-many Set keeps any order.
+#pragma once
+
+#include "Platform/Foundation/Object.h"
+#include "Platform/ObjectGraph/ManagedObjectID.h"
+#include "Platform/ObjectGraph/ManagedObjectModel.h"
+#include "Platform/ObjectGraph/PersistentStore.h"
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace platform {
+
+class ManagedObjectContext;
+class ManagedObject;
+using ManagedObjectRef = std::shared_ptr<ManagedObject>;
+
+inline constexpr std::string_view NSObjectInaccessibleException = "NSObjectInaccessibleException";
+
+class ManagedObject : public Object {
+public:
+    ~ManagedObject() override;
+
+    // A new object of `entity`, inserted into `context` (when given) or in no
+    // context at all: such an object keeps its values in memory and is saved
+    // only once inserted (ManagedObjectContext::insertObject). Defaults of
+    // the entity's attributes are set; awakeFromInsert runs.
+    static ManagedObjectRef create(const EntityDescription& entity, ManagedObjectContext* context);
+    // The same by entity name in the context's model; raises
+    // "NSInternalInconsistencyException" for an unknown name.
+    static ManagedObjectRef insertNewObjectForEntityForName(std::string_view entityName, ManagedObjectContext& context);
+
+    const EntityDescription& entity() const { return *entity_; }
+    // Any thread; see the banner.
+    ManagedObjectIDRef objectID() const { return objectID_.load(std::memory_order_acquire); }
+    // Nothing when the object is in no context (made without one, or its
+    // deletion was saved, or its context is gone).
+    std::shared_ptr<ManagedObjectContext> managedObjectContext() const;
+
+    bool isFault() const { return fault_; }
+    bool isInserted() const { return inserted_; }
+    bool isUpdated() const { return updated_; }
+    bool isDeleted() const { return deleted_; }
+    bool hasChanges() const { return inserted_ || updated_ || deleted_; }
+
+    // The values of the properties that differ from the last saved (or
+    // fetched) ones, by name.
+    Dictionary changedValues() const;
+    // The last saved (or fetched) values of the named properties (all when
+    // empty), by name.
+    Dictionary committedValuesForKeys(const std::vector<std::string>& keys = {}) const;
+
+    // Values without observer notifications or inverse changes; a change still
+    // counts as one for saving. Unknown keys raise "NSUndefinedKeyException".
+    Value primitiveValueForKey(std::string_view key) const;
+    void setPrimitiveValueForKey(const Value& value, std::string_view key);
+
+    // Every property read goes through these; the first call fires a fault.
+    // `key` may be empty (fire only). Subclasses may override them and must
+    // call the base.
+    virtual void willAccessValueForKey(std::string_view key) const;
+    virtual void didAccessValueForKey(std::string_view key) const;
+
+    // setValueForKey for each entry, in order.
+    void setValuesForKeysWithDictionary(const Dictionary& values);
+
+    // Adds or removes one object of a to-many relationship (and the inverse).
+    void addObjectToRelationship(const ManagedObjectRef& object, std::string_view key);
+    void removeObjectFromRelationship(const ManagedObjectRef& object, std::string_view key);
+
+    // Hooks for subclasses: after insertion (defaults are set), after a fault
+    // is filled, before the context saves the object.
+    virtual void awakeFromInsert() {}
+    virtual void awakeFromFetch() {}
+    virtual void willSave() {}
+
+    const PropertyTable& propertyTable() const override;
+    std::string className() const override;
+    // "<Class: 0x...> (entity: E; id: <uri>; data: <fault>|{...})"; values of
+    // attributes are left out, they may be secrets.
+    std::string description() const override;
+
+protected:
+    // For registered subclasses' factories; the entity is bound afterwards.
+    ManagedObject() = default;
+
+private:
+    friend class ManagedObjectContext;
+    friend class EntityDescription;
+
+    void bind(const EntityDescription& entity);
+    // An object of the entity's class with no values, to be registered as a
+    // fault: nothing is allocated for values until it fires.
+    static ManagedObjectRef makeFault(const EntityDescription& entity, ManagedObjectIDRef id);
+    void setObjectID(ManagedObjectIDRef id) { objectID_.store(std::move(id), std::memory_order_release); }
+    void fireFault() const;
+    const Value& storedValue(std::size_t index) const;
+    void setStoredValue(std::size_t index, Value value);  // marks the change
+    Value publicValue(const PropertyDescription& property) const;
+    void setPublicValue(const PropertyDescription& property, const Value& value, bool maintainInverse);
+    void relateTo(const RelationshipDescription& relationship, const ManagedObjectRef& target, bool add,
+                  bool maintainInverse);
+    void noteChanged();
+    // The objects a stored relationship value holds (an Array for to-many,
+    // the object or nothing for to-one).
+    static std::vector<ManagedObjectRef> storedTargets(const Value& stored);
+
+    const EntityDescription* entity_ = nullptr;
+    ManagedObjectContext* context_ = nullptr;  // the context that holds this object registered
+    std::atomic<ManagedObjectIDRef> objectID_;
+    // By property index. Relationships hold objects: to-one the object or
+    // nothing, to-many an Array of objects. Empty while a fault.
+    mutable std::vector<Value> values_;
+    // The values as last fetched or saved (relationships as object IDs), for
+    // changedValues and merging; the store version they came with.
+    mutable std::vector<Value> committed_;
+    mutable std::int64_t version_ = 0;
+    mutable bool fault_ = false;
+    bool inserted_ = false;
+    bool updated_ = false;
+    bool deleted_ = false;
+};
+
+}  // namespace platform

@@ -1,0 +1,1144 @@
+#include "Platform/ObjectGraph/ManagedObjectContext.h"
+
+#include "Platform/Foundation/Exception.h"
+#include "Platform/Foundation/Thread.h"
+#include "Platform/ObjectGraph/ObjectGraphError.h"
+#include "Platform/ObjectGraph/PersistentStoreCoordinator.h"
+#include "Platform/ObjectGraph/StoreEvaluation.h"
+
+#include <algorithm>
+#include <map>
+#include <unordered_set>
+
+namespace platform {
+namespace {
+
+constexpr const char* kAssertionSourceFile = "Platform/ObjectGraph/ManagedObjectContext";
+
+// Marks the private queues of contexts, so that performBlockAndWait knows it
+// is already on its context's queue.
+const char kContextQueueKey = 0;
+
+// The contexts whose blocks the calling thread is running, innermost last: a
+// block of performBlock/performBlockAndWait may always use its context.
+thread_local std::vector<const ManagedObjectContext*> performing;
+
+class PerformingScope {
+public:
+    explicit PerformingScope(const ManagedObjectContext* context) { performing.push_back(context); }
+    ~PerformingScope() { performing.pop_back(); }
+    PerformingScope(const PerformingScope&) = delete;
+    PerformingScope& operator=(const PerformingScope&) = delete;
+};
+
+std::shared_ptr<FetchRequest> copyOfRequest(const FetchRequest& request, bool keepLimit)
+{
+    auto copy = FetchRequest::fetchRequestWithEntityName(request.entityName());
+    copy->setPredicate(request.predicate());
+    copy->setSortDescriptors(request.sortDescriptors());
+    copy->setResultType(request.resultType());
+    copy->setIncludesPendingChanges(request.includesPendingChanges());
+    copy->setReturnsObjectsAsFaults(request.returnsObjectsAsFaults());
+    if (keepLimit) {
+        copy->setFetchLimit(request.fetchLimit());
+        copy->setFetchOffset(request.fetchOffset());
+    }
+    return copy;
+}
+
+Value objectsAsSet(const std::vector<ManagedObjectRef>& objects)
+{
+    Array values;
+    values.reserve(objects.size());
+    for (const auto& object : objects) {
+        values.push_back(Value(object));
+    }
+    // A change set holds each object once.
+    return Value(Set::withDistinctValues(std::move(values)));
+}
+
+ErrorRef missingObject(const ManagedObjectID& id)
+{
+    return objectgraph::makeError(NSManagedObjectReferentialIntegrityError, "The object does not exist.",
+                                  id.description());
+}
+
+}  // namespace
+
+// The objects of one change set, in the order they joined it, with constant
+// time membership.
+struct ManagedObjectContext::ObjectSet {
+    std::unordered_map<ManagedObject*, std::pair<std::uint64_t, ManagedObjectRef>> members;
+    std::uint64_t next = 0;
+
+    bool insert(const ManagedObjectRef& object) { return members.try_emplace(object.get(), next++, object).second; }
+    bool erase(ManagedObject* object) { return members.erase(object) > 0; }
+    bool contains(ManagedObject* object) const { return members.count(object) > 0; }
+    bool empty() const { return members.empty(); }
+    void clear() { members.clear(); }
+    std::vector<ManagedObjectRef> ordered() const
+    {
+        std::vector<std::pair<std::uint64_t, ManagedObjectRef>> entries;
+        entries.reserve(members.size());
+        for (const auto& [pointer, entry] : members) {
+            entries.push_back(entry);
+        }
+        std::sort(entries.begin(), entries.end(),
+                  [](const auto& left, const auto& right) { return left.first < right.first; });
+        std::vector<ManagedObjectRef> objects;
+        objects.reserve(entries.size());
+        for (auto& entry : entries) {
+            objects.push_back(std::move(entry.second));
+        }
+        return objects;
+    }
+};
+
+ManagedObjectContext::ManagedObjectContext(ManagedObjectContextConcurrencyType type)
+    : type_(type),
+      ownerThread_(std::this_thread::get_id()),
+      inserted_(std::make_unique<ObjectSet>()),
+      updated_(std::make_unique<ObjectSet>()),
+      deleted_(std::make_unique<ObjectSet>())
+{
+    switch (type_) {
+    case ManagedObjectContextConcurrencyType::PrivateQueue:
+        queue_ = DispatchQueue::create("NSManagedObjectContext");
+        queue_->setSpecific(&kContextQueueKey, this);
+        sequence_.bindToQueue(queue_);
+        break;
+    case ManagedObjectContextConcurrencyType::MainQueue:
+        queue_ = DispatchQueue::main();
+        sequence_.bindToQueue(queue_);
+        break;
+    case ManagedObjectContextConcurrencyType::Confinement:
+        ownerRunLoop_ = RunLoop::currentRunLoop();
+        break;
+    }
+}
+
+ManagedObjectContextRef ManagedObjectContext::create(ManagedObjectContextConcurrencyType type)
+{
+    return ManagedObjectContextRef(new ManagedObjectContext(type));
+}
+
+ManagedObjectContext::~ManagedObjectContext()
+{
+    // Objects and their relationships hold each other; the context breaks
+    // the cycles it is the root of.
+    for (auto& [id, object] : registered_) {
+        object->values_.clear();
+        object->context_ = nullptr;
+    }
+}
+
+bool ManagedObjectContext::isCurrentPerformer() const
+{
+    return std::find(performing.begin(), performing.end(), this) != performing.end();
+}
+
+void ManagedObjectContext::checkAccess(const char* method) const
+{
+#ifndef NDEBUG
+    if (!isCurrentPerformer() && !sequence_.calledOnValidSequence()) {
+        AssertionHandler::handleFailure({method, kAssertionSourceFile, __LINE__,
+                                         "The context " + description() +
+                                             " is used outside its queue or thread."});
+    }
+#else
+    (void)method;
+#endif
+}
+
+// --- Queues ---------------------------------------------------------------------------
+
+void ManagedObjectContext::performBlock(std::function<void()> block)
+{
+    auto self = std::static_pointer_cast<ManagedObjectContext>(shared_from_this());
+    auto run = [self, block = std::move(block)] {
+        PerformingScope scope(self.get());
+        block();
+    };
+    switch (type_) {
+    case ManagedObjectContextConcurrencyType::PrivateQueue:
+    case ManagedObjectContextConcurrencyType::MainQueue:
+        queue_->async(std::move(run));
+        break;
+    case ManagedObjectContextConcurrencyType::Confinement:
+        ownerRunLoop_->performBlock(std::move(run));
+        break;
+    }
+}
+
+void ManagedObjectContext::performBlockAndWait(const std::function<void()>& block)
+{
+    auto runHere = [&] {
+        PerformingScope scope(this);
+        block();
+    };
+    if (isCurrentPerformer()) {
+        block();
+        return;
+    }
+    switch (type_) {
+    case ManagedObjectContextConcurrencyType::PrivateQueue:
+        if (DispatchQueue::getSpecific(&kContextQueueKey) == this) {
+            runHere();
+        } else {
+            queue_->sync(runHere);
+        }
+        break;
+    case ManagedObjectContextConcurrencyType::MainQueue:
+        if (Thread::isMainThread()) {
+            runHere();
+        } else {
+            queue_->sync(runHere);
+        }
+        break;
+    case ManagedObjectContextConcurrencyType::Confinement:
+        runHere();
+        break;
+    }
+}
+
+// --- Set-up ----------------------------------------------------------------------------
+
+void ManagedObjectContext::setPersistentStoreCoordinator(std::shared_ptr<PersistentStoreCoordinator> coordinator)
+{
+    PLATFORM_ASSERT(!parent_ && !coordinator_ && registered_.empty(),
+                    "A context's coordinator or parent is set once, before the context is used.");
+    coordinator_ = std::move(coordinator);
+}
+
+void ManagedObjectContext::setParentContext(ManagedObjectContextRef parent)
+{
+    PLATFORM_ASSERT(!parent_ && !coordinator_ && registered_.empty(),
+                    "A context's coordinator or parent is set once, before the context is used.");
+    PLATFORM_ASSERT(parent.get() != this, "A context cannot be its own parent.");
+    parent_ = std::move(parent);
+}
+
+std::shared_ptr<PersistentStoreCoordinator> ManagedObjectContext::persistentStoreCoordinator() const
+{
+    const ManagedObjectContext* context = this;
+    while (context->parent_) {
+        context = context->parent_.get();
+    }
+    return context->coordinator_;
+}
+
+const ManagedObjectModel& ManagedObjectContext::model() const
+{
+    const auto coordinator = persistentStoreCoordinator();
+    if (!coordinator) {
+        Exception::raise(NSInternalInconsistencyException,
+                         "The context has neither a coordinator nor a parent with one.");
+    }
+    return *coordinator->managedObjectModel();
+}
+
+std::optional<std::string> ManagedObjectContext::name() const
+{
+    std::lock_guard lock(nameMutex_);
+    return name_;
+}
+
+void ManagedObjectContext::setName(std::optional<std::string> name)
+{
+    std::lock_guard lock(nameMutex_);
+    name_ = std::move(name);
+}
+
+Dictionary& ManagedObjectContext::userInfo()
+{
+    checkAccess(__func__);
+    return userInfo_;
+}
+
+std::string ManagedObjectContext::description() const
+{
+    return "<NSManagedObjectContext: " + addressString() + ">" + (name() ? " " + *name() : std::string());
+}
+
+// --- Change sets -------------------------------------------------------------------------
+
+bool ManagedObjectContext::hasChanges() const
+{
+    checkAccess(__func__);
+    return !inserted_->empty() || !updated_->empty() || !deleted_->empty();
+}
+
+std::vector<ManagedObjectRef> ManagedObjectContext::insertedObjects() const
+{
+    checkAccess(__func__);
+    return inserted_->ordered();
+}
+
+std::vector<ManagedObjectRef> ManagedObjectContext::updatedObjects() const
+{
+    checkAccess(__func__);
+    return updated_->ordered();
+}
+
+std::vector<ManagedObjectRef> ManagedObjectContext::deletedObjects() const
+{
+    checkAccess(__func__);
+    return deleted_->ordered();
+}
+
+std::vector<ManagedObjectRef> ManagedObjectContext::registeredObjects() const
+{
+    checkAccess(__func__);
+    std::vector<ManagedObjectRef> objects;
+    objects.reserve(registered_.size());
+    for (const auto& [id, object] : registered_) {
+        objects.push_back(object);
+    }
+    return objects;
+}
+
+void ManagedObjectContext::registerObject(const ManagedObjectRef& object, ManagedObjectIDRef id)
+{
+    object->context_ = this;
+    object->setObjectID(id);
+    registered_[std::move(id)] = object;
+}
+
+void ManagedObjectContext::forget(ManagedObject& object)
+{
+    const auto found = registered_.find(object.objectID());
+    if (found != registered_.end() && found->second.get() == &object) {
+        // The map holds the last strong reference the context has; keep the
+        // object alive until it is tidied.
+        auto keep = found->second;
+        registered_.erase(found);
+        inserted_->erase(&object);
+        updated_->erase(&object);
+        deleted_->erase(&object);
+        object.context_ = nullptr;
+        object.values_.clear();
+        object.inserted_ = object.updated_ = object.deleted_ = false;
+        object.fault_ = false;
+        return;
+    }
+    inserted_->erase(&object);
+    updated_->erase(&object);
+    deleted_->erase(&object);
+}
+
+void ManagedObjectContext::noteUpdated(ManagedObject& object)
+{
+    if (object.inserted_ || object.deleted_ || object.updated_) {
+        return;
+    }
+    const auto found = registered_.find(object.objectID());
+    if (found == registered_.end()) {
+        return;
+    }
+    object.updated_ = true;
+    updated_->insert(found->second);
+}
+
+bool ManagedObjectContext::hasChangesOfEntity(const EntityDescription& entity) const
+{
+    for (const auto* set : {inserted_.get(), updated_.get(), deleted_.get()}) {
+        for (const auto& [object, entry] : set->members) {
+            if (&object->entity() == &entity) {
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
+void ManagedObjectContext::insertObject(const ManagedObjectRef& object)
+{
+    checkAccess(__func__);
+    if (!object) {
+        Exception::raise(NSInvalidArgumentException, "Cannot insert nothing into a context.");
+    }
+    if (object->context_ == this) {
+        return;
+    }
+    if (object->context_ != nullptr) {
+        Exception::raise(NSInvalidArgumentException, "An object can be in one context only.");
+    }
+    if (&object->entity().managedObjectModel() != &model()) {
+        Exception::raise(NSInvalidArgumentException, "The object's entity is not of the context's model.");
+    }
+    registerObject(object, object->objectID());
+    object->inserted_ = true;
+    inserted_->insert(object);
+}
+
+void ManagedObjectContext::deleteObject(const ManagedObjectRef& object)
+{
+    checkAccess(__func__);
+    if (!object || object->context_ != this) {
+        Exception::raise(NSInvalidArgumentException, "An object can only be deleted by its own context.");
+    }
+    if (object->deleted_) {
+        return;
+    }
+    object->fireFault();
+    if (object->inserted_) {
+        // Mark it first, so that a cascade back to it stops here.
+        object->deleted_ = true;
+        applyDeleteRules(*object);
+        forget(*object);
+        return;
+    }
+    object->deleted_ = true;
+    object->updated_ = false;
+    updated_->erase(object.get());
+    deleted_->insert(object);
+    applyDeleteRules(*object);
+}
+
+void ManagedObjectContext::applyDeleteRules(ManagedObject& object)
+{
+    const auto self = std::static_pointer_cast<ManagedObject>(object.shared_from_this());
+    for (const auto& relationship : object.entity().relationships()) {
+        // A copy: cascades and nullifications change the value as we go.
+        const auto targets = ManagedObject::storedTargets(object.values_[relationship->index()]);
+        switch (relationship->deleteRule()) {
+        case DeleteRule::Nullify:
+            if (const RelationshipDescription* inverse = relationship->inverseRelationship()) {
+                for (const auto& target : targets) {
+                    if (target->context_ == this && !target->deleted_) {
+                        target->willChangeValueForKey(inverse->name());
+                        target->relateTo(*inverse, self, false, false);
+                        target->didChangeValueForKey(inverse->name());
+                    }
+                }
+            }
+            break;
+        case DeleteRule::Cascade:
+            for (const auto& target : targets) {
+                if (target->context_ == this && !target->deleted_) {
+                    deleteObject(target);
+                }
+            }
+            break;
+        case DeleteRule::Deny:      // checked when saving
+        case DeleteRule::NoAction:  // the other side keeps pointing here
+            break;
+        }
+    }
+}
+
+// --- Faults and snapshots ---------------------------------------------------------------
+
+ObjectSnapshot ManagedObjectContext::snapshotOf(const ManagedObject& object) const
+{
+    ObjectSnapshot snapshot;
+    snapshot.version = object.version_;
+    snapshot.values.reserve(object.values_.size());
+    for (const auto* property : object.entity().properties()) {
+        const Value& value = object.values_[property->index()];
+        if (!property->isRelationship()) {
+            snapshot.values.push_back(value);
+        } else if (const Array* array = value.array()) {
+            Array ids;
+            ids.reserve(array->size());
+            for (const auto& element : *array) {
+                ids.push_back(Value(element.objectAs<ManagedObject>()->objectID()));
+            }
+            snapshot.values.push_back(Value(std::move(ids)));
+        } else if (auto target = value.objectAs<ManagedObject>()) {
+            snapshot.values.push_back(Value(target->objectID()));
+        } else {
+            snapshot.values.push_back(Value());
+        }
+    }
+    return snapshot;
+}
+
+ManagedObjectRef ManagedObjectContext::objectForIDValue(const Value& id)
+{
+    auto objectID = id.objectAs<ManagedObjectID>();
+    return objectID ? objectWithID(objectID) : nullptr;
+}
+
+Value ManagedObjectContext::relationshipValueFromSnapshot(const RelationshipDescription& relationship,
+                                                          const Value& stored)
+{
+    if (!relationship.isToMany()) {
+        auto object = objectForIDValue(stored);
+        return object ? Value(object) : Value();
+    }
+    Array objects;
+    if (const Array* ids = stored.array()) {
+        objects.reserve(ids->size());
+        for (const auto& id : *ids) {
+            if (auto object = objectForIDValue(id)) {
+                objects.push_back(Value(object));
+            }
+        }
+    }
+    return Value(std::move(objects));
+}
+
+void ManagedObjectContext::applySnapshot(ManagedObject& object, const ObjectSnapshot& snapshot, bool keepChanges)
+{
+    const auto& properties = object.entity().properties();
+    std::vector<Value> values(properties.size());
+    const bool hadValues = !object.fault_ && object.values_.size() == properties.size();
+    const ObjectSnapshot mine = hadValues ? snapshotOf(object) : ObjectSnapshot{};
+    for (const auto* property : properties) {
+        const std::size_t index = property->index();
+        const Value stored = index < snapshot.values.size() ? snapshot.values[index] : Value();
+        const bool changedHere = keepChanges && hadValues && index < object.committed_.size() &&
+                                 !(mine.values[index] == object.committed_[index]);
+        if (changedHere) {
+            values[index] = object.values_[index];
+        } else if (property->isRelationship()) {
+            values[index] = relationshipValueFromSnapshot(static_cast<const RelationshipDescription&>(*property), stored);
+        } else {
+            values[index] = stored;
+        }
+    }
+    object.values_ = std::move(values);
+    object.committed_ = snapshot.values;
+    object.committed_.resize(properties.size());
+    object.version_ = snapshot.version;
+    object.fault_ = false;
+}
+
+std::optional<ObjectSnapshot> ManagedObjectContext::snapshotFromAbove(const ManagedObjectIDRef& id, ErrorRef* error)
+{
+    if (!parent_) {
+        if (id->isTemporaryID()) {
+            setError(error, missingObject(*id));
+            return std::nullopt;
+        }
+        return coordinator_->snapshotForObjectWithID(*id, error);
+    }
+    std::optional<ObjectSnapshot> snapshot;
+    ManagedObjectContext& parent = *parent_;
+    parent.performBlockAndWait([&] {
+        const auto object = parent.objectRegisteredForID(id);
+        if (object && object->deleted_) {
+            setError(error, missingObject(*id));
+            return;
+        }
+        if (object && !object->fault_) {
+            snapshot = parent.snapshotOf(*object);
+            return;
+        }
+        snapshot = parent.snapshotFromAbove(id, error);
+    });
+    return snapshot;
+}
+
+bool ManagedObjectContext::fulfillFault(ManagedObject& object, ErrorRef* error)
+{
+    const auto snapshot = snapshotFromAbove(object.objectID(), error);
+    if (!snapshot) {
+        return false;
+    }
+    applySnapshot(object, *snapshot, false);
+    object.awakeFromFetch();
+    return true;
+}
+
+ManagedObjectRef ManagedObjectContext::objectRegisteredForID(const ManagedObjectIDRef& objectID) const
+{
+    const auto found = registered_.find(objectID);
+    return found != registered_.end() ? found->second : nullptr;
+}
+
+ManagedObjectRef ManagedObjectContext::objectWithID(const ManagedObjectIDRef& objectID)
+{
+    checkAccess(__func__);
+    if (!objectID) {
+        Exception::raise(NSInvalidArgumentException, "An object ID is needed.");
+    }
+    if (auto object = objectRegisteredForID(objectID)) {
+        return object;
+    }
+    if (&objectID->entity().managedObjectModel() != &model()) {
+        Exception::raise(NSInvalidArgumentException, "The object ID is not of the context's model.");
+    }
+    ManagedObjectRef object = ManagedObject::makeFault(objectID->entity(), objectID);
+    registerObject(object, objectID);
+    return object;
+}
+
+ManagedObjectRef ManagedObjectContext::existingObjectWithID(const ManagedObjectIDRef& objectID, ErrorRef* error)
+{
+    checkAccess(__func__);
+    if (!objectID) {
+        Exception::raise(NSInvalidArgumentException, "An object ID is needed.");
+    }
+    if (auto object = objectRegisteredForID(objectID)) {
+        if (object->deleted_) {
+            setError(error, missingObject(*objectID));
+            return nullptr;
+        }
+        if (object->fault_ && !fulfillFault(*object, error)) {
+            return nullptr;
+        }
+        return object;
+    }
+    const auto snapshot = snapshotFromAbove(objectID, error);
+    if (!snapshot) {
+        return nullptr;
+    }
+    auto object = objectWithID(objectID);
+    applySnapshot(*object, *snapshot, false);
+    object->awakeFromFetch();
+    return object;
+}
+
+// --- Fetching ----------------------------------------------------------------------------
+
+std::optional<std::vector<ManagedObjectIDRef>> ManagedObjectContext::fetchIDs(const FetchRequest& request,
+                                                                              ErrorRef* error)
+{
+    const EntityDescription* entity = model().entityNamed(request.entityName());
+    if (entity == nullptr) {
+        setError(error, objectgraph::unknownEntityError(request.entityName()));
+        return std::nullopt;
+    }
+    const bool ownChanges = request.includesPendingChanges() && hasChangesOfEntity(*entity);
+    // With changes of our own, the limit and offset can only be applied once
+    // they are folded in.
+    const auto upstream = copyOfRequest(request, !ownChanges);
+    std::optional<std::vector<ManagedObjectIDRef>> ids;
+    if (parent_) {
+        ManagedObjectContext& parent = *parent_;
+        parent.performBlockAndWait([&] { ids = parent.fetchIDs(*upstream, error); });
+    } else {
+        ids = coordinator_->fetchObjectIDs(*upstream, error);
+    }
+    if (!ids || !ownChanges) {
+        return ids;
+    }
+
+    std::unordered_set<ManagedObjectIDRef, ManagedObjectIDHash, ManagedObjectIDEqual> present(ids->begin(), ids->end());
+    std::unordered_set<ManagedObjectIDRef, ManagedObjectIDHash, ManagedObjectIDEqual> removed;
+    for (const auto& [pointer, entry] : deleted_->members) {
+        if (&pointer->entity() == entity) {
+            removed.insert(pointer->objectID());
+        }
+    }
+    std::vector<ManagedObjectIDRef> added;
+    for (const auto* set : {inserted_.get(), updated_.get()}) {
+        for (const auto& object : set->ordered()) {
+            if (&object->entity() != entity) {
+                continue;
+            }
+            const auto matches = objectgraph::matchesPredicate(request, *object, error);
+            if (!matches) {
+                return std::nullopt;
+            }
+            const auto id = object->objectID();
+            if (*matches && !present.count(id)) {
+                added.push_back(id);
+                present.insert(id);
+            } else if (!*matches && present.count(id)) {
+                removed.insert(id);
+            }
+        }
+    }
+    std::vector<ObjectRef> objects;
+    objects.reserve(ids->size() + added.size());
+    for (const auto* list : {&*ids, &added}) {
+        for (const auto& id : *list) {
+            if (!removed.count(id)) {
+                objects.push_back(objectWithID(id));
+            }
+        }
+    }
+    if (!objectgraph::sortObjects(objects, request, error)) {
+        return std::nullopt;
+    }
+    objectgraph::applyOffsetAndLimit(objects, request);
+    std::vector<ManagedObjectIDRef> result;
+    result.reserve(objects.size());
+    for (const auto& object : objects) {
+        result.push_back(std::static_pointer_cast<ManagedObject>(object)->objectID());
+    }
+    return result;
+}
+
+std::optional<std::vector<ManagedObjectIDRef>> ManagedObjectContext::executeFetchRequestForIDs(
+    const FetchRequest& request, ErrorRef* error)
+{
+    checkAccess(__func__);
+    return fetchIDs(request, error);
+}
+
+std::optional<std::vector<ManagedObjectRef>> ManagedObjectContext::executeFetchRequest(const FetchRequest& request,
+                                                                                      ErrorRef* error)
+{
+    checkAccess(__func__);
+    const auto ids = fetchIDs(request, error);
+    if (!ids) {
+        return std::nullopt;
+    }
+    std::vector<ManagedObjectRef> objects;
+    objects.reserve(ids->size());
+    for (const auto& id : *ids) {
+        auto object = objectWithID(id);
+        if (!request.returnsObjectsAsFaults() && object->fault_ && !fulfillFault(*object, error)) {
+            return std::nullopt;
+        }
+        objects.push_back(std::move(object));
+    }
+    return objects;
+}
+
+std::optional<std::size_t> ManagedObjectContext::countForFetchRequest(const FetchRequest& request, ErrorRef* error)
+{
+    checkAccess(__func__);
+    const EntityDescription* entity = model().entityNamed(request.entityName());
+    if (entity != nullptr && request.includesPendingChanges() && hasChangesOfEntity(*entity)) {
+        const auto ids = fetchIDs(request, error);
+        return ids ? std::optional<std::size_t>(ids->size()) : std::nullopt;
+    }
+    if (!parent_) {
+        return coordinator_->count(request, error);
+    }
+    std::optional<std::size_t> count;
+    ManagedObjectContext& parent = *parent_;
+    parent.performBlockAndWait([&] { count = parent.countForFetchRequest(request, error); });
+    return count;
+}
+
+// --- Permanent IDs -------------------------------------------------------------------------
+
+bool ManagedObjectContext::obtainPermanentIDsForObjects(const std::vector<ManagedObjectRef>& objects, ErrorRef* error)
+{
+    checkAccess(__func__);
+    const auto coordinator = persistentStoreCoordinator();
+    std::map<const EntityDescription*, std::vector<ManagedObjectRef>> byEntity;
+    for (const auto& object : objects) {
+        if (object && object->objectID()->isTemporaryID()) {
+            byEntity[&object->entity()].push_back(object);
+        }
+    }
+    for (auto& [entity, group] : byEntity) {
+        const auto ids = coordinator->newObjectIDs(*entity, group.size(), error);
+        if (!ids) {
+            return false;
+        }
+        for (std::size_t index = 0; index < group.size(); ++index) {
+            ManagedObject& object = *group[index];
+            if (object.context_ == this) {
+                registered_.erase(object.objectID());
+                registerObject(group[index], (*ids)[index]);
+            } else {
+                object.setObjectID((*ids)[index]);
+            }
+        }
+    }
+    return true;
+}
+
+// --- Saving --------------------------------------------------------------------------------
+
+bool ManagedObjectContext::validate(ErrorRef* error) const
+{
+    auto fail = [&](std::int64_t code, const ManagedObject& object, const PropertyDescription& property,
+                    const std::string& problem) {
+        setError(error, objectgraph::makeError(
+                            code, "The object of entity " + object.entity().name() + " cannot be saved.",
+                            "The property " + property.name() + " " + problem + ".", nullptr,
+                            Dictionary{{NSValidationKeyErrorKey, Value(property.name())},
+                                       {NSValidationObjectErrorKey,
+                                        Value(std::const_pointer_cast<ManagedObject>(
+                                            std::static_pointer_cast<const ManagedObject>(object.shared_from_this())))}}));
+        return false;
+    };
+    for (const auto* set : {inserted_.get(), updated_.get()}) {
+        for (const auto& object : set->ordered()) {
+            for (const auto& attribute : object->entity().attributes()) {
+                const Value& value = object->values_[attribute->index()];
+                if (!value) {
+                    if (!attribute->isOptional()) {
+                        return fail(NSValidationMissingMandatoryPropertyError, *object, *attribute, "is required");
+                    }
+                } else if (!valueFitsAttributeType(value, attribute->attributeType())) {
+                    return fail(NSManagedObjectValidationError, *object, *attribute,
+                                "holds a value that is not of the type " +
+                                    std::string(attributeTypeName(attribute->attributeType())));
+                }
+            }
+            for (const auto& relationship : object->entity().relationships()) {
+                const auto targets = ManagedObject::storedTargets(object->values_[relationship->index()]);
+                if (targets.empty() && !relationship->isOptional()) {
+                    return fail(NSValidationMissingMandatoryPropertyError, *object, *relationship, "is required");
+                }
+                for (const auto& target : targets) {
+                    if (target->context_ != this) {
+                        return fail(NSManagedObjectValidationError, *object, *relationship,
+                                    "holds an object that is not in the context");
+                    }
+                }
+            }
+        }
+    }
+    for (const auto& [pointer, entry] : deleted_->members) {
+        const ManagedObject& object = *pointer;
+        for (const auto& relationship : object.entity().relationships()) {
+            if (relationship->deleteRule() != DeleteRule::Deny) {
+                continue;
+            }
+            bool holds = false;
+            for (const auto& target : ManagedObject::storedTargets(object.values_[relationship->index()])) {
+                holds = holds || !target->deleted_;
+            }
+            if (holds) {
+                return fail(NSValidationRelationshipDeniedDeleteError, object, *relationship,
+                            "still holds objects and its delete rule denies the delete");
+            }
+        }
+    }
+    return true;
+}
+
+bool ManagedObjectContext::save(ErrorRef* error)
+{
+    checkAccess(__func__);
+    if (saving_) {
+        Exception::raise(NSInternalInconsistencyException, "A context cannot save while it is saving.");
+    }
+    if (!hasChanges()) {
+        return true;
+    }
+    saving_ = true;
+    struct Reset {
+        bool& flag;
+        ~Reset() { flag = false; }
+    } reset{saving_};
+    for (const auto* set : {inserted_.get(), updated_.get()}) {
+        for (const auto& object : set->ordered()) {
+            object->willSave();
+        }
+    }
+    if (!validate(error)) {
+        return false;
+    }
+    return parent_ ? pushToParent(error) : saveToStore(error);
+}
+
+bool ManagedObjectContext::pushToParent(ErrorRef* error)
+{
+    struct Pushed {
+        ManagedObjectIDRef id;
+        ObjectSnapshot snapshot;
+        std::vector<std::size_t> changed;  // updates: the properties to copy
+    };
+    const auto inserted = inserted_->ordered();
+    const auto updated = updated_->ordered();
+    const auto deleted = deleted_->ordered();
+    std::vector<Pushed> insertions;
+    std::vector<Pushed> updates;
+    for (const auto& object : inserted) {
+        insertions.push_back({object->objectID(), snapshotOf(*object), {}});
+    }
+    for (const auto& object : updated) {
+        Pushed update{object->objectID(), snapshotOf(*object), {}};
+        for (std::size_t index = 0; index < update.snapshot.values.size(); ++index) {
+            if (index >= object->committed_.size() || !(update.snapshot.values[index] == object->committed_[index])) {
+                update.changed.push_back(index);
+            }
+        }
+        updates.push_back(std::move(update));
+    }
+
+    bool pushed = false;
+    ManagedObjectContext& parent = *parent_;
+    parent.performBlockAndWait([&] {
+        try {
+            // Every new object first, so that relationships among them find
+            // each other.
+            std::vector<ManagedObjectRef> made;
+            for (const auto& insertion : insertions) {
+                auto object = parent.objectRegisteredForID(insertion.id);
+                if (!object) {
+                    object = ManagedObject::create(insertion.id->entity(), nullptr);
+                    parent.registerObject(object, insertion.id);
+                }
+                object->fault_ = false;
+                object->inserted_ = true;
+                parent.inserted_->insert(object);
+                made.push_back(object);
+            }
+            auto copyValue = [&](ManagedObject& object, const PropertyDescription& property, const Value& stored) {
+                object.values_[property.index()] =
+                    property.isRelationship()
+                        ? parent.relationshipValueFromSnapshot(static_cast<const RelationshipDescription&>(property), stored)
+                        : stored;
+            };
+            for (std::size_t index = 0; index < insertions.size(); ++index) {
+                for (const auto* property : made[index]->entity().properties()) {
+                    copyValue(*made[index], *property, insertions[index].snapshot.values[property->index()]);
+                }
+            }
+            for (const auto& update : updates) {
+                auto object = parent.objectWithID(update.id);
+                object->fireFault();
+                for (const auto index : update.changed) {
+                    copyValue(*object, *object->entity().properties()[index], update.snapshot.values[index]);
+                }
+                object->noteChanged();
+            }
+            for (const auto& object : deleted) {
+                if (auto mine = parent.objectWithID(object->objectID()); !mine->deleted_) {
+                    parent.deleteObject(mine);
+                }
+            }
+            pushed = true;
+        } catch (const Exception& exception) {
+            setError(error, objectgraph::makeError(NSManagedObjectReferentialIntegrityError,
+                                                   "The changes could not be saved into the parent context.",
+                                                   exception.reason()));
+        }
+    });
+    if (!pushed) {
+        return false;
+    }
+    for (std::size_t index = 0; index < inserted.size(); ++index) {
+        inserted[index]->inserted_ = false;
+        inserted[index]->committed_ = insertions[index].snapshot.values;
+    }
+    for (std::size_t index = 0; index < updated.size(); ++index) {
+        updated[index]->updated_ = false;
+        updated[index]->committed_ = updates[index].snapshot.values;
+    }
+    inserted_->clear();
+    updated_->clear();
+    for (const auto& object : deleted) {
+        forget(*object);
+    }
+    postDidSave(inserted, updated, deleted);
+    return true;
+}
+
+bool ManagedObjectContext::saveToStore(ErrorRef* error)
+{
+    if (!obtainPermanentIDsForObjects(inserted_->ordered(), error)) {
+        return false;
+    }
+    const bool checkVersions = mergePolicy_ != MergePolicy::Overwrite;
+    auto inserted = inserted_->ordered();
+    auto updated = updated_->ordered();
+    auto deleted = deleted_->ordered();
+
+    auto build = [&] {
+        SaveChanges changes;
+        for (const auto& object : inserted) {
+            changes.inserted.push_back({object->objectID(), snapshotOf(*object), std::nullopt});
+        }
+        for (const auto& object : updated) {
+            changes.updated.push_back({object->objectID(), snapshotOf(*object),
+                                       checkVersions ? std::optional(object->version_) : std::nullopt});
+        }
+        for (const auto& object : deleted) {
+            changes.deleted.push_back(
+                {object->objectID(), {}, checkVersions ? std::optional(object->version_) : std::nullopt});
+        }
+        return changes;
+    };
+
+    // A conflict is resolved by the merge policy and the save tried again;
+    // each round settles the conflicts it met, so a few rounds suffice unless
+    // other writers keep changing the same objects.
+    for (int attempt = 0;; ++attempt) {
+        std::vector<ManagedObjectIDRef> conflicts;
+        ErrorRef saveError;
+        if (coordinator_->save(build(), &conflicts, &saveError)) {
+            break;
+        }
+        if (saveError->code() != NSManagedObjectMergeError || mergePolicy_ == MergePolicy::Error || attempt >= 8) {
+            if (saveError->code() == NSManagedObjectMergeError) {
+                Array conflictList;
+                for (const auto& id : conflicts) {
+                    if (auto object = objectRegisteredForID(id)) {
+                        conflictList.push_back(Value(object));
+                    }
+                }
+                saveError = objectgraph::makeError(NSManagedObjectMergeError,
+                                                   "The objects were changed by someone else since they were read.",
+                                                   saveError->localizedFailureReason().value_or(""), nullptr,
+                                                   Dictionary{{NSPersistentStoreSaveConflictsErrorKey,
+                                                               Value(std::move(conflictList))}});
+            }
+            setError(error, saveError);
+            return false;
+        }
+        for (const auto& id : conflicts) {
+            auto object = objectRegisteredForID(id);
+            if (!object) {
+                continue;
+            }
+            ErrorRef readError;
+            const auto current = coordinator_->snapshotForObjectWithID(*id, &readError);
+            auto dropFrom = [&](std::vector<ManagedObjectRef>& list) {
+                list.erase(std::remove(list.begin(), list.end(), object), list.end());
+            };
+            if (!current) {
+                // Deleted by someone else: our delete is done; our update has
+                // nothing left to update.
+                dropFrom(updated);
+                dropFrom(deleted);
+                forget(*object);
+                continue;
+            }
+            if (mergePolicy_ == MergePolicy::Rollback) {
+                dropFrom(updated);
+                dropFrom(deleted);
+                updated_->erase(object.get());
+                deleted_->erase(object.get());
+                object->updated_ = object->deleted_ = false;
+                applySnapshot(*object, *current, false);
+                continue;
+            }
+            if (object->deleted_) {
+                object->version_ = current->version;
+                continue;
+            }
+            const bool objectTrump = mergePolicy_ == MergePolicy::MergeByPropertyObjectTrump;
+            const ObjectSnapshot mine = snapshotOf(*object);
+            std::vector<Value> merged = current->values;
+            merged.resize(mine.values.size());
+            for (std::size_t index = 0; index < mine.values.size(); ++index) {
+                const bool oursChanged = !(mine.values[index] == object->committed_[index]);
+                const bool theirsChanged = !(current->values[index] == object->committed_[index]);
+                if (oursChanged && (!theirsChanged || objectTrump)) {
+                    merged[index] = mine.values[index];
+                }
+            }
+            applySnapshot(*object, {merged, current->version}, false);
+            object->committed_ = current->values;
+            object->committed_.resize(merged.size());
+        }
+    }
+
+    for (const auto& object : inserted) {
+        object->inserted_ = false;
+        object->version_ = 1;
+        object->committed_ = snapshotOf(*object).values;
+    }
+    for (const auto& object : updated) {
+        object->updated_ = false;
+        if (checkVersions) {
+            object->version_ += 1;
+        } else if (auto current = coordinator_->snapshotForObjectWithID(*object->objectID(), nullptr)) {
+            object->version_ = current->version;
+        }
+        object->committed_ = snapshotOf(*object).values;
+    }
+    inserted_->clear();
+    updated_->clear();
+    for (const auto& object : deleted) {
+        forget(*object);
+    }
+    deleted_->clear();
+    postDidSave(inserted, updated, deleted);
+    return true;
+}
+
+void ManagedObjectContext::postDidSave(const std::vector<ManagedObjectRef>& inserted,
+                                       const std::vector<ManagedObjectRef>& updated,
+                                       const std::vector<ManagedObjectRef>& deleted)
+{
+    Dictionary userInfo;
+    userInfo.set(NSInsertedObjectsKey, objectsAsSet(inserted));
+    userInfo.set(NSUpdatedObjectsKey, objectsAsSet(updated));
+    userInfo.set(NSDeletedObjectsKey, objectsAsSet(deleted));
+    NotificationCenter::defaultCenter()->postNotificationName(std::string(NSManagedObjectContextDidSaveNotification),
+                                                              shared_from_this(), std::move(userInfo));
+}
+
+// --- Undoing and merging ----------------------------------------------------------------------
+
+void ManagedObjectContext::refreshObject(const ManagedObjectRef& object, bool mergeChanges)
+{
+    checkAccess(__func__);
+    if (!object || object->context_ != this || object->inserted_) {
+        return;
+    }
+    if (!mergeChanges) {
+        updated_->erase(object.get());
+        deleted_->erase(object.get());
+        object->updated_ = object->deleted_ = false;
+        object->values_.clear();
+        object->committed_.clear();
+        object->fault_ = true;
+        return;
+    }
+    if (object->fault_) {
+        return;  // read fresh when first used
+    }
+    if (const auto snapshot = snapshotFromAbove(object->objectID(), nullptr)) {
+        applySnapshot(*object, *snapshot, true);
+    }
+}
+
+void ManagedObjectContext::rollback()
+{
+    checkAccess(__func__);
+    for (const auto& object : inserted_->ordered()) {
+        forget(*object);
+    }
+    for (const auto& object : updated_->ordered()) {
+        refreshObject(object, false);
+    }
+    for (const auto& object : deleted_->ordered()) {
+        refreshObject(object, false);
+    }
+}
+
+void ManagedObjectContext::reset()
+{
+    checkAccess(__func__);
+    auto registered = std::move(registered_);
+    registered_.clear();
+    inserted_->clear();
+    updated_->clear();
+    deleted_->clear();
+    for (auto& [id, object] : registered) {
+        object->values_.clear();
+        object->context_ = nullptr;
+    }
+}
+
+void ManagedObjectContext::mergeChangesFromContextDidSaveNotification(const Notification& notification)
+{
+    checkAccess(__func__);
+    auto each = [&](std::string_view key, const std::function<void(const ManagedObjectRef&)>& action) {
+        const Value* value = notification.userInfo.find(key);
+        if (value == nullptr || value->set() == nullptr) {
+            return;
+        }
+        for (const auto& element : *value->set()) {
+            if (auto saved = element.objectAs<ManagedObject>()) {
+                // Only the ID of another context's object is read: it is the
+                // one thing that may be read from any thread.
+                if (auto mine = objectRegisteredForID(saved->objectID())) {
+                    action(mine);
+                }
+            }
+        }
+    };
+    each(NSUpdatedObjectsKey, [&](const ManagedObjectRef& object) {
+        if (!object->fault_ && !object->inserted_) {
+            if (const auto snapshot = snapshotFromAbove(object->objectID(), nullptr)) {
+                for (const auto* property : object->entity().properties()) {
+                    object->willChangeValueForKey(property->name());
+                }
+                applySnapshot(*object, *snapshot, true);
+                for (const auto* property : object->entity().properties()) {
+                    object->didChangeValueForKey(property->name());
+                }
+            }
+        }
+    });
+    each(NSDeletedObjectsKey, [&](const ManagedObjectRef& object) { forget(*object); });
+}
+
+}  // namespace platform

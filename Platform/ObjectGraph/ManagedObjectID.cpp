@@ -1,0 +1,127 @@
+#include "Platform/ObjectGraph/ManagedObjectID.h"
+
+#include "Platform/ObjectGraph/ManagedObjectModel.h"
+
+#include <sodium.h>
+
+#include <atomic>
+#include <charconv>
+#include <cstdio>
+#include <cstdlib>
+
+namespace platform {
+namespace {
+
+// Temporary IDs of different runs must not be taken for one another when a
+// URI is kept by mistake: each process marks its own with a random tag.
+const std::string& processTag()
+{
+    static const std::string tag = [] {
+        if (sodium_init() < 0) {
+            std::abort();
+        }
+        char text[17];
+        std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(randombytes_random()) << 32 |
+                                                          randombytes_random());
+        return std::string(text);
+    }();
+    return tag;
+}
+
+std::atomic<std::int64_t> nextTemporaryKey{1};
+
+const std::string& emptyString()
+{
+    static const std::string empty;
+    return empty;
+}
+
+}  // namespace
+
+ManagedObjectID::ManagedObjectID(Passkey, const EntityDescription& entity, std::shared_ptr<const std::string> store,
+                                 std::int64_t key, bool temporary)
+    : entity_(&entity), store_(std::move(store)), key_(key), temporary_(temporary)
+{
+}
+
+ManagedObjectIDRef ManagedObjectID::temporaryID(const EntityDescription& entity)
+{
+    return std::make_shared<ManagedObjectID>(Passkey(), entity, nullptr,
+                                             nextTemporaryKey.fetch_add(1, std::memory_order_relaxed), true);
+}
+
+ManagedObjectIDRef ManagedObjectID::permanentID(const EntityDescription& entity,
+                                                std::shared_ptr<const std::string> storeIdentifier,
+                                                std::int64_t primaryKey)
+{
+    return std::make_shared<ManagedObjectID>(Passkey(), entity, std::move(storeIdentifier), primaryKey, false);
+}
+
+const std::string& ManagedObjectID::storeIdentifier() const
+{
+    return store_ ? *store_ : emptyString();
+}
+
+URL ManagedObjectID::URIRepresentation() const
+{
+    std::string text = std::string(kManagedObjectURIScheme) + "://" + storeIdentifier() + "/" + entity_->name() + "/";
+    text += temporary_ ? "t" + processTag() + "-" + std::to_string(key_) : "p" + std::to_string(key_);
+    // Store identifiers are hex and entity names are identifiers, so the
+    // text is always a URL.
+    return *URL::fromString(text);
+}
+
+std::optional<ManagedObjectID::URIParts> ManagedObjectID::parseURIRepresentation(const URL& uri)
+{
+    if (uri.scheme() != std::string(kManagedObjectURIScheme)) {
+        return std::nullopt;
+    }
+    const auto components = uri.pathComponents();  // "/", entity, key
+    if (components.size() != 3 || components[2].size() < 2) {
+        return std::nullopt;
+    }
+    URIParts parts;
+    parts.storeIdentifier = uri.host().value_or("");
+    parts.entityName = components[1];
+    const std::string& key = components[2];
+    std::string_view digits;
+    if (key[0] == 'p' && !parts.storeIdentifier.empty()) {
+        digits = std::string_view(key).substr(1);
+    } else if (key[0] == 't' && parts.storeIdentifier.empty()) {
+        // Only this process's own temporary IDs mean anything.
+        const std::string prefix = "t" + processTag() + "-";
+        if (key.compare(0, prefix.size(), prefix) != 0) {
+            return std::nullopt;
+        }
+        digits = std::string_view(key).substr(prefix.size());
+    } else {
+        return std::nullopt;
+    }
+    const auto [end, failure] = std::from_chars(digits.data(), digits.data() + digits.size(), parts.primaryKey);
+    if (failure != std::errc() || end != digits.data() + digits.size() || parts.primaryKey <= 0) {
+        return std::nullopt;
+    }
+    return parts;
+}
+
+bool ManagedObjectID::isEqual(const Object& other) const
+{
+    if (this == &other) {
+        return true;
+    }
+    const auto* id = dynamic_cast<const ManagedObjectID*>(&other);
+    return id != nullptr && id->entity_ == entity_ && id->key_ == key_ && id->temporary_ == temporary_ &&
+           id->storeIdentifier() == storeIdentifier();
+}
+
+std::size_t ManagedObjectID::hash() const
+{
+    return std::hash<std::int64_t>()(key_) ^ (std::hash<const void*>()(entity_) << 1) ^ (temporary_ ? 0x9e37 : 0);
+}
+
+std::string ManagedObjectID::description() const
+{
+    return "<" + URIRepresentation().absoluteString() + ">";
+}
+
+}  // namespace platform

@@ -1,0 +1,100 @@
+// ManagedObjectID: the identity of one object of the graph, across contexts
+// and, once permanent, across runs of the program.
+//
+// A new object gets a temporary ID; saving it (or obtaining permanent IDs
+// early) gives it a permanent one, made of the store's identifier, the
+// entity and the primary key the store assigned. The URI form of a permanent
+// ID reads
+//
+//   x-zarvo-object://6F0A...C1/Person/p42
+//
+// and the coordinator turns it back into an ID after a restart
+// (PersistentStoreCoordinator::managedObjectIDForURIRepresentation). A
+// temporary ID's URI ("x-zarvo-object:///Person/t<process>-<n>") names no
+// store and means nothing to another process.
+//
+// IDs are immutable and may be used from any thread; they compare equal by
+// entity, store and key (a temporary ID only to itself, however copied). An
+// ID refers to its entity, so it is valid while its model lives.
+#pragma once
+
+#include "Platform/Foundation/Object.h"
+#include "Platform/Foundation/URL.h"
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace platform {
+
+class EntityDescription;
+class ManagedObjectID;
+// Immutable, so shared without const (values and collections hold it so).
+using ManagedObjectIDRef = std::shared_ptr<ManagedObjectID>;
+
+inline constexpr std::string_view kManagedObjectURIScheme = "x-zarvo-object";
+
+class ManagedObjectID final : public Object {
+public:
+    static ManagedObjectIDRef temporaryID(const EntityDescription& entity);
+    // `storeIdentifier` is shared by every ID of one store.
+    static ManagedObjectIDRef permanentID(const EntityDescription& entity,
+                                          std::shared_ptr<const std::string> storeIdentifier,
+                                          std::int64_t primaryKey);
+
+    const EntityDescription& entity() const { return *entity_; }
+    bool isTemporaryID() const { return temporary_; }
+    // Empty for a temporary ID.
+    const std::string& storeIdentifier() const;
+    // The store's key of the object; for a temporary ID, a number unique in
+    // this process.
+    std::int64_t primaryKey() const { return key_; }
+
+    URL URIRepresentation() const;
+    // The parts of a URI made by URIRepresentation: nothing for anything
+    // else (another scheme, a malformed key, a name that is not a name).
+    struct URIParts {
+        std::string storeIdentifier;  // empty: temporary
+        std::string entityName;
+        std::int64_t primaryKey = 0;
+    };
+    static std::optional<URIParts> parseURIRepresentation(const URL& uri);
+
+    bool isEqual(const Object& other) const override;
+    std::size_t hash() const;
+    std::string className() const override { return "NSManagedObjectID"; }
+    // "<x-zarvo-object://.../Person/p42>", as the platform prints IDs.
+    std::string description() const override;
+
+    // For make_shared (one allocation per ID); the factories above are the
+    // way to make one.
+    struct Passkey {
+    private:
+        friend class ManagedObjectID;
+        Passkey() = default;
+    };
+    ManagedObjectID(Passkey, const EntityDescription& entity, std::shared_ptr<const std::string> store,
+                    std::int64_t key, bool temporary);
+
+private:
+
+    const EntityDescription* entity_;
+    std::shared_ptr<const std::string> store_;
+    std::int64_t key_;
+    bool temporary_;
+};
+
+// For unordered containers keyed by ID.
+struct ManagedObjectIDHash {
+    std::size_t operator()(const ManagedObjectIDRef& id) const { return id ? id->hash() : 0; }
+};
+struct ManagedObjectIDEqual {
+    bool operator()(const ManagedObjectIDRef& left, const ManagedObjectIDRef& right) const
+    {
+        return left == right || (left && right && left->isEqual(*right));
+    }
+};
+
+}  // namespace platform
