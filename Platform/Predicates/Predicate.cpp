@@ -653,16 +653,26 @@ bool compareOne(const Value& left, const Value& right, ComparisonPredicate::Oper
         }
         return *matched;
     }
-    const std::string subject = internal::foldString(*left.string(), options);
+    // Without options the strings are compared as they are, uncopied.
+    std::string foldedSubject;
+    std::string_view subject = *left.string();
+    if (options != 0) {
+        foldedSubject = internal::foldString(subject, options);
+        subject = foldedSubject;
+    }
     if (type == Op::Like) {
         return internal::LikePattern::parse(*right.string(), options).matches(subject);
     }
-    const std::string part = internal::foldString(*right.string(), options);
+    std::string foldedPart;
+    std::string_view part = *right.string();
+    if (options != 0) {
+        foldedPart = internal::foldString(part, options);
+        part = foldedPart;
+    }
     switch (type) {
-    case Op::BeginsWith: return subject.compare(0, part.size(), part) == 0;
-    case Op::EndsWith:
-        return subject.size() >= part.size() && subject.compare(subject.size() - part.size(), part.size(), part) == 0;
-    default: return subject.find(part) != std::string::npos;
+    case Op::BeginsWith: return subject.substr(0, part.size()) == part;
+    case Op::EndsWith: return subject.size() >= part.size() && subject.substr(subject.size() - part.size()) == part;
+    default: return subject.find(part) != std::string_view::npos;
     }
 }
 
