@@ -55,8 +55,9 @@ struct LikePattern {
 std::string escapeGlob(std::string_view text);
 
 // Whether the PCRE2 `pattern` matches all of `subject`. Compiled patterns are
-// cached per thread-safe table. A pattern that does not compile gives nothing,
-// and `error` (when given) the compiler's message.
+// kept in one table that all threads share (under a lock). A pattern that
+// does not compile gives nothing, and `error` (when given) the compiler's
+// message.
 std::optional<bool> regexMatches(std::string_view subject, std::string_view pattern, unsigned options,
                                  std::string* error = nullptr);
 
