@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <optional>
 
 namespace platform {
 namespace {
@@ -69,7 +70,13 @@ Json toJson(const Value& value, bool sortKeys)
     }
 }
 
-Value fromJson(const Json& json)
+// More levels of arrays and objects than any real document has. The parser
+// itself keeps its levels on the heap, but turning them into values recurses,
+// so a document of nothing but brackets would otherwise exhaust the stack.
+constexpr int kMaxNestingDepth = 512;
+
+// Nothing when the document nests deeper than `kMaxNestingDepth`.
+std::optional<Value> fromJson(const Json& json, int depth)
 {
     switch (json.type()) {
     case Json::value_t::boolean:
@@ -86,17 +93,31 @@ Value fromJson(const Json& json)
     case Json::value_t::string:
         return Value(json.get<std::string>());
     case Json::value_t::array: {
+        if (depth == kMaxNestingDepth) {
+            return std::nullopt;
+        }
         Array array;
         array.reserve(json.size());
         for (const auto& element : json) {
-            array.push_back(fromJson(element));
+            auto value = fromJson(element, depth + 1);
+            if (!value) {
+                return std::nullopt;
+            }
+            array.push_back(std::move(*value));
         }
         return Value(std::move(array));
     }
     case Json::value_t::object: {
+        if (depth == kMaxNestingDepth) {
+            return std::nullopt;
+        }
         Dictionary dictionary;
         for (const auto& [key, element] : json.items()) {
-            dictionary.set(key, fromJson(element));
+            auto value = fromJson(element, depth + 1);
+            if (!value) {
+                return std::nullopt;
+            }
+            dictionary.set(key, std::move(*value));
         }
         return Value(std::move(dictionary));
     }
@@ -139,7 +160,11 @@ std::optional<Value> JSONSerialization::valueWithString(std::string_view text, u
         // The parser counts the byte it stopped at from 1.
         failedAt = failure.byte > 0 ? failure.byte - 1 : 0;
     }
-    if (failedAt || (!json.is_structured() && !(options & AllowFragments))) {
+    std::optional<Value> value;
+    if (!failedAt && (json.is_structured() || (options & AllowFragments))) {
+        value = fromJson(json, 0);
+    }
+    if (!value) {
         Dictionary userInfo{{NSLocalizedDescriptionKey, "The data couldn\u2019t be read because it isn\u2019t in the correct format."}};
         if (failedAt) {
             // Where the text stops being JSON, as an editor shows it, so that
@@ -160,7 +185,7 @@ std::optional<Value> JSONSerialization::valueWithString(std::string_view text, u
         setError(error, Error::create(std::string(NSCocoaErrorDomain), kReadCorruptCode, std::move(userInfo)));
         return std::nullopt;
     }
-    return fromJson(json);
+    return value;
 }
 
 }  // namespace platform

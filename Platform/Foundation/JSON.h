@@ -2,6 +2,8 @@
 //
 // Objects map to insertion-ordered dictionaries, so a value written and read
 // back keeps its key order. Booleans stay booleans and integers stay integers.
+// Reading refuses documents nested more than 512 levels deep, as it refuses
+// malformed ones.
 #pragma once
 
 #include "Platform/Foundation/Value.h"

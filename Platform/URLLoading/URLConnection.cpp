@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <future>
+#include <mutex>
 
 namespace platform {
 
@@ -49,29 +50,41 @@ void URLConnection::setDelegateQueue(OperationQueueRef queue)
 
 void URLConnection::start()
 {
-    if (started_.exchange(true)) {
-        return;
+    std::shared_ptr<RunLoop> loop;
+    {
+        // A cancel that got here first means no load at all.
+        std::lock_guard lock(startMutex_);
+        if (cancelled_ || started_.exchange(true)) {
+            return;
+        }
+        loop = delegateQueue_ ? urlloading_internal::transportRunLoop() : RunLoop::currentRunLoop();
+        drivingLoop_ = loop;
     }
     if (!delegateQueue_) {
-        drivingLoop_ = RunLoop::currentRunLoop();
         CurlDriver::forCurrentThread().add(self());
         return;
     }
-    const auto loop = urlloading_internal::transportRunLoop();
-    drivingLoop_ = loop;
     loop->performBlock([connection = self()] { CurlDriver::forCurrentThread().add(connection); });
 }
 
 void URLConnection::cancel()
 {
-    if (cancelled_.exchange(true)) {
-        return;
+    std::shared_ptr<RunLoop> loop;
+    URLConnectionDelegateRef unstarted;
+    {
+        std::lock_guard lock(startMutex_);
+        if (cancelled_.exchange(true)) {
+            return;
+        }
+        loop = drivingLoop_.lock();
+        if (!loop) {
+            // Never started, and now never will: no load holds the delegate,
+            // so let it go here, or a delegate that keeps its connection
+            // would keep itself alive. It goes once the lock is released.
+            unstarted = std::move(delegate_);
+        }
     }
-    const auto loop = drivingLoop_.lock();
     if (!loop) {
-        // Never started: no load holds the delegate, so let it go here, or
-        // a delegate that keeps its connection would keep itself alive.
-        delegate_.reset();
         return;
     }
     if (loop == RunLoop::currentRunLoop()) {

@@ -40,6 +40,7 @@
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <mutex>
 
 namespace platform {
 
@@ -107,6 +108,9 @@ private:
     URLConnectionDelegateRef delegate_;  // the driving run loop's, until the load ends
     OperationQueueRef delegateQueue_;
     std::unique_ptr<urlloading_internal::Transfer> transfer_;
+    // Orders a `start` and a `cancel` that race from two threads, and guards
+    // `drivingLoop_`, which the first writes and the second reads.
+    std::mutex startMutex_;
     std::atomic<bool> started_{false};
     std::atomic<bool> cancelled_{false};
     std::weak_ptr<RunLoop> drivingLoop_;

@@ -75,6 +75,9 @@ void CurlDriver::add(const URLConnectionRef& connection)
         return;
     }
     if (connection->isCancelled()) {
+        // Cancelled between its start and now: no load will hold the
+        // delegate, and one that keeps its connection would keep itself.
+        connection->delegate_.reset();
         return;
     }
     connection->transfer_ = std::make_unique<Transfer>(*connection);

@@ -236,6 +236,34 @@ TEST(QMRESTAPIJSONParserTest, ListsKeepTheObjectElementsInOrder)
     }
 }
 
+TEST(QMRESTAPIJSONParserTest, AnswersNestedBeyondReasonAreErrorsNotCrashes)
+{
+    // A server can send a few hundred kilobytes of brackets; reading them must
+    // not recurse once per level.
+    constexpr std::size_t kLevels = 200000;
+    const std::string deepList = std::string(kLevels, '[') + std::string(kLevels, ']');
+    const std::string deepObject = R"({"name": )" + deepList + "}";
+    platform::ErrorRef error;
+    EXPECT_FALSE(QMRESTAPIJSONParser::parseObjectFromJSONData(bytes(deepObject), &resttest::repositoryClass(), &error));
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->code(), 3840);
+    error = nullptr;
+    EXPECT_FALSE(QMRESTAPIJSONParser::parseObjectsFromJSONData(bytes(deepList), &resttest::repositoryClass(), &error));
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->code(), 3840);
+
+    // Nesting that real answers use still reads, deepest level included.
+    const std::string nested = std::string(100, '[') + "\"x\"" + std::string(100, ']');
+    const auto model = std::dynamic_pointer_cast<TestRepository>(QMRESTAPIJSONParser::parseObjectFromJSONData(
+        bytes(R"({"name": )" + nested + "}"), &resttest::repositoryClass()));
+    ASSERT_TRUE(model);
+    Value level = model->get("name");
+    for (int depth = 0; depth < 100 && level.array() != nullptr && level.array()->size() == 1; ++depth) {
+        level = level.array()->front();
+    }
+    EXPECT_EQ(level, Value("x"));
+}
+
 TEST(QMRESTAPIJSONParserTest, MissingDataOrClassAndNonModelClassesFailTheirAssertions)
 {
     const Data empty = bytes("{}");

@@ -17,6 +17,7 @@
 
 #include <cstdlib>
 #include <future>
+#include <latch>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -365,6 +366,30 @@ TEST_F(QMRESTAPIRequestOperationLoadTest, AFailedConnectionIsTheConnectionHooksE
     EXPECT_THAT(operation->calls(), testing::ElementsAre("connectionError", "finish"));
     EXPECT_TRUE(operation->hooksRanOnConnectionQueue());
     EXPECT_FALSE(operation->response());
+}
+
+TEST_F(QMRESTAPIRequestOperationLoadTest, ACancelRacingAStartEndsItWhicheverComesFirst)
+{
+    // As a queue's cancel-all does while one of its threads starts the
+    // operation: the two meet on the connection with nothing ordering them.
+    for (int round = 0; round < 100; ++round) {
+        SCOPED_TRACE(round);
+        const auto operation = RecordingOperation::create(server_->url("/slow?seconds=60"));
+        // Both sides made ready beforehand, so that they meet at the connection.
+        static_cast<void>(operation->connection());
+        std::latch bothReady(2);
+        std::thread starter([&] {
+            static_cast<void>(platform::RunLoop::currentRunLoop());
+            bothReady.arrive_and_wait();
+            operation->start();
+        });
+        bothReady.arrive_and_wait();
+        operation->cancel();
+        starter.join();
+        EXPECT_TRUE(operation->isFinished());
+        EXPECT_FALSE(operation->error());
+        EXPECT_TRUE(operation->calls().empty());
+    }
 }
 
 TEST_F(QMRESTAPIRequestOperationLoadTest, OperationsRunFromAQueueAndFromSeveralThreadsAtOnce)
