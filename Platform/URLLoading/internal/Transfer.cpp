@@ -96,6 +96,11 @@ void Transfer::configure(const URLRequest& request)
         refusal_ = NSURLErrorBadURL;
         return;
     }
+    if (!request.url().scheme()) {
+        // libcurl would guess a scheme (and so a host) for a relative URL.
+        refusal_ = NSURLErrorUnsupportedURL;
+        return;
+    }
     curl_easy_setopt(easy_, CURLOPT_URL, request.url().absoluteString().c_str());
     curl_easy_setopt(easy_, CURLOPT_PRIVATE, this);
     curl_easy_setopt(easy_, CURLOPT_SHARE, sharedCurlCache());
