@@ -62,17 +62,18 @@ platform::MutableURLRequestRef QMHTTPClient::URLRequestForRequest(const QMHTTPRe
     if (!request->URL()) {
         return nullptr;
     }
-    auto URLString = request->URL()->absoluteString();
+    auto URL = request->URL();
     if (request->params() && (request->isGETRequest() || request->isDELETERequest())) {
         const auto query = URLEncodedQueryString(*request->params());
         if (!query.empty()) {
+            auto URLString = URL->absoluteString();
             if (URLString.find('?') == std::string::npos) {
                 URLString += "?";
             }
             URLString += query;
+            URL = platform::URL::fromString(URLString);
         }
     }
-    const auto URL = platform::URL::fromString(URLString);
     if (!URL) {
         return nullptr;
     }
