@@ -45,10 +45,7 @@ std::string basicAuthorization(const QMHTTPAuth& auth)
 
 QMHTTPClientRef QMHTTPClient::create(QMHTTPRequestRef request, QMHTTPAuthRef auth)
 {
-    QMHTTPClientRef client(new QMHTTPClient(), platform::ObjectDeleter());
-    client->request_ = std::move(request);
-    client->auth_ = std::move(auth);
-    return client;
+    return QMHTTPClientRef(new QMHTTPClient(std::move(request), std::move(auth)), platform::ObjectDeleter());
 }
 
 QMHTTPClientRef QMHTTPClient::clientWithRequest(QMHTTPRequestRef request, QMHTTPAuthRef auth)
@@ -113,16 +110,16 @@ void QMHTTPClient::send()
         platform::Exception::raise(platform::NSInternalInconsistencyException,
                                    className() + " can only perform one connection request.");
     }
-    URLConnection_ = URLConnectionForRequest(request_, auth_);
+    URLConnection_ = URLConnectionForRequest(request(), auth());
     sent_ = true;
-    sending_ = true;
+    setSending(true);
     if (URLConnection_) {
         URLConnection_->start();
         return;
     }
     // No URL to load: the failure comes as a connection's would, from the
     // run loop, never from inside `send`.
-    const auto failingURL = request_->URL() ? request_->URL()->absoluteString() : std::string();
+    const auto failingURL = request()->URL() ? request()->URL()->absoluteString() : std::string();
     RunLoop::currentRunLoop()->performBlock({std::string(platform::NSDefaultRunLoopMode)},
                                             [client = std::static_pointer_cast<QMHTTPClient>(shared_from_this()), failingURL] {
                                                 client->connectionDidFailWithError(
@@ -133,7 +130,7 @@ void QMHTTPClient::send()
 void QMHTTPClient::waitUntilFinished()
 {
     const auto loop = RunLoop::currentRunLoop();
-    while (sending_ && loop->runModeBeforeDate(platform::NSDefaultRunLoopMode, distantFuture())) {
+    while (isSending() && loop->runModeBeforeDate(platform::NSDefaultRunLoopMode, distantFuture())) {
     }
 }
 
@@ -142,19 +139,6 @@ void QMHTTPClient::cancel()
     if (URLConnection_) {
         URLConnection_->cancel();
     }
-}
-
-QMHTTPResponseRef QMHTTPClient::send(platform::ErrorRef* error)
-{
-    send();
-    waitUntilFinished();
-    if (error_) {
-        if (error != nullptr) {
-            *error = error_;
-        }
-        return nullptr;
-    }
-    return response_;
 }
 
 void QMHTTPClient::connectionDidReceiveResponse(const platform::URLConnectionRef&, const platform::HTTPURLResponseRef& response)
@@ -174,28 +158,12 @@ void QMHTTPClient::connectionDidReceiveData(const platform::URLConnectionRef&, c
 
 void QMHTTPClient::connectionDidFinishLoading(const platform::URLConnectionRef&)
 {
-    response_ = QMHTTPResponse::responseFromURLResponse(URLResponse_, URLResponseBody_);
+    setResponse(QMHTTPResponse::responseFromURLResponse(URLResponse_, URLResponseBody_));
     didReceiveResponse();
 }
 
 void QMHTTPClient::connectionDidFailWithError(const platform::URLConnectionRef&, const platform::ErrorRef& error)
 {
-    error_ = error;
+    setError(error);
     didFailToConnect();
-}
-
-void QMHTTPClient::didReceiveResponse()
-{
-    sending_ = false;
-    if (const auto delegate = delegate_.lock()) {
-        delegate->HTTPClientDidReceiveResponse(*this, response_);
-    }
-}
-
-void QMHTTPClient::didFailToConnect()
-{
-    sending_ = false;
-    if (const auto delegate = delegate_.lock()) {
-        delegate->HTTPClientDidFailWithError(*this, error_);
-    }
 }

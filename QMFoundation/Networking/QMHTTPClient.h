@@ -5,8 +5,8 @@
 //   auto client = QMHTTPClient::clientWithRequest(request, QMHTTPBasicAuth::basicAuthWithUsername("u", "p"));
 //   if (auto response = client->send(&error)) { ... response->status(), response->content() ... }
 //
-// The interface is QMHTTPClientProtocol (the design's protocol of the same
-// name as the class), so that QMHTTPTestClient can stand in for the real one.
+// The interface is QMHTTPClientProtocol, so that QMHTTPTestClient can stand
+// in for the real one.
 //
 // What goes over the wire:
 // - GET and DELETE (exactly so spelled) carry `params` in the query. When the
@@ -38,11 +38,10 @@
 #pragma once
 
 #include "Platform/Foundation/Error.h"
-#include "Platform/Foundation/Object.h"
 #include "Platform/URLLoading/URLConnection.h"
 #include "Platform/URLLoading/URLRequest.h"
 #include "QMFoundation/Networking/QMHTTPAuth.h"
-#include "QMFoundation/Networking/QMHTTPClientDelegate.h"
+#include "QMFoundation/Networking/QMHTTPClientBase.h"
 #include "QMFoundation/Networking/QMHTTPRequest.h"
 #include "QMFoundation/Networking/QMHTTPResponse.h"
 
@@ -50,35 +49,10 @@
 #include <optional>
 #include <string>
 
-// The client interface.
-class QMHTTPClientProtocol {
-public:
-    using Delegate = std::weak_ptr<QMHTTPClientDelegate>;
-
-    virtual ~QMHTTPClientProtocol() = default;
-
-    // Starts the request; the outcome reaches the delegate.
-    virtual void send() = 0;
-    // Blocks until the outcome is in, running the current run loop.
-    virtual void waitUntilFinished() = 0;
-    virtual void cancel() = 0;
-    // `send`, then `waitUntilFinished`: the response, or nothing and the
-    // failure in `error` (when given).
-    [[nodiscard]] virtual QMHTTPResponseRef send(platform::ErrorRef* error) = 0;
-
-    virtual Delegate delegate() const = 0;
-    virtual void setDelegate(Delegate delegate) = 0;
-    virtual QMHTTPRequestRef request() const = 0;
-    virtual void setRequest(QMHTTPRequestRef request) = 0;
-    virtual QMHTTPResponseRef response() const = 0;
-    virtual bool isSending() const = 0;
-};
-using QMHTTPClientProtocolRef = std::shared_ptr<QMHTTPClientProtocol>;
-
 class QMHTTPClient;
 using QMHTTPClientRef = std::shared_ptr<QMHTTPClient>;
 
-class QMHTTPClient : public platform::Object, public QMHTTPClientProtocol, public platform::URLConnectionDelegate {
+class QMHTTPClient : public QMHTTPClientBase, public platform::URLConnectionDelegate {
 public:
     static constexpr double TimeoutInterval = 15.0;
 
@@ -87,20 +61,10 @@ public:
     static QMHTTPClientRef clientWithRequest(QMHTTPRequestRef request, QMHTTPAuthRef auth = nullptr);
 
     void send() override;
+    using QMHTTPClientBase::send;
     void waitUntilFinished() override;
     void cancel() override;
-    [[nodiscard]] QMHTTPResponseRef send(platform::ErrorRef* error) override;
 
-    Delegate delegate() const override { return delegate_; }
-    void setDelegate(Delegate delegate) override { delegate_ = std::move(delegate); }
-    QMHTTPRequestRef request() const override { return request_; }
-    void setRequest(QMHTTPRequestRef request) override { request_ = std::move(request); }
-    QMHTTPResponseRef response() const override { return response_; }
-    bool isSending() const override { return sending_; }
-
-    const QMHTTPAuthRef& auth() const { return auth_; }
-    void setAuth(QMHTTPAuthRef auth) { auth_ = std::move(auth); }
-    const platform::ErrorRef& error() const { return error_; }
     // Set by `send`.
     const platform::URLConnectionRef& URLConnection() const { return URLConnection_; }
     const platform::HTTPURLResponseRef& URLResponse() const { return URLResponse_; }
@@ -116,7 +80,7 @@ public:
     std::string className() const override { return "QMHTTPClient"; }
 
 protected:
-    QMHTTPClient() = default;
+    QMHTTPClient(QMHTTPRequestRef request, QMHTTPAuthRef auth) : QMHTTPClientBase(std::move(request), std::move(auth)) {}
 
     // The platform request for `request` and `auth`, as the banner describes
     // it; nothing when no URL can be made of it. A missing request fails the
@@ -127,18 +91,8 @@ protected:
     // platform request.
     platform::URLConnectionRef URLConnectionForRequest(const QMHTTPRequestRef& request, const QMHTTPAuthRef& auth);
 
-    // Leave the sending state, then tell the delegate.
-    void didReceiveResponse();
-    void didFailToConnect();
-
 private:
-    bool sending_ = false;
     bool sent_ = false;
-    Delegate delegate_;
-    QMHTTPAuthRef auth_;
-    QMHTTPRequestRef request_;
-    QMHTTPResponseRef response_;
-    platform::ErrorRef error_;
     platform::URLConnectionRef URLConnection_;
     platform::HTTPURLResponseRef URLResponse_;
     std::optional<platform::Data> URLResponseBody_;

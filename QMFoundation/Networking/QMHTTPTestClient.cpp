@@ -7,11 +7,9 @@
 QMHTTPTestClientRef QMHTTPTestClient::create(QMHTTPRequestRef request, QMHTTPResponseRef response, QMHTTPAuthRef auth,
                                              platform::ErrorRef error)
 {
-    QMHTTPTestClientRef client(new QMHTTPTestClient(), platform::ObjectDeleter());
-    client->request_ = std::move(request);
-    client->response_ = std::move(response);
-    client->auth_ = std::move(auth);
-    client->error_ = std::move(error);
+    QMHTTPTestClientRef client(new QMHTTPTestClient(std::move(request), std::move(auth)), platform::ObjectDeleter());
+    client->setResponse(std::move(response));
+    client->setError(std::move(error));
     return client;
 }
 
@@ -27,43 +25,14 @@ QMHTTPTestClientRef QMHTTPTestClient::clientWithRequest(QMHTTPRequestRef request
 
 void QMHTTPTestClient::send()
 {
-    if (sending_) {
+    if (isSending()) {
         platform::Exception::raise(platform::NSInternalInconsistencyException,
                                    className() + " can only perform one connection request.");
     }
-    sending_ = true;
-    if (error_) {
+    setSending(true);
+    if (error()) {
         didFailToConnect();
     } else {
         didReceiveResponse();
-    }
-}
-
-QMHTTPResponseRef QMHTTPTestClient::send(platform::ErrorRef* error)
-{
-    send();
-    waitUntilFinished();
-    if (error_) {
-        if (error != nullptr) {
-            *error = error_;
-        }
-        return nullptr;
-    }
-    return response_;
-}
-
-void QMHTTPTestClient::didReceiveResponse()
-{
-    sending_ = false;
-    if (const auto delegate = delegate_.lock()) {
-        delegate->HTTPClientDidReceiveResponse(*this, response_);
-    }
-}
-
-void QMHTTPTestClient::didFailToConnect()
-{
-    sending_ = false;
-    if (const auto delegate = delegate_.lock()) {
-        delegate->HTTPClientDidFailWithError(*this, error_);
     }
 }

@@ -13,9 +13,8 @@
 #pragma once
 
 #include "Platform/Foundation/Error.h"
-#include "Platform/Foundation/Object.h"
 #include "QMFoundation/Networking/QMHTTPAuth.h"
-#include "QMFoundation/Networking/QMHTTPClient.h"
+#include "QMFoundation/Networking/QMHTTPClientBase.h"
 #include "QMFoundation/Networking/QMHTTPRequest.h"
 #include "QMFoundation/Networking/QMHTTPResponse.h"
 
@@ -25,7 +24,7 @@
 class QMHTTPTestClient;
 using QMHTTPTestClientRef = std::shared_ptr<QMHTTPTestClient>;
 
-class QMHTTPTestClient : public platform::Object, public QMHTTPClientProtocol {
+class QMHTTPTestClient : public QMHTTPClientBase {
 public:
     static QMHTTPTestClientRef create(QMHTTPRequestRef request = nullptr, QMHTTPResponseRef response = nullptr,
                                       QMHTTPAuthRef auth = nullptr, platform::ErrorRef error = nullptr);
@@ -34,37 +33,17 @@ public:
     static QMHTTPTestClientRef clientWithRequest(QMHTTPRequestRef request, QMHTTPResponseRef response);
 
     void send() override;
+    using QMHTTPClientBase::send;
     // Nothing to wait for or to stop: the answer came inside `send`.
     void waitUntilFinished() override {}
     void cancel() override {}
-    [[nodiscard]] QMHTTPResponseRef send(platform::ErrorRef* error) override;
 
-    Delegate delegate() const override { return delegate_; }
-    void setDelegate(Delegate delegate) override { delegate_ = std::move(delegate); }
-    QMHTTPRequestRef request() const override { return request_; }
-    void setRequest(QMHTTPRequestRef request) override { request_ = std::move(request); }
-    QMHTTPResponseRef response() const override { return response_; }
-    void setResponse(QMHTTPResponseRef response) { response_ = std::move(response); }
-    bool isSending() const override { return sending_; }
-
-    const QMHTTPAuthRef& auth() const { return auth_; }
-    void setAuth(QMHTTPAuthRef auth) { auth_ = std::move(auth); }
-    const platform::ErrorRef& error() const { return error_; }
-    void setError(platform::ErrorRef error) { error_ = std::move(error); }
+    // The canned outcome.
+    using QMHTTPClientBase::setError;
+    using QMHTTPClientBase::setResponse;
 
     std::string className() const override { return "QMHTTPTestClient"; }
 
 protected:
-    QMHTTPTestClient() = default;
-
-    void didReceiveResponse();
-    void didFailToConnect();
-
-private:
-    bool sending_ = false;
-    Delegate delegate_;
-    QMHTTPAuthRef auth_;
-    QMHTTPRequestRef request_;
-    QMHTTPResponseRef response_;
-    platform::ErrorRef error_;
+    QMHTTPTestClient(QMHTTPRequestRef request, QMHTTPAuthRef auth) : QMHTTPClientBase(std::move(request), std::move(auth)) {}
 };

@@ -51,12 +51,12 @@ class ImpatientClient final : public QMHTTPClient {
 public:
     static std::shared_ptr<ImpatientClient> create(QMHTTPRequestRef request)
     {
-        std::shared_ptr<ImpatientClient> client(new ImpatientClient(), ObjectDeleter());
-        client->setRequest(std::move(request));
-        return client;
+        return std::shared_ptr<ImpatientClient>(new ImpatientClient(std::move(request)), ObjectDeleter());
     }
 
 protected:
+    explicit ImpatientClient(QMHTTPRequestRef request) : QMHTTPClient(std::move(request), nullptr) {}
+
     MutableURLRequestRef URLRequestForRequest(const QMHTTPRequestRef& request, const QMHTTPAuthRef& auth) override
     {
         auto made = QMHTTPClient::URLRequestForRequest(request, auth);
