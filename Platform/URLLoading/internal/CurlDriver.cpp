@@ -159,8 +159,33 @@ void CurlDriver::armTimer(long milliseconds)
         timer_->setFireDate(Date::now().dateByAddingTimeInterval(seconds));
         return;
     }
-    timer_ = Timer::create(seconds, false, [this](Timer&) { act(CURL_SOCKET_TIMEOUT, 0); });
+    timer_ = Timer::create(seconds, false, [this](Timer& fired) {
+        // A fired timer is invalidated once this block returns, so a new
+        // deadline that curl asks for from inside `act` needs a new timer:
+        // moved onto this one, it would be lost.
+        if (timer_.get() == &fired) {
+            timer_.reset();
+        }
+        act(CURL_SOCKET_TIMEOUT, 0);
+        rearmIfCurlStillWaits();
+    });
     loop_->addTimer(timer_, NSDefaultRunLoopMode);
+}
+
+// A run-loop timer may fire a little before curl's own deadline; curl then
+// finds nothing due and, its earliest deadline unchanged, does not call the
+// timer callback again. Without a new timer a time-out would wait for the
+// next socket event, however late that comes.
+void CurlDriver::rearmIfCurlStillWaits()
+{
+    if (timer_ && timer_->isValid()) {
+        return;
+    }
+    long milliseconds = -1;
+    curl_multi_timeout(multi_, &milliseconds);
+    if (milliseconds >= 0) {
+        armTimer(std::max(1L, milliseconds));
+    }
 }
 
 void CurlDriver::act(curl_socket_t socket, int events)

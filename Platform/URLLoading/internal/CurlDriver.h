@@ -39,6 +39,7 @@ private:
     static int onTimer(CURLM* multi, long milliseconds, void* driver);
     void watchSocket(curl_socket_t socket, int what);
     void armTimer(long milliseconds);
+    void rearmIfCurlStillWaits();
 
     void act(curl_socket_t socket, int events);
     void socketAction(curl_socket_t socket, int events);

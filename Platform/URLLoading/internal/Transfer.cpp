@@ -96,6 +96,11 @@ void Transfer::configure(const URLRequest& request)
         refusal_ = NSURLErrorBadURL;
         return;
     }
+    if (!request.url().scheme()) {
+        // libcurl would guess a scheme (and so a host) for a relative URL.
+        refusal_ = NSURLErrorUnsupportedURL;
+        return;
+    }
     curl_easy_setopt(easy_, CURLOPT_URL, request.url().absoluteString().c_str());
     curl_easy_setopt(easy_, CURLOPT_PRIVATE, this);
     curl_easy_setopt(easy_, CURLOPT_SHARE, sharedCurlCache());
@@ -262,8 +267,15 @@ void Transfer::recordResponseOnce()
         return;
     }
     responseRecorded_ = true;
+    // Not redirected, the answer is for the request's own URL, as given: no
+    // need to parse libcurl's normalised text of it (parsing is a good part
+    // of a small request's cost).
+    long redirects = 0;
+    curl_easy_getinfo(easy_, CURLINFO_REDIRECT_COUNT, &redirects);
     const char* effective = nullptr;
-    curl_easy_getinfo(easy_, CURLINFO_EFFECTIVE_URL, &effective);
+    if (redirects > 0) {
+        curl_easy_getinfo(easy_, CURLINFO_EFFECTIVE_URL, &effective);
+    }
     auto url = effective != nullptr ? URL::fromString(effective) : std::nullopt;
     if (statusCode_ == 0) {
         long code = 0;

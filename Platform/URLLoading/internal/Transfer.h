@@ -38,7 +38,7 @@ public:
     // response (if none went out yet) and the completion or failure.
     void finish(CURLcode result);
     // A request that cannot be sent as it stands (a method that is not an
-    // HTTP token) is refused before it reaches curl.
+    // HTTP token, a URL without a scheme) is refused before it reaches curl.
     std::optional<URLErrorCode> refusal() const { return refusal_; }
     // Records a failure with `code`.
     void fail(URLErrorCode code);

@@ -47,7 +47,7 @@ class Handler(BaseHTTPRequestHandler):
         length = int(self.headers.get("Content-Length", "0") or 0)
         body = self.rfile.read(length) if length else b""
         path = url.path
-        if path == "/echo" or self.path.startswith("http://"):
+        if path == "/echo" or path.startswith("/echo/") or self.path.startswith("http://"):
             seen = {
                 "method": self.command,
                 "target": self.path,
@@ -97,6 +97,11 @@ class Handler(BaseHTTPRequestHandler):
             self.wfile.write(b"this is not HTTP at all\r\n\r\n")
             self.wfile.flush()
             self.close_connection = True
+        elif path == "/reply":
+            # The body and content type the query names, as a given API would answer.
+            body = query.get("body", [""])[0].encode()
+            kind = query.get("type", ["application/json"])[0]
+            self.reply(int(query.get("status", ["200"])[0]), body, [("Content-Type", kind)])
         elif path == "/connections":
             with connections_lock:
                 count = connections
@@ -105,6 +110,12 @@ class Handler(BaseHTTPRequestHandler):
             self.reply(404, b"no such path")
 
     do_GET = do_POST = do_PUT = do_DELETE = do_HEAD = do_PATCH = handle_any
+
+    # Any other method, whatever its letter case ("post", "get"), too.
+    def __getattr__(self, name):
+        if name.startswith("do_"):
+            return self.handle_any
+        raise AttributeError(name)
 
 
 class Server(ThreadingHTTPServer):
