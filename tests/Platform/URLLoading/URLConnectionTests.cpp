@@ -193,22 +193,89 @@ TEST_F(URLConnectionTest, ErrorStatusesAreAnswersNotFailures)
     EXPECT_EQ(recorder->response->statusCode(), 503);
 }
 
-TEST_F(URLConnectionTest, FollowsRedirectsButKeepsCredentialsOnTheirHost)
+// Every field the caller sets may carry a secret ("Authorization", but also
+// "Private-Token" or "X-API-Key"), so none of them follows a redirect that
+// leaves the origin; within the origin they all do.
+TEST_F(URLConnectionTest, CallerFieldsFollowARedirectOnlyWithinTheOrigin)
 {
-    auto sameHost = MutableURLRequest::create(*URL::fromString(server_.url("/redirect?to=/echo")));
-    sameHost->setValueForHTTPHeaderField("Basic dTpw", "Authorization");
-    const auto same = load(sameHost->copy());
+    const std::vector<std::pair<std::string, std::string>> fields{
+        {"Authorization", "Basic dTpw"}, {"Private-Token", "glpat-secret"}, {"X-API-Key", "k3y"},
+        {"Cookie", "session=1"}, {"User-Agent", "caller/1"}};
+    const auto redirect = [&](const std::string& to) {
+        auto request = MutableURLRequest::create(*URL::fromString(server_.url("/redirect?to=" + to)));
+        for (const auto& [name, value] : fields) {
+            request->setValueForHTTPHeaderField(value, name);
+        }
+        return load(request->copy());
+    };
+
+    const auto same = redirect("/echo");
+    ASSERT_TRUE(same->response);
     EXPECT_EQ(same->response->statusCode(), 200);
     EXPECT_EQ(same->response->url().absoluteString(), server_.url("/echo"));
-    EXPECT_EQ(seenField(seen(*same), "Authorization"), "Basic dTpw");
+    for (const auto& [name, value] : fields) {
+        EXPECT_EQ(seenField(seen(*same), name), value) << name;
+    }
 
-    // "localhost" is another host than "127.0.0.1", though the same server.
+    // "localhost" is another host than "127.0.0.1", though the same server;
+    // another port on the same address is another server.
+    testsupport::LocalServer other{{"python3", testsupport::sourceFile("tests/Platform/URLLoading/http_test_server.py")}};
+    for (const auto& elsewhere : {"http://localhost:" + std::to_string(server_.port()) + "/echo", other.url("/echo")}) {
+        SCOPED_TRACE(elsewhere);
+        const auto moved = redirect(elsewhere);
+        ASSERT_TRUE(moved->response);
+        EXPECT_EQ(moved->response->url().absoluteString(), elsewhere);
+        const auto wire = seen(*moved);
+        for (const auto& [name, value] : fields) {
+            EXPECT_NE(seenField(wire, name), value) << name;
+        }
+        EXPECT_EQ(seenField(wire, "User-Agent"), "Zarvo-URLLoading/1 (Linux)");  // the transport's own
+    }
+}
+
+// 301, 302 and 303 turn a POST into a GET without its body (and without the
+// fields that describe a body); 307 and 308 send the method and the body again.
+// Either way the caller's fields go only to the origin.
+TEST_F(URLConnectionTest, ARedirectResendsABodyOnlyWhenItsStatusSaysSo)
+{
     const auto elsewhere = "http://localhost:" + std::to_string(server_.port()) + "/echo";
-    auto otherHost = MutableURLRequest::create(*URL::fromString(server_.url("/redirect?to=" + elsewhere)));
-    otherHost->setValueForHTTPHeaderField("Basic dTpw", "Authorization");
-    const auto other = load(otherHost->copy());
-    EXPECT_EQ(other->response->url().absoluteString(), elsewhere);
-    EXPECT_FALSE(seenField(seen(*other), "Authorization"));
+    struct Case {
+        int status;
+        std::string to;
+        std::string method;
+        std::string body;
+        bool apiKey;
+        bool contentType;
+    };
+    const Case cases[] = {
+        {301, elsewhere, "GET", "", false, false},  {302, elsewhere, "GET", "", false, false},
+        {303, elsewhere, "GET", "", false, false},  {303, "/echo", "GET", "", true, false},
+        {307, "/echo", "POST", "c2VjcmV0", true, true}, {308, elsewhere, "POST", "c2VjcmV0", false, false},
+    };
+    for (const auto& [status, to, method, body, apiKey, contentType] : cases) {
+        SCOPED_TRACE(std::to_string(status) + " to " + to);
+        auto request = MutableURLRequest::create(
+            *URL::fromString(server_.url("/redirect?status=" + std::to_string(status) + "&to=" + to)));
+        request->setHTTPMethod("POST");
+        request->setHTTPBody(Data{'s', 'e', 'c', 'r', 'e', 't'});
+        request->setValueForHTTPHeaderField("text/plain", "Content-Type");
+        request->setValueForHTTPHeaderField("k3y", "X-API-Key");
+        const auto recorder = load(request->copy());
+        EXPECT_EQ(recorder->events, (std::vector<std::string>{"response", "data", "finish"}));
+        const auto wire = seen(*recorder);
+        EXPECT_EQ(wire["method"], method);
+        EXPECT_EQ(wire["body"], body);
+        EXPECT_EQ(seenField(wire, "X-API-Key") == "k3y", apiKey);
+        EXPECT_EQ(seenField(wire, "Content-Type") == "text/plain", contentType);
+    }
+}
+
+TEST_F(URLConnectionTest, GivesUpOnARedirectLoop)
+{
+    const auto recorder = load(request(server_.url("/loop")));
+    EXPECT_EQ(recorder->events, (std::vector<std::string>{"fail"}));
+    ASSERT_TRUE(recorder->error);
+    EXPECT_EQ(recorder->error->code(), NSURLErrorHTTPTooManyRedirects);
 }
 
 TEST_F(URLConnectionTest, ReportsEachKindOfFailureInTheURLDomain)
