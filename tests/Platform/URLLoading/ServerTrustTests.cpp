@@ -11,7 +11,6 @@
 
 #include <gtest/gtest.h>
 
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -287,15 +286,10 @@ TEST_F(ServerTrustTest, ALoopRunWhileAChallengeWaitsStaysIdle)
 {
     // A listener of the test's own, so that the test decides when the other
     // load's answer arrives: while the challenge waits.
-    const int listener = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    int port = 0;
+    const int listener = testsupport::bindLoopbackSocket(port);
     ASSERT_EQ(listen(listener, 4), 0);
-    getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
-    const auto plainURL = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/";
+    const auto plainURL = "http://127.0.0.1:" + std::to_string(port) + "/";
 
     struct Plain final : URLConnectionDelegate {
         void connectionDidReceiveData(const URLConnectionRef&, const Data& data) override { text.append(data.begin(), data.end()); }

@@ -9,8 +9,6 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include <sys/socket.h>
-#include <netinet/in.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -281,15 +279,9 @@ TEST_F(URLConnectionTest, GivesUpOnARedirectLoop)
 TEST_F(URLConnectionTest, ReportsEachKindOfFailureInTheURLDomain)
 {
     // A port nobody listens on: bound, then closed.
-    const int probe = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    ASSERT_EQ(bind(probe, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    getsockname(probe, reinterpret_cast<sockaddr*>(&address), &length);
-    close(probe);
-    const auto refused = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/";
+    int port = 0;
+    close(testsupport::bindLoopbackSocket(port));
+    const auto refused = "http://127.0.0.1:" + std::to_string(port) + "/";
 
     struct Case {
         std::string url;
