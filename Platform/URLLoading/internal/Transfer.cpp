@@ -290,8 +290,12 @@ void Transfer::recordResponseOnce()
         return;
     }
     responseRecorded_ = true;
+    // Not redirected, the answer is for the request's own URL, as given: no
+    // need to parse libcurl's text of it.
     const char* effective = nullptr;
-    curl_easy_getinfo(easy_, CURLINFO_EFFECTIVE_URL, &effective);
+    if (redirects_ > 0) {
+        curl_easy_getinfo(easy_, CURLINFO_EFFECTIVE_URL, &effective);
+    }
     auto url = effective != nullptr ? URL::fromString(effective) : std::nullopt;
     if (statusCode_ == 0) {
         long code = 0;
