@@ -25,7 +25,8 @@
 //   cancelled, then lets the delegate go.
 // - What the transport does (see docs/ARCHITECTURE.md): the proxy variables
 //   and the system's CA store as libcurl reads them, redirects followed
-//   without carrying "Authorization" to another host, gzip and deflate
+//   without carrying any field the caller set to another origin (scheme,
+//   host or port), nor a POST's body past a 301, 302 or 303, gzip and deflate
 //   decoded, HTTP/2 where the server offers it, connections, TLS sessions and
 //   DNS answers shared by every load of the process, and never a cookie.
 #pragma once

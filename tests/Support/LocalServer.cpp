@@ -1,6 +1,8 @@
 #include "tests/Support/LocalServer.h"
 
 #include <csignal>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <spawn.h>
 #include <stdexcept>
 #include <sys/wait.h>
@@ -67,6 +69,21 @@ LocalServer::~LocalServer()
 std::string LocalServer::url(const std::string& path) const
 {
     return "http://127.0.0.1:" + std::to_string(port_) + path;
+}
+
+int bindLoopbackSocket(int& port)
+{
+    const int bound = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    if (bound < 0 || bind(bound, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0
+        || getsockname(bound, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+        throw std::runtime_error("no port of 127.0.0.1 to bind");
+    }
+    port = ntohs(address.sin_port);
+    return bound;
 }
 
 std::string sourceFile(const std::string& relativePath)

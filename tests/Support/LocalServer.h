@@ -29,6 +29,10 @@ private:
     int port_ = 0;
 };
 
+// A TCP socket bound to a port of 127.0.0.1 that nobody else has; writes the
+// port. The caller listens on it, or closes it to have a port that refuses.
+int bindLoopbackSocket(int& port);
+
 // The absolute path of a file in the source tree, from its path relative to
 // the repository's root.
 std::string sourceFile(const std::string& relativePath);

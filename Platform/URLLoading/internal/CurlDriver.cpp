@@ -71,7 +71,7 @@ CurlDriver::~CurlDriver()
 void CurlDriver::add(const URLConnectionRef& connection)
 {
     if (insideCurl_ > 0) {
-        loop_->performBlock([this, connection] { add(connection); });
+        deferred_.push_back([this, connection] { add(connection); });
         return;
     }
     if (connection->isCancelled()) {
@@ -89,16 +89,16 @@ void CurlDriver::add(const URLConnectionRef& connection)
     CURL* easy = connection->transfer_->handle();
     running_.emplace(easy, connection);
     markBusy(true);
-    ++insideCurl_;
+    enterCurl();
     curl_multi_add_handle(multi_, easy);
-    --insideCurl_;
+    leaveCurl();
     afterCurl();
 }
 
 void CurlDriver::remove(const URLConnectionRef& connection)
 {
     if (insideCurl_ > 0) {
-        loop_->performBlock([this, connection] { remove(connection); });
+        deferred_.push_back([this, connection] { remove(connection); });
         return;
     }
     if (!connection->transfer_ || running_.erase(connection->transfer_->handle()) == 0) {
@@ -134,6 +134,14 @@ int CurlDriver::onTimer(CURLM*, long milliseconds, void* driver)
 void CurlDriver::watchSocket(curl_socket_t socket, int what)
 {
     const auto found = sockets_.find(socket);
+    if (const auto muted = muted_.find(socket); muted != muted_.end()) {
+        if (what == CURL_POLL_REMOVE) {
+            muted_.erase(muted);
+        } else {
+            muted->second = watchedEvents(what);  // watched again once curl returns
+            return;
+        }
+    }
     if (what == CURL_POLL_REMOVE) {
         if (found != sockets_.end()) {
             found->second->invalidate();
@@ -167,7 +175,11 @@ void CurlDriver::armTimer(long milliseconds)
             timer_.reset();
         }
         act(CURL_SOCKET_TIMEOUT, 0);
-        rearmIfCurlStillWaits();
+        // Inside a challenge the due time-out waits for curl to return (see
+        // `act`); a new timer now would fire again at once, and again.
+        if (insideCurl_ == 0) {
+            rearmIfCurlStillWaits();
+        }
     });
     loop_->addTimer(timer_, NSDefaultRunLoopMode);
 }
@@ -191,7 +203,16 @@ void CurlDriver::rearmIfCurlStillWaits()
 void CurlDriver::act(curl_socket_t socket, int events)
 {
     if (insideCurl_ > 0) {
-        return;  // a loop run from inside a challenge: curl takes no nested calls
+        // A loop run from inside a challenge: curl takes no nested calls. A
+        // ready socket would stay ready and the loop spin on it, so it is not
+        // watched until curl returns; a due time-out is served then.
+        if (socket == CURL_SOCKET_TIMEOUT) {
+            timeoutDue_ = true;
+        } else if (const auto found = sockets_.find(socket); found != sockets_.end() && !muted_.contains(socket)) {
+            muted_.emplace(socket, found->second->events());
+            found->second->setEvents(FileDescriptorSource::None);
+        }
+        return;
     }
     socketAction(socket, events);
     afterCurl();
@@ -200,21 +221,47 @@ void CurlDriver::act(curl_socket_t socket, int events)
 void CurlDriver::socketAction(curl_socket_t socket, int events)
 {
     int running = 0;
-    ++insideCurl_;
+    enterCurl();
     curl_multi_socket_action(multi_, socket, events, &running);
-    --insideCurl_;
+    leaveCurl();
+}
+
+void CurlDriver::enterCurl()
+{
+    ++insideCurl_;
+}
+
+// What was held back while curl was busy resumes when the outermost call
+// returns: sockets are watched again (a ready one fires on the next pass),
+// and loads started or cancelled meanwhile are added or removed from the loop.
+void CurlDriver::leaveCurl()
+{
+    if (--insideCurl_ > 0) {
+        return;
+    }
+    for (const auto& [socket, events] : std::exchange(muted_, {})) {
+        if (const auto found = sockets_.find(socket); found != sockets_.end()) {
+            found->second->setEvents(events);
+        }
+    }
+    for (auto& later : std::exchange(deferred_, {})) {
+        loop_->performBlock(std::move(later));
+    }
 }
 
 void CurlDriver::afterCurl()
 {
-    serveDueTimeouts();
     std::vector<URLConnectionRef> touched;
-    for (const auto& [easy, connection] : running_) {
-        if (connection->transfer_->hasPendingEvents()) {
-            touched.push_back(connection);
+    // A redirect goes back to curl, which then asks for a time-out at once.
+    do {
+        serveDueTimeouts();
+        for (const auto& [easy, connection] : running_) {
+            if (connection->transfer_->hasPendingEvents() && std::find(touched.begin(), touched.end(), connection) == touched.end()) {
+                touched.push_back(connection);
+            }
         }
-    }
-    finishCompletedTransfers(touched);
+        finishCompletedTransfers(touched);
+    } while (timeoutDue_);
     markBusy(!running_.empty());
     deliverEvents(touched);
 }
@@ -243,9 +290,16 @@ void CurlDriver::finishCompletedTransfers(std::vector<URLConnectionRef>& touched
             continue;
         }
         auto connection = found->second;
+        CURL* easy = message->easy_handle;
+        const CURLcode result = message->data.result;
+        curl_multi_remove_handle(multi_, easy);
+        if (connection->transfer_->finish(result)) {
+            enterCurl();
+            curl_multi_add_handle(multi_, easy);  // the same handle, and its connection, for the next request
+            leaveCurl();
+            continue;
+        }
         running_.erase(found);
-        curl_multi_remove_handle(multi_, message->easy_handle);
-        connection->transfer_->finish(message->data.result);
         if (std::find(touched.begin(), touched.end(), connection) == touched.end()) {
             touched.push_back(connection);
         }

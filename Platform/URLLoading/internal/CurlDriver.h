@@ -17,7 +17,9 @@
 
 #include <curl/curl.h>
 
+#include <functional>
 #include <unordered_map>
+#include <vector>
 
 namespace platform::urlloading_internal {
 
@@ -43,6 +45,8 @@ private:
 
     void act(curl_socket_t socket, int events);
     void socketAction(curl_socket_t socket, int events);
+    void enterCurl();
+    void leaveCurl();
     void afterCurl();
     void serveDueTimeouts();
     void finishCompletedTransfers(std::vector<URLConnectionRef>& touched);
@@ -59,8 +63,11 @@ private:
     std::unordered_map<CURL*, URLConnectionRef> running_;
     bool timeoutDue_ = false;
     // Calls into curl in progress: while there are any, handles are added and
-    // removed later, from the loop (a trust challenge runs inside curl).
+    // removed later, from the loop (a trust challenge runs inside curl), and
+    // sockets that become ready are not watched (their events kept here).
     int insideCurl_ = 0;
+    std::vector<std::function<void()>> deferred_;
+    std::unordered_map<curl_socket_t, unsigned> muted_;
 };
 
 // The run loop of the transport's own thread, which drives the loads whose

@@ -31,7 +31,27 @@ bool isLoadableScheme(const URL& url)
     return url.scheme() == "http" || url.scheme() == "https";
 }
 
-URLErrorCode urlErrorCode(CURLcode result, const URL& url, bool redirected)
+bool isFollowedRedirect(std::int64_t status)
+{
+    return status == 301 || status == 302 || status == 303 || status == 307 || status == 308;
+}
+
+// Scheme, host (without regard to case) and port, the default one spelled out.
+bool sameOrigin(const URL& a, const URL& b)
+{
+    const auto port = [](const URL& url) { return url.port().value_or(url.scheme() == "https" ? 443 : 80); };
+    return a.scheme() == b.scheme() && a.host().has_value() && b.host().has_value()
+        && sameFieldName(*a.host(), *b.host()) && port(a) == port(b);
+}
+
+// The fields that describe a body, which go when the body does.
+bool describesBody(std::string_view name)
+{
+    constexpr std::string_view kFields[] = {"Content-Type", "Content-Length", "Content-Encoding", "Content-Language", "Content-Location"};
+    return std::any_of(std::begin(kFields), std::end(kFields), [name](std::string_view field) { return sameFieldName(name, field); });
+}
+
+URLErrorCode urlErrorCode(CURLcode result, const URL& url)
 {
     switch (result) {
     case CURLE_OPERATION_TIMEDOUT: return NSURLErrorTimedOut;
@@ -47,9 +67,8 @@ URLErrorCode urlErrorCode(CURLcode result, const URL& url, bool redirected)
     case CURLE_URL_MALFORMAT: return NSURLErrorBadURL;
     case CURLE_UNSUPPORTED_PROTOCOL:
         // For an http(s) URL, libcurl says this of an answer without a status
-        // line (which it refuses to read as HTTP/0.9), and of a redirect to a
-        // scheme the load may not follow.
-        return isLoadableScheme(url) && !redirected ? NSURLErrorBadServerResponse : NSURLErrorUnsupportedURL;
+        // line (which it refuses to read as HTTP/0.9).
+        return isLoadableScheme(url) ? NSURLErrorBadServerResponse : NSURLErrorUnsupportedURL;
     case CURLE_TOO_MANY_REDIRECTS: return NSURLErrorHTTPTooManyRedirects;
     case CURLE_WEIRD_SERVER_REPLY: return NSURLErrorBadServerResponse;
     case CURLE_BAD_CONTENT_ENCODING: return NSURLErrorCannotDecodeContentData;
@@ -106,10 +125,9 @@ void Transfer::configure(const URLRequest& request)
     curl_easy_setopt(easy_, CURLOPT_SHARE, sharedCurlCache());
     curl_easy_setopt(easy_, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(easy_, CURLOPT_PROTOCOLS_STR, "http,https");
-    curl_easy_setopt(easy_, CURLOPT_FOLLOWLOCATION, 1L);
-    // A load that began over https never continues in the clear.
-    curl_easy_setopt(easy_, CURLOPT_REDIR_PROTOCOLS_STR, request.url().scheme() == "https" ? "https" : "http,https");
-    curl_easy_setopt(easy_, CURLOPT_MAXREDIRS, kMaximumRedirects);
+    // Redirects are followed here rather than by libcurl, which would send
+    // every field the caller set but "Authorization" and "Cookie" to any host.
+    curl_easy_setopt(easy_, CURLOPT_FOLLOWLOCATION, 0L);
     curl_easy_setopt(easy_, CURLOPT_ACCEPT_ENCODING, "");  // every encoding libcurl decodes
 
     // An inactivity time-out: connecting may take that long, and so may any
@@ -125,7 +143,8 @@ void Transfer::configure(const URLRequest& request)
     curl_easy_setopt(easy_, CURLOPT_WRITEDATA, this);
 
     configureMethodAndBody(request);
-    configureHeaderFields(request);
+    configureHeaderFields(request, true, true);
+    curl_easy_setopt(easy_, CURLOPT_USERAGENT, kDefaultUserAgent);  // a caller's "User-Agent" field wins
     if (connection_.delegate_ && connection_.delegate_->handlesAuthenticationChallenges() && request.url().scheme() == "https") {
         configureServerTrustChallenge();
     }
@@ -171,6 +190,7 @@ int Transfer::onPresentedChain(X509_STORE_CTX* chain, void* transfer)
 void Transfer::configureMethodAndBody(const URLRequest& request)
 {
     const auto& method = request.httpMethod();
+    method_ = method;
     if (const auto& body = request.httpBody()) {
         // The request outlives the transfer, so curl may read the body in place.
         static const char empty = '\0';
@@ -188,22 +208,20 @@ void Transfer::configureMethodAndBody(const URLRequest& request)
     }
 }
 
-void Transfer::configureHeaderFields(const URLRequest& request)
+void Transfer::configureHeaderFields(const URLRequest& request, bool callerFields, bool bodyFields)
 {
     // A body goes out at once: no waiting for "100 Continue".
-    headerList_ = curl_slist_append(headerList_, "Expect:");
+    curl_slist* list = curl_slist_append(nullptr, "Expect:");
     for (const auto& [name, value] : request.headerFields()) {
-        if (!isSendable(name, value)) {
+        if (!callerFields || !isSendable(name, value) || (!bodyFields && describesBody(name))) {
             continue;
         }
         // "Name;" is how libcurl is told to send a field with an empty value.
         const auto line = value.empty() ? name + ";" : name + ": " + value;
-        headerList_ = curl_slist_append(headerList_, line.c_str());
+        list = curl_slist_append(list, line.c_str());
     }
-    curl_easy_setopt(easy_, CURLOPT_HTTPHEADER, headerList_);
-    if (!request.valueForHTTPHeaderField("User-Agent")) {
-        curl_easy_setopt(easy_, CURLOPT_USERAGENT, kDefaultUserAgent);
-    }
+    curl_easy_setopt(easy_, CURLOPT_HTTPHEADER, list);
+    curl_slist_free_all(std::exchange(headerList_, list));
 }
 
 std::size_t Transfer::onHeaderLine(char* bytes, std::size_t size, std::size_t count, void* transfer)
@@ -217,6 +235,9 @@ std::size_t Transfer::onBody(char* bytes, std::size_t size, std::size_t count, v
     auto& self = *static_cast<Transfer*>(transfer);
     if (self.connection_.isCancelled()) {
         return CURL_WRITEFUNC_ERROR;
+    }
+    if (self.redirecting_) {
+        return size * count;  // the body of a redirect that is followed is nobody's business
     }
     self.recordResponseOnce();
     const auto* first = reinterpret_cast<const std::uint8_t*>(bytes);
@@ -235,6 +256,13 @@ void Transfer::readHeaderLine(std::string_view line)
         statusCode_ = space == std::string_view::npos ? 0 : std::strtoll(std::string(line.substr(space + 1, 3)).c_str(), nullptr, 10);
         headerFields_ = Dictionary();
         lastFieldName_.clear();
+        redirecting_ = false;
+        return;
+    }
+    if (trimmed(line).empty()) {
+        redirecting_ = isFollowedRedirect(statusCode_) && std::any_of(headerFields_.begin(), headerFields_.end(), [](const auto& field) {
+            return sameFieldName(field.first, "Location");
+        });
         return;
     }
     if (line.starts_with(' ') || line.starts_with('\t')) {
@@ -268,12 +296,9 @@ void Transfer::recordResponseOnce()
     }
     responseRecorded_ = true;
     // Not redirected, the answer is for the request's own URL, as given: no
-    // need to parse libcurl's normalised text of it (parsing is a good part
-    // of a small request's cost).
-    long redirects = 0;
-    curl_easy_getinfo(easy_, CURLINFO_REDIRECT_COUNT, &redirects);
+    // need to parse libcurl's text of it.
     const char* effective = nullptr;
-    if (redirects > 0) {
+    if (redirects_ > 0) {
         curl_easy_getinfo(easy_, CURLINFO_EFFECTIVE_URL, &effective);
     }
     auto url = effective != nullptr ? URL::fromString(effective) : std::nullopt;
@@ -289,18 +314,68 @@ void Transfer::recordResponseOnce()
     });
 }
 
-void Transfer::finish(CURLcode result)
+bool Transfer::finish(CURLcode result)
 {
+    if (result == CURLE_OK && redirecting_) {
+        const char* target = nullptr;
+        curl_easy_getinfo(easy_, CURLINFO_REDIRECT_URL, &target);
+        if (const auto next = target != nullptr ? URL::fromString(target) : std::nullopt) {
+            if (const auto refusal = refusalToFollow(*next)) {
+                fail(*refusal);
+                return false;
+            }
+            followRedirect(target, *next);
+            return true;
+        }
+        // A location that names nowhere: the redirect is the answer.
+    }
     if (result == CURLE_OK) {
         recordResponseOnce();
         pending_.push_back([](URLConnectionDelegate& delegate, const URLConnectionRef& connection) {
             delegate.connectionDidFinishLoading(connection);
         });
-        return;
+        return false;
     }
-    const auto& url = connection_.originalRequest()->url();
-    const bool redirected = statusCode_ >= 300 && statusCode_ < 400;
-    fail(trustCancelled_ ? NSURLErrorUserCancelledAuthentication : urlErrorCode(result, url, redirected));
+    fail(trustCancelled_ ? NSURLErrorUserCancelledAuthentication : urlErrorCode(result, connection_.originalRequest()->url()));
+    return false;
+}
+
+std::optional<URLErrorCode> Transfer::refusalToFollow(const URL& next)
+{
+    if (++redirects_ > kMaximumRedirects) {
+        return NSURLErrorHTTPTooManyRedirects;
+    }
+    // A load that began over https never continues in the clear.
+    const bool secure = connection_.originalRequest()->url().scheme() == "https";
+    if (!isLoadableScheme(next) || (secure && next.scheme() != "https")) {
+        return NSURLErrorUnsupportedURL;
+    }
+    return std::nullopt;
+}
+
+// The caller's fields may hold secrets of the origin they were set for
+// ("Private-Token", "X-API-Key", not only "Authorization"), so they go only
+// where the request itself went; the transport's own fields go anywhere.
+// The method changes as browsers change it: 303 asks for a GET, and 301 and
+// 302 turn a POST into one; the body stays behind then, with the fields that
+// describe it. 307 and 308 send the method and body again.
+void Transfer::followRedirect(const std::string& target, const URL& next)
+{
+    const auto& request = *connection_.originalRequest();
+    const bool toGET = (statusCode_ == 303 && method_ != "HEAD") || ((statusCode_ == 301 || statusCode_ == 302) && method_ == "POST");
+    if (toGET) {
+        method_ = "GET";
+        bodyDropped_ = true;
+        curl_easy_setopt(easy_, CURLOPT_CUSTOMREQUEST, nullptr);
+        curl_easy_setopt(easy_, CURLOPT_HTTPGET, 1L);
+    }
+    curl_easy_setopt(easy_, CURLOPT_URL, target.c_str());
+    configureHeaderFields(request, sameOrigin(next, request.url()), !bodyDropped_);
+    redirecting_ = false;
+    statusCode_ = 0;
+    httpVersion_.clear();
+    headerFields_ = Dictionary();
+    lastFieldName_.clear();
 }
 
 void Transfer::fail(URLErrorCode code)

@@ -35,8 +35,10 @@ public:
     // The recorded events, oldest first, for the driver to deliver.
     std::vector<URLConnection::Event> takePendingEvents() { return std::exchange(pending_, {}); }
     // curl reported the end of the transfer with `result`: records the
-    // response (if none went out yet) and the completion or failure.
-    void finish(CURLcode result);
+    // response (if none went out yet) and the completion or failure. True
+    // when the answer was a redirect that the load follows instead: the
+    // handle is then set up for the next request, to go back to curl.
+    [[nodiscard]] bool finish(CURLcode result);
     // A request that cannot be sent as it stands (a method that is not an
     // HTTP token, a URL without a scheme) is refused before it reaches curl.
     std::optional<URLErrorCode> refusal() const { return refusal_; }
@@ -51,7 +53,11 @@ private:
 
     void configure(const URLRequest& request);
     void configureMethodAndBody(const URLRequest& request);
-    void configureHeaderFields(const URLRequest& request);
+    // Without `callerFields` only the transport's own fields are sent;
+    // without `bodyFields` none of the caller's that describe a body.
+    void configureHeaderFields(const URLRequest& request, bool callerFields, bool bodyFields);
+    std::optional<URLErrorCode> refusalToFollow(const URL& next);
+    void followRedirect(const std::string& target, const URL& next);
     void configureServerTrustChallenge();
     void readHeaderLine(std::string_view line);
     void recordResponseOnce();
@@ -68,6 +74,11 @@ private:
     Dictionary headerFields_;
     std::string lastFieldName_;
     bool responseRecorded_ = false;
+    // The block just received is a redirect that will be followed.
+    bool redirecting_ = false;
+    long redirects_ = 0;
+    std::string method_;
+    bool bodyDropped_ = false;
     bool trustCancelled_ = false;
     std::optional<URLErrorCode> refusal_;
 };

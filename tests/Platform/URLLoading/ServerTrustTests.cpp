@@ -11,10 +11,17 @@
 
 #include <gtest/gtest.h>
 
+#include <poll.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <string_view>
 
 using namespace platform;
 
@@ -162,7 +169,15 @@ TEST_F(ServerTrustTest, ACookieRecordedForOneServerAdmitsThatServerAndNoOther)
     EXPECT_TRUE(again->finished);
     EXPECT_EQ(again->challenges, 1);  // asked again: no connection or session was kept for it
 
-    // ...but not another server, even one the user would trust,
+    // ...and the same certificate on another port: a server is known by its
+    // key, and a certificate names no port.
+    const testsupport::LocalServer samePair{{"python3", testsupport::sourceFile("tests/Platform/URLLoading/http_test_server.py"),
+                                             firstCertificate_.path() + "/cert.pem", firstCertificate_.path() + "/key.pem"}};
+    const auto moved = loadWith(url(samePair), TrustDecider::Policy::Evaluate, false, trusted->cookie);
+    EXPECT_TRUE(moved->finished);
+
+    // But not another server, even one the user would trust, on the same
+    // address and another port,
     const auto other = loadWith(url(*second_), TrustDecider::Policy::Evaluate, true, trusted->cookie);
     ASSERT_TRUE(other->error);
     EXPECT_EQ(other->error->code(), NSURLErrorServerCertificateUntrusted);
@@ -230,6 +245,100 @@ TEST_F(ServerTrustTest, ForeignOrMismatchedCookiesMatchNothing)
     EXPECT_EQ(SecTrustEvaluate(garbage, &result), errSecSuccess);
     EXPECT_EQ(result, kSecTrustResultRecoverableTrustFailure);
     EXPECT_FALSE(SecTrustCreateWithCertificates({}, "127.0.0.1"));
+}
+
+// The CPU time this thread has used, in seconds.
+double threadCPUTime()
+{
+    rusage usage{};
+    getrusage(RUSAGE_THREAD, &usage);
+    return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec)
+         + static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+}
+
+// A delegate may run its loop while it decides about a server (as a dialog
+// would). Meanwhile the transport cannot be re-entered, so it must stop
+// watching what it cannot serve rather than spin on it, and pick every load
+// up again once the answer is in.
+TEST_F(ServerTrustTest, ALoopRunWhileAChallengeWaitsStaysIdle)
+{
+    // A listener of the test's own, so that the test decides when the other
+    // load's answer arrives: while the challenge waits.
+    int port = 0;
+    const int listener = testsupport::bindLoopbackSocket(port);
+    ASSERT_EQ(listen(listener, 4), 0);
+    const auto plainURL = "http://127.0.0.1:" + std::to_string(port) + "/";
+
+    struct Plain final : URLConnectionDelegate {
+        void connectionDidReceiveData(const URLConnectionRef&, const Data& data) override { text.append(data.begin(), data.end()); }
+        void connectionDidFinishLoading(const URLConnectionRef&) override { finished = true; }
+        void connectionDidFailWithError(const URLConnectionRef&, const ErrorRef&) override { failed = true; }
+        std::string text;
+        bool finished = false;
+        bool failed = false;
+    };
+    struct Deliberating final : URLConnectionDelegate {
+        bool handlesAuthenticationChallenges() const override { return true; }
+        void connectionWillSendRequestForAuthenticationChallenge(const URLConnectionRef&,
+                                                                 const URLAuthenticationChallengeRef& challenge) override
+        {
+            pollfd waiting{listener, POLLIN, 0};
+            if (poll(&waiting, 1, 10000) == 1) {
+                answering = accept(listener, nullptr, nullptr);
+                constexpr std::string_view answer = "HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\nlate";
+                EXPECT_EQ(write(answering, answer.data(), answer.size()), static_cast<ssize_t>(answer.size()));
+            }
+            // Started and cancelled while the transport is busy deciding.
+            const auto meanwhile = URLConnection::create(URLRequest::create(*URL::fromString(plainURL)), unheard);
+
+            // The window is what is measured, not a wait for something to happen.
+            const auto loop = RunLoop::currentRunLoop();
+            const Date end = Date::now().dateByAddingTimeInterval(0.5);
+            const auto started = std::chrono::steady_clock::now();
+            const double cpuBefore = threadCPUTime();
+            while (Date::now() < end) {
+                loop->runModeBeforeDate(NSDefaultRunLoopMode, end);
+            }
+            cpu = threadCPUTime() - cpuBefore;
+            wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+            meanwhile->cancel();
+
+            const auto& trust = challenge->protectionSpace().serverTrust();
+            challenge->sender()->useCredential(URLCredential::credentialForTrust(trust), challenge);
+        }
+        void connectionDidFinishLoading(const URLConnectionRef&) override { finished = true; }
+        void connectionDidFailWithError(const URLConnectionRef&, const ErrorRef&) override { failed = true; }
+
+        int listener = -1;
+        int answering = -1;
+        std::string plainURL;
+        std::shared_ptr<Plain> unheard = std::make_shared<Plain>();
+        double cpu = 0;
+        double wall = 0;
+        bool finished = false;
+        bool failed = false;
+    };
+
+    const auto plain = std::make_shared<Plain>();
+    URLConnection::create(URLRequest::create(*URL::fromString(plainURL)), plain);
+    const auto deliberating = std::make_shared<Deliberating>();
+    deliberating->listener = listener;
+    deliberating->plainURL = plainURL;
+    URLConnection::create(URLRequest::create(*URL::fromString(url(*first_))), deliberating);
+
+    const auto loop = RunLoop::currentRunLoop();
+    const Date limit = Date::now().dateByAddingTimeInterval(30);
+    while (!((plain->finished || plain->failed) && (deliberating->finished || deliberating->failed)) && Date::now() < limit
+           && loop->runModeBeforeDate(NSDefaultRunLoopMode, limit)) {
+    }
+    EXPECT_GT(deliberating->wall, 0.4);
+    EXPECT_LT(deliberating->cpu, 0.2 * deliberating->wall) << "cpu " << deliberating->cpu << " s in " << deliberating->wall << " s";
+    EXPECT_TRUE(deliberating->finished);
+    EXPECT_TRUE(plain->finished);
+    EXPECT_EQ(plain->text, "late");
+    EXPECT_FALSE(deliberating->unheard->finished || deliberating->unheard->failed);
+    close(deliberating->answering);
+    close(listener);
 }
 
 }  // namespace

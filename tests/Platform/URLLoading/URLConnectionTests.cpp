@@ -10,8 +10,6 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include <sys/socket.h>
-#include <netinet/in.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -181,36 +179,97 @@ TEST_F(URLConnectionTest, ErrorStatusesAreAnswersNotFailures)
     EXPECT_EQ(recorder->response->statusCode(), 503);
 }
 
-TEST_F(URLConnectionTest, FollowsRedirectsButKeepsCredentialsOnTheirHost)
+// Every field the caller sets may carry a secret ("Authorization", but also
+// "Private-Token" or "X-API-Key"), so none of them follows a redirect that
+// leaves the origin; within the origin they all do.
+TEST_F(URLConnectionTest, CallerFieldsFollowARedirectOnlyWithinTheOrigin)
 {
-    auto sameHost = MutableURLRequest::create(*URL::fromString(server_.url("/redirect?to=/echo")));
-    sameHost->setValueForHTTPHeaderField("Basic dTpw", "Authorization");
-    const auto same = load(sameHost->copy());
+    const std::vector<std::pair<std::string, std::string>> fields{
+        {"Authorization", "Basic dTpw"}, {"Private-Token", "glpat-secret"}, {"X-API-Key", "k3y"},
+        {"Cookie", "session=1"}, {"User-Agent", "caller/1"}};
+    const auto redirect = [&](const std::string& to) {
+        auto request = MutableURLRequest::create(*URL::fromString(server_.url("/redirect?to=" + to)));
+        for (const auto& [name, value] : fields) {
+            request->setValueForHTTPHeaderField(value, name);
+        }
+        return load(request->copy());
+    };
+
+    const auto same = redirect("/echo");
+    ASSERT_TRUE(same->response);
     EXPECT_EQ(same->response->statusCode(), 200);
     EXPECT_EQ(same->response->url().absoluteString(), server_.url("/echo"));
-    EXPECT_EQ(seen(*same).field("Authorization"), "Basic dTpw");
+    for (const auto& [name, value] : fields) {
+        EXPECT_EQ(seen(*same).field(name), value) << name;
+    }
 
-    // "localhost" is another host than "127.0.0.1", though the same server.
+    // "localhost" is another host than "127.0.0.1", though the same server;
+    // another port on the same address is another server.
+    testsupport::LocalServer other{{"python3", testsupport::sourceFile("tests/Platform/URLLoading/http_test_server.py")}};
+    for (const auto& elsewhere : {"http://localhost:" + std::to_string(server_.port()) + "/echo", other.url("/echo")}) {
+        SCOPED_TRACE(elsewhere);
+        const auto moved = redirect(elsewhere);
+        ASSERT_TRUE(moved->response);
+        EXPECT_EQ(moved->response->url().absoluteString(), elsewhere);
+        const auto wire = seen(*moved);
+        for (const auto& [name, value] : fields) {
+            EXPECT_NE(wire.field(name), value) << name;
+        }
+        EXPECT_EQ(wire.field("User-Agent"), "Zarvo-URLLoading/1 (Linux)");  // the transport's own
+    }
+}
+
+// 301, 302 and 303 turn a POST into a GET without its body (and without the
+// fields that describe a body); 307 and 308 send the method and the body again.
+// Either way the caller's fields go only to the origin.
+TEST_F(URLConnectionTest, ARedirectResendsABodyOnlyWhenItsStatusSaysSo)
+{
     const auto elsewhere = "http://localhost:" + std::to_string(server_.port()) + "/echo";
-    auto otherHost = MutableURLRequest::create(*URL::fromString(server_.url("/redirect?to=" + elsewhere)));
-    otherHost->setValueForHTTPHeaderField("Basic dTpw", "Authorization");
-    const auto other = load(otherHost->copy());
-    EXPECT_EQ(other->response->url().absoluteString(), elsewhere);
-    EXPECT_FALSE(seen(*other).field("Authorization"));
+    struct Case {
+        int status;
+        std::string to;
+        std::string method;
+        std::string body;
+        bool apiKey;
+        bool contentType;
+    };
+    const Case cases[] = {
+        {301, elsewhere, "GET", "", false, false},  {302, elsewhere, "GET", "", false, false},
+        {303, elsewhere, "GET", "", false, false},  {303, "/echo", "GET", "", true, false},
+        {307, "/echo", "POST", "c2VjcmV0", true, true}, {308, elsewhere, "POST", "c2VjcmV0", false, false},
+    };
+    for (const auto& [status, to, method, body, apiKey, contentType] : cases) {
+        SCOPED_TRACE(std::to_string(status) + " to " + to);
+        auto request = MutableURLRequest::create(
+            *URL::fromString(server_.url("/redirect?status=" + std::to_string(status) + "&to=" + to)));
+        request->setHTTPMethod("POST");
+        request->setHTTPBody(Data{'s', 'e', 'c', 'r', 'e', 't'});
+        request->setValueForHTTPHeaderField("text/plain", "Content-Type");
+        request->setValueForHTTPHeaderField("k3y", "X-API-Key");
+        const auto recorder = load(request->copy());
+        EXPECT_EQ(recorder->events, (std::vector<std::string>{"response", "data", "finish"}));
+        const auto wire = seen(*recorder);
+        EXPECT_EQ(wire.method(), method);
+        EXPECT_EQ(wire.body(), body);
+        EXPECT_EQ(wire.field("X-API-Key") == "k3y", apiKey);
+        EXPECT_EQ(wire.field("Content-Type") == "text/plain", contentType);
+    }
+}
+
+TEST_F(URLConnectionTest, GivesUpOnARedirectLoop)
+{
+    const auto recorder = load(request(server_.url("/loop")));
+    EXPECT_EQ(recorder->events, (std::vector<std::string>{"fail"}));
+    ASSERT_TRUE(recorder->error);
+    EXPECT_EQ(recorder->error->code(), NSURLErrorHTTPTooManyRedirects);
 }
 
 TEST_F(URLConnectionTest, ReportsEachKindOfFailureInTheURLDomain)
 {
     // A port nobody listens on: bound, then closed.
-    const int probe = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    ASSERT_EQ(bind(probe, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    getsockname(probe, reinterpret_cast<sockaddr*>(&address), &length);
-    close(probe);
-    const auto refused = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/";
+    int port = 0;
+    close(testsupport::bindLoopbackSocket(port));
+    const auto refused = "http://127.0.0.1:" + std::to_string(port) + "/";
 
     struct Case {
         std::string url;

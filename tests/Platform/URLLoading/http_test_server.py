@@ -71,7 +71,10 @@ class Handler(BaseHTTPRequestHandler):
         elif path == "/gzip":
             self.reply(200, gzip.compress(b"compressed text " * 100), [("Content-Encoding", "gzip")])
         elif path == "/redirect":
-            self.reply(302, b"", [("Location", query["to"][0])])
+            status = int(query.get("status", ["302"])[0])
+            self.reply(status, b"moved", [("Location", query["to"][0])])
+        elif path == "/loop":
+            self.reply(302, b"", [("Location", "/loop")])
         elif path == "/slow":
             time.sleep(float(query["seconds"][0]))
             self.reply(200, b"late")
