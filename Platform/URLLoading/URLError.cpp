@@ -29,13 +29,34 @@ std::string_view describe(URLErrorCode code)
     return "The URL could not be loaded.";
 }
 
+// The failing URL as errors show it: errors are printed and logged, so the
+// password of its user information is left out ("https://jo:pw@host/" reads
+// "https://jo@host/"). The text need not be a valid URL; one to three slashes
+// after the scheme begin the authority, as the transport reads them.
+std::string withoutPassword(std::string_view url)
+{
+    const auto schemeEnd = url.find(':');
+    const auto authorityStart = url.find_first_not_of('/', schemeEnd == std::string_view::npos ? 0 : schemeEnd + 1);
+    if (schemeEnd == std::string_view::npos || authorityStart == std::string_view::npos ||
+        authorityStart == schemeEnd + 1) {
+        return std::string(url);
+    }
+    const auto authority = url.substr(authorityStart, url.find_first_of("/?#", authorityStart) - authorityStart);
+    const auto at = authority.rfind('@');
+    const auto colon = authority.find(':');
+    if (at == std::string_view::npos || colon == std::string_view::npos || colon > at) {
+        return std::string(url);
+    }
+    return std::string(url.substr(0, authorityStart + colon)) + std::string(url.substr(authorityStart + at));
+}
+
 }  // namespace
 
 ErrorRef makeURLError(URLErrorCode code, std::string_view failingURL)
 {
     return Error::create(std::string(NSURLErrorDomain), code,
                          Dictionary{{NSLocalizedDescriptionKey, std::string(describe(code))},
-                                    {NSURLErrorFailingURLStringErrorKey, std::string(failingURL)}});
+                                    {NSURLErrorFailingURLStringErrorKey, withoutPassword(failingURL)}});
 }
 
 }  // namespace platform

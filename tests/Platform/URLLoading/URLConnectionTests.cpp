@@ -296,6 +296,28 @@ TEST_F(URLConnectionTest, ReportsEachKindOfFailureInTheURLDomain)
     }
 }
 
+// Errors are printed and logged: the failing URL they carry keeps the user
+// name but never the password.
+TEST_F(URLConnectionTest, AFailingURLInAnErrorLeavesThePasswordOut)
+{
+    int port = 0;
+    close(testsupport::bindLoopbackSocket(port));
+    const std::string hostAndPort = "127.0.0.1:" + std::to_string(port);
+    const std::pair<std::string, std::string> cases[] = {
+        {"http://jo:s3cret@" + hostAndPort + "/a?b=c", "http://jo@" + hostAndPort + "/a?b=c"},
+        {"http:/jo:s3cret@" + hostAndPort + "/", "http:/jo@" + hostAndPort + "/"},
+        {"http://:s3cret@" + hostAndPort, "http://@" + hostAndPort},
+        {"http://jo@" + hostAndPort + "/x:y@z", "http://jo@" + hostAndPort + "/x:y@z"},
+    };
+    for (const auto& [url, shown] : cases) {
+        SCOPED_TRACE(url);
+        const auto recorder = load(request(url));
+        ASSERT_TRUE(recorder->error);
+        EXPECT_EQ(recorder->error->code(), NSURLErrorCannotConnectToHost);
+        EXPECT_EQ(recorder->error->userInfo().get(NSURLErrorFailingURLStringErrorKey), Value(shown));
+    }
+}
+
 // A method is sent as part of the request line: one that is not an HTTP token
 // could split the request, so it is refused before anything is sent.
 TEST_F(URLConnectionTest, RefusesAMethodThatIsNotAToken)
