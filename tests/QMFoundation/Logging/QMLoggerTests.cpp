@@ -149,6 +149,10 @@ TEST_F(QMLoggerTest, ASecondActivationLeavesTheFirstLoggerWriting)
     DDLog::log(true, 31, DDLogFlagError, 0, __FILE__, __func__, __LINE__, platform::Value(), "%s", "twice");
     facade->deactivateFileLogger();
     DDLog::log(true, 31, DDLogFlagError, 0, __FILE__, __func__, __LINE__, platform::Value(), "%s", "once");
+    // The removed logger writes what it still holds on its own queue, which a
+    // flush of the loggers left does not wait for: wait for that queue too.
+    DDLog::flushLog();
+    second->loggerQueue()->sync([] {});
     const std::string text = fileText(first);
     EXPECT_EQ(testsupport::countOccurrences(text, "  twice\n"), 2u);
     EXPECT_EQ(testsupport::countOccurrences(text, "  once\n"), 1u);
