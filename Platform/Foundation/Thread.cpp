@@ -1,5 +1,6 @@
 #include "Platform/Foundation/Thread.h"
 
+#include <atomic>
 #include <optional>
 #include <pthread.h>
 #include <sys/syscall.h>
@@ -37,6 +38,28 @@ std::string kernelName()
 
 // The whole name given to setName, which the kernel cannot hold.
 thread_local std::optional<std::string> givenName;
+// What nameAsLastSeen answers until the next setName.
+thread_local std::optional<std::string> seenName;
+
+// The process id, asked of the kernel once and again in a forked child: the
+// C library no longer keeps it, and the main-thread test that needs it sits
+// on hot paths (every queue-specific look-up off a queue, every log line).
+std::atomic<pid_t> knownProcessID{0};
+
+pid_t processID()
+{
+    pid_t pid = knownProcessID.load(std::memory_order_relaxed);
+    if (pid == 0) {
+        static const bool forgottenInChildren = [] {
+            return ::pthread_atfork(nullptr, nullptr, [] { knownProcessID.store(0, std::memory_order_relaxed); }) == 0;
+        }();
+        pid = ::getpid();
+        if (forgottenInChildren) {
+            knownProcessID.store(pid, std::memory_order_relaxed);
+        }
+    }
+    return pid;
+}
 
 }  // namespace
 
@@ -49,11 +72,8 @@ std::uint64_t Thread::currentThreadID()
 
 bool Thread::isMainThread()
 {
-    // On Linux the first thread's number is the process id. Cached like the
-    // number: every log message asks (for its queue label), and a system
-    // call per message is a fair part of what a message costs its producer.
-    thread_local const bool isMain = currentThreadID() == static_cast<std::uint64_t>(::getpid());
-    return isMain;
+    // On Linux the first thread's number is the process id.
+    return currentThreadID() == static_cast<std::uint64_t>(processID());
 }
 
 std::string Thread::name()
@@ -66,8 +86,17 @@ std::string Thread::name()
     return current;
 }
 
+const std::string& Thread::nameAsLastSeen()
+{
+    if (!seenName) {
+        seenName = name();
+    }
+    return *seenName;
+}
+
 void Thread::setName(std::string_view name)
 {
+    seenName.reset();
     givenName = std::string(name);
     // Cannot fail: the name fits and names the calling thread.
     ::pthread_setname_np(::pthread_self(), kernelNameFor(name).c_str());

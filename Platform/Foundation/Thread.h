@@ -24,6 +24,10 @@ public:
     // bytes, and for a thread nobody named the name it inherited from the
     // thread that started it, usually the process's name).
     static std::string name();
+    // `name` as it was when last asked here, read anew only after `setName`:
+    // no system call, for hot paths such as log lines. A rename by other
+    // means than `setName` is not seen.
+    static const std::string& nameAsLastSeen();
     // Names the calling thread. The kernel keeps only the first 15 bytes (cut
     // before a character that would not fit whole, and at a NUL byte), and
     // that is what ps and debuggers show; `name` answers the whole name.

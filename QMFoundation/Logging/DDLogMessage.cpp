@@ -37,7 +37,7 @@ DDLogMessage::DDLogMessage(std::string logMsg, int level, int flag, int context,
       lineNumber_(line),
       machThreadID_(static_cast<std::uint32_t>(platform::Thread::currentThreadID())),
       queueLabel_(platform::DispatchQueue::currentLabel()),
-      threadName_(platform::Thread::name()),
+      threadName_(platform::Thread::nameAsLastSeen()),
       tag_(std::move(tag)),
       options_(options)
 {

@@ -4,6 +4,7 @@
 
 #include <fstream>
 #include <pthread.h>
+#include <unistd.h>
 #include <string>
 #include <thread>
 
@@ -95,4 +96,23 @@ TEST(ThreadName, EmptyAndNulContainingNames)
         EXPECT_EQ(kernelShownName(), "in");
         EXPECT_EQ(Thread::name(), std::string("in\0side", 7));
     });
+}
+
+TEST(ThreadName, TheNameAsLastSeenFollowsSetNameOnly)
+{
+    onNewThread([] {
+        Thread::setName("first name, longer than the kernel keeps");
+        EXPECT_EQ(Thread::nameAsLastSeen(), "first name, longer than the kernel keeps");
+        ::pthread_setname_np(::pthread_self(), "other means");
+        EXPECT_EQ(Thread::nameAsLastSeen(), "first name, longer than the kernel keeps");
+        Thread::setName("second");
+        EXPECT_EQ(Thread::nameAsLastSeen(), "second");
+    });
+    onNewThread([] { EXPECT_EQ(Thread::nameAsLastSeen(), kernelShownName()); });
+}
+
+TEST(ThreadIdentity, OnlyTheFirstThreadIsTheMainThread)
+{
+    EXPECT_EQ(Thread::isMainThread(), Thread::currentThreadID() == static_cast<std::uint64_t>(::getpid()));
+    onNewThread([] { EXPECT_FALSE(Thread::isMainThread()); });
 }
