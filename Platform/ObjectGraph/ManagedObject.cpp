@@ -7,6 +7,8 @@
 #include "Platform/Runtime/Class.h"
 
 #include <algorithm>
+#include <memory>
+#include <utility>
 
 namespace platform {
 namespace {
@@ -135,8 +137,98 @@ ManagedObjectRef ManagedObject::makeFault(const EntityDescription& entity, Manag
     auto object = makeInstance(entity);
     object->bind(entity);
     object->fault_ = true;
-    object->setObjectID(std::move(id));
+    if (id && !id->isTemporaryID() && &id->entity() == &entity) {
+        object->partsStore_ = id->store_;
+        object->partsKey_ = id->primaryKey();
+        object->idInParts_ = true;
+    } else {
+        object->setObjectID(std::move(id));
+    }
     return object;
+}
+
+void ManagedObject::setObjectID(ManagedObjectIDRef id)
+{
+    objectID_.store(std::move(id), std::memory_order_release);
+    idInParts_ = false;
+}
+
+ManagedObjectIDRef ManagedObject::objectIDFromParts() const
+{
+    if (partsKey_ == 0) {
+        return nullptr;
+    }
+    // Two threads may both make one; the first kept is the one every caller
+    // gets, so that the ID stays one object.
+    ManagedObjectIDRef made = ManagedObjectID::permanentID(*entity_, partsStore_, partsKey_);
+    ManagedObjectIDRef kept;
+    if (objectID_.compare_exchange_strong(kept, made, std::memory_order_acq_rel, std::memory_order_acquire)) {
+        return made;
+    }
+    return kept;
+}
+
+ManagedObjectIDKey ManagedObject::idKey() const
+{
+    if (idInParts_) {
+        return {entity_, partsStore_.get(), partsKey_, false};
+    }
+    // Only this thread replaces objectID_, so the ID outlives the key.
+    const auto id = objectID_.load(std::memory_order_acquire);
+    return id ? id->key() : ManagedObjectIDKey{};
+}
+
+// --- ValueSlots ----------------------------------------------------------------------------
+
+ManagedObject::ValueSlots::Header* ManagedObject::ValueSlots::allocate(std::size_t size)
+{
+    auto* header = static_cast<Header*>(::operator new(sizeof(Header) + size * sizeof(Value)));
+    header->size = size;
+    return header;
+}
+
+ManagedObject::ValueSlots& ManagedObject::ValueSlots::operator=(std::vector<Value> values)
+{
+    clear();
+    if (!values.empty()) {
+        Header* header = allocate(values.size());
+        std::uninitialized_move(values.begin(), values.end(), reinterpret_cast<Value*>(header + 1));
+        header_ = header;
+    }
+    return *this;
+}
+
+void ManagedObject::ValueSlots::resize(std::size_t size)
+{
+    const std::size_t old = this->size();
+    if (size == old) {
+        return;
+    }
+    if (size == 0) {
+        clear();
+        return;
+    }
+    Header* header = allocate(size);
+    auto* target = reinterpret_cast<Value*>(header + 1);
+    const std::size_t kept = std::min(size, old);
+    if (kept > 0) {
+        std::uninitialized_move_n(items(), kept, target);
+    }
+    std::uninitialized_value_construct(target + kept, target + size);
+    clear();
+    header_ = header;
+}
+
+void ManagedObject::ValueSlots::clear()
+{
+    if (header_ == nullptr) {
+        return;
+    }
+    // Destroying a value may release objects whose destruction reaches this
+    // object again (relationships hold each other): detach first.
+    Header* header = std::exchange(header_, nullptr);
+    std::destroy_n(std::launder(reinterpret_cast<Value*>(header + 1)), header->size);
+    ::operator delete(header);
 }
 
 std::shared_ptr<ManagedObjectContext> ManagedObject::managedObjectContext() const

@@ -41,6 +41,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <new>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -48,6 +49,9 @@
 
 namespace platform {
 
+namespace objectgraph {
+class RegisteredObjects;
+}
 class ManagedObjectContext;
 class ManagedObject;
 using ManagedObjectRef = std::shared_ptr<ManagedObject>;
@@ -68,8 +72,15 @@ public:
     static ManagedObjectRef insertNewObjectForEntityForName(std::string_view entityName, ManagedObjectContext& context);
 
     const EntityDescription& entity() const { return *entity_; }
-    // Any thread; see the banner.
-    ManagedObjectIDRef objectID() const { return objectID_.load(std::memory_order_acquire); }
+    // Any thread; see the banner. The same ID object on every call until the
+    // ID changes (a fault makes it on the first call).
+    ManagedObjectIDRef objectID() const
+    {
+        if (auto id = objectID_.load(std::memory_order_acquire)) {
+            return id;
+        }
+        return objectIDFromParts();
+    }
     // Nothing when the object is in no context (made without one, or its
     // deletion was saved, or its context is gone).
     std::shared_ptr<ManagedObjectContext> managedObjectContext() const;
@@ -124,12 +135,47 @@ protected:
 private:
     friend class ManagedObjectContext;
     friend class EntityDescription;
+    friend class objectgraph::RegisteredObjects;
+
+    // Values by property index in one allocation that carries its size, so
+    // that an object without values (a fault) spends one pointer on them
+    // rather than a vector's three. Indexes are not checked.
+    class ValueSlots {
+    public:
+        ValueSlots() = default;
+        ValueSlots(const ValueSlots&) = delete;
+        ValueSlots& operator=(const ValueSlots&) = delete;
+        ~ValueSlots() { clear(); }
+
+        ValueSlots& operator=(std::vector<Value> values);
+        std::size_t size() const { return header_ != nullptr ? header_->size : 0; }
+        Value& operator[](std::size_t index) { return items()[index]; }
+        const Value& operator[](std::size_t index) const { return items()[index]; }
+        // Keeps the first values, adds nothing-values after them.
+        void resize(std::size_t size);
+        void clear();
+
+    private:
+        struct Header {
+            std::size_t size;
+        };
+        static_assert(sizeof(Header) % alignof(Value) == 0);
+        static Header* allocate(std::size_t size);
+        Value* items() const { return std::launder(reinterpret_cast<Value*>(header_ + 1)); }
+
+        Header* header_ = nullptr;
+    };
 
     void bind(const EntityDescription& entity);
     // An object of the entity's class with no values, to be registered as a
     // fault: nothing is allocated for values until it fires.
     static ManagedObjectRef makeFault(const EntityDescription& entity, ManagedObjectIDRef id);
-    void setObjectID(ManagedObjectIDRef id) { objectID_.store(std::move(id), std::memory_order_release); }
+    void setObjectID(ManagedObjectIDRef id);
+    // The ID a fault was made with, made from its parts and kept (objectID()
+    // when none has been kept yet); nothing for an object not given an ID yet.
+    ManagedObjectIDRef objectIDFromParts() const;
+    // The current ID as a small value; on the context's thread only.
+    ManagedObjectIDKey idKey() const;
     void fireFault() const;
     const Value& storedValue(std::size_t index) const;
     void setStoredValue(std::size_t index, Value value);  // marks the change
@@ -142,20 +188,32 @@ private:
     // the object or nothing for to-one).
     static std::vector<ManagedObjectRef> storedTargets(const Value& stored);
 
+    // A fault costs what these members take (with the control block of its
+    // shared_ptr and the context's registration): keep them few and small.
     const EntityDescription* entity_ = nullptr;
     ManagedObjectContext* context_ = nullptr;  // the context that holds this object registered
-    std::atomic<ManagedObjectIDRef> objectID_;
+    // A fault's ID in parts (with entity_): most faults are never asked for
+    // an ID object, and one would cost as much again as the fault. Written
+    // once, before the object is shared, and never changed: a later ID goes
+    // into objectID_, which readers look at first.
+    std::shared_ptr<const std::string> partsStore_;
+    std::int64_t partsKey_ = 0;
+    // The ID object, when one was set or made from the parts.
+    mutable std::atomic<ManagedObjectIDRef> objectID_;
     // By property index. Relationships hold objects: to-one the object or
     // nothing, to-many an Array of objects. Empty while a fault.
-    mutable std::vector<Value> values_;
+    mutable ValueSlots values_;
     // The values as last fetched or saved (relationships as object IDs), for
     // changedValues and merging; the store version they came with.
-    mutable std::vector<Value> committed_;
+    mutable ValueSlots committed_;
     mutable std::int64_t version_ = 0;
     mutable bool fault_ = false;
     bool inserted_ = false;
     bool updated_ = false;
     bool deleted_ = false;
+    // Whether the parts are the current ID (on the context's thread only;
+    // other threads go by objectID_ first).
+    bool idInParts_ = false;
 };
 
 }  // namespace platform

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <map>
+#include <unordered_map>
 #include <unordered_set>
 
 namespace platform {
@@ -126,10 +127,10 @@ ManagedObjectContext::~ManagedObjectContext()
 {
     // Objects and their relationships hold each other; the context breaks
     // the cycles it is the root of.
-    for (auto& [id, object] : registered_) {
+    registered_.forEach([](const ManagedObjectRef& object) {
         object->values_.clear();
         object->context_ = nullptr;
-    }
+    });
 }
 
 bool ManagedObjectContext::isCurrentPerformer() const
@@ -291,27 +292,26 @@ std::vector<ManagedObjectRef> ManagedObjectContext::registeredObjects() const
     checkAccess(__func__);
     std::vector<ManagedObjectRef> objects;
     objects.reserve(registered_.size());
-    for (const auto& [id, object] : registered_) {
-        objects.push_back(object);
-    }
+    registered_.forEach([&](const ManagedObjectRef& object) { objects.push_back(object); });
     return objects;
 }
 
 void ManagedObjectContext::registerObject(const ManagedObjectRef& object, ManagedObjectIDRef id)
 {
     object->context_ = this;
-    object->setObjectID(id);
-    registered_[std::move(id)] = object;
+    if (id) {
+        object->setObjectID(std::move(id));
+    }
+    registered_.insert(object);
 }
 
 void ManagedObjectContext::forget(ManagedObject& object)
 {
-    const auto found = registered_.find(object.objectID());
-    if (found != registered_.end() && found->second.get() == &object) {
-        // The map holds the last strong reference the context has; keep the
+    const ManagedObjectRef* found = registered_.find(object.idKey());
+    if (found != nullptr && found->get() == &object) {
+        // The table holds the last strong reference the context has; keep the
         // object alive until it is tidied.
-        auto keep = found->second;
-        registered_.erase(found);
+        auto keep = registered_.erase(object.idKey());
         inserted_->erase(&object);
         updated_->erase(&object);
         deleted_->erase(&object);
@@ -331,12 +331,12 @@ void ManagedObjectContext::noteUpdated(ManagedObject& object)
     if (object.inserted_ || object.deleted_ || object.updated_) {
         return;
     }
-    const auto found = registered_.find(object.objectID());
-    if (found == registered_.end()) {
+    const ManagedObjectRef* found = registered_.find(object.idKey());
+    if (found == nullptr) {
         return;
     }
     object.updated_ = true;
-    updated_->insert(found->second);
+    updated_->insert(*found);
 }
 
 bool ManagedObjectContext::hasChangesOfEntity(const EntityDescription& entity) const
@@ -366,7 +366,7 @@ void ManagedObjectContext::insertObject(const ManagedObjectRef& object)
     if (&object->entity().managedObjectModel() != &model()) {
         Exception::raise(NSInvalidArgumentException, "The object's entity is not of the context's model.");
     }
-    registerObject(object, object->objectID());
+    registerObject(object);
     object->inserted_ = true;
     inserted_->insert(object);
 }
@@ -544,8 +544,11 @@ bool ManagedObjectContext::fulfillFault(ManagedObject& object, ErrorRef* error)
 
 ManagedObjectRef ManagedObjectContext::objectRegisteredForID(const ManagedObjectIDRef& objectID) const
 {
-    const auto found = registered_.find(objectID);
-    return found != registered_.end() ? found->second : nullptr;
+    if (!objectID) {
+        return nullptr;
+    }
+    const ManagedObjectRef* found = registered_.find(objectID->key());
+    return found != nullptr ? *found : nullptr;
 }
 
 ManagedObjectRef ManagedObjectContext::objectWithID(const ManagedObjectIDRef& objectID)
@@ -561,7 +564,7 @@ ManagedObjectRef ManagedObjectContext::objectWithID(const ManagedObjectIDRef& ob
         Exception::raise(NSInvalidArgumentException, "The object ID is not of the context's model.");
     }
     ManagedObjectRef object = ManagedObject::makeFault(objectID->entity(), objectID);
-    registerObject(object, objectID);
+    registerObject(object);
     return object;
 }
 
@@ -727,7 +730,7 @@ bool ManagedObjectContext::obtainPermanentIDsForObjects(const std::vector<Manage
         for (std::size_t index = 0; index < group.size(); ++index) {
             ManagedObject& object = *group[index];
             if (object.context_ == this) {
-                registered_.erase(object.objectID());
+                registered_.erase(object.idKey());
                 registerObject(group[index], (*ids)[index]);
             } else {
                 object.setObjectID((*ids)[index]);
@@ -1097,14 +1100,13 @@ void ManagedObjectContext::reset()
 {
     checkAccess(__func__);
     auto registered = std::move(registered_);
-    registered_.clear();
     inserted_->clear();
     updated_->clear();
     deleted_->clear();
-    for (auto& [id, object] : registered) {
+    registered.forEach([](const ManagedObjectRef& object) {
         object->values_.clear();
         object->context_ = nullptr;
-    }
+    });
 }
 
 void ManagedObjectContext::mergeChangesFromContextDidSaveNotification(const Notification& notification)

@@ -67,13 +67,13 @@
 #include "Platform/Foundation/RunLoop.h"
 #include "Platform/ObjectGraph/FetchRequest.h"
 #include "Platform/ObjectGraph/ManagedObject.h"
+#include "Platform/ObjectGraph/RegisteredObjects.h"
 
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <thread>
-#include <unordered_map>
 #include <vector>
 
 namespace platform {
@@ -210,7 +210,8 @@ private:
     bool isCurrentPerformer() const;
     const ManagedObjectModel& model() const;
 
-    void registerObject(const ManagedObjectRef& object, ManagedObjectIDRef id);
+    // Under `id`, which becomes the object's ID; under its own ID without one.
+    void registerObject(const ManagedObjectRef& object, ManagedObjectIDRef id = nullptr);
     void forget(ManagedObject& object);
     void noteUpdated(ManagedObject& object);
     // Fills a fault; false when the object no longer exists.
@@ -247,7 +248,7 @@ private:
     ObjectRef undoManager_;
     MergePolicy mergePolicy_ = MergePolicy::Error;
 
-    std::unordered_map<ManagedObjectIDRef, ManagedObjectRef, ManagedObjectIDHash, ManagedObjectIDEqual> registered_;
+    objectgraph::RegisteredObjects registered_;
     std::unique_ptr<ObjectSet> inserted_;
     std::unique_ptr<ObjectSet> updated_;
     std::unique_ptr<ObjectSet> deleted_;

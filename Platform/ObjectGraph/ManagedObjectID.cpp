@@ -104,19 +104,42 @@ std::optional<ManagedObjectID::URIParts> ManagedObjectID::parseURIRepresentation
     return parts;
 }
 
+std::size_t ManagedObjectIDKey::hash() const
+{
+    // Keys are consecutive and tables keep the high bits, so mix them all
+    // (the finaliser of splitmix64).
+    auto mixed = static_cast<std::uint64_t>(primaryKey) ^ (reinterpret_cast<std::uintptr_t>(entity) >> 4) * 0x9e3779b97f4a7c15ULL;
+    mixed ^= temporary ? 0x5bd1e995ULL : 0;
+    mixed = (mixed ^ (mixed >> 30)) * 0xbf58476d1ce4e5b9ULL;
+    mixed = (mixed ^ (mixed >> 27)) * 0x94d049bb133111ebULL;
+    return static_cast<std::size_t>(mixed ^ (mixed >> 31));
+}
+
+bool operator==(const ManagedObjectIDKey& left, const ManagedObjectIDKey& right)
+{
+    if (left.primaryKey != right.primaryKey || left.entity != right.entity || left.temporary != right.temporary) {
+        return false;
+    }
+    if (left.store == right.store) {
+        return true;
+    }
+    const std::string& leftStore = left.store != nullptr ? *left.store : emptyString();
+    const std::string& rightStore = right.store != nullptr ? *right.store : emptyString();
+    return leftStore == rightStore;
+}
+
 bool ManagedObjectID::isEqual(const Object& other) const
 {
     if (this == &other) {
         return true;
     }
     const auto* id = dynamic_cast<const ManagedObjectID*>(&other);
-    return id != nullptr && id->entity_ == entity_ && id->key_ == key_ && id->temporary_ == temporary_ &&
-           id->storeIdentifier() == storeIdentifier();
+    return id != nullptr && id->key() == key();
 }
 
 std::size_t ManagedObjectID::hash() const
 {
-    return std::hash<std::int64_t>()(key_) ^ (std::hash<const void*>()(entity_) << 1) ^ (temporary_ ? 0x9e37 : 0);
+    return key().hash();
 }
 
 std::string ManagedObjectID::description() const

@@ -31,6 +31,20 @@ namespace platform {
 
 class EntityDescription;
 class ManagedObjectID;
+
+// What an ID's equality and hash look at, as a small value: the registration
+// table of a context and a fault's own ID (kept in parts until someone asks
+// for the ID object) compare these without an ID object. `store` is null for
+// a temporary ID; stores compare by their identifier's text.
+struct ManagedObjectIDKey {
+    const EntityDescription* entity = nullptr;
+    const std::string* store = nullptr;
+    std::int64_t primaryKey = 0;
+    bool temporary = false;
+
+    std::size_t hash() const;
+    friend bool operator==(const ManagedObjectIDKey& left, const ManagedObjectIDKey& right);
+};
 // Immutable, so shared without const (values and collections hold it so).
 using ManagedObjectIDRef = std::shared_ptr<ManagedObjectID>;
 
@@ -51,6 +65,8 @@ public:
     // The store's key of the object; for a temporary ID, a number unique in
     // this process.
     std::int64_t primaryKey() const { return key_; }
+    // Valid while this ID lives.
+    ManagedObjectIDKey key() const { return {entity_, store_.get(), key_, temporary_}; }
 
     URL URIRepresentation() const;
     // The parts of a URI made by URIRepresentation: nothing for anything
@@ -79,6 +95,7 @@ public:
                     std::int64_t key, bool temporary);
 
 private:
+    friend class ManagedObject;  // keeps a fault's ID in parts
 
     const EntityDescription* entity_;
     std::shared_ptr<const std::string> store_;
