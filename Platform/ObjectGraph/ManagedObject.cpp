@@ -7,6 +7,8 @@
 #include "Platform/Runtime/Class.h"
 
 #include <algorithm>
+#include <array>
+#include <cstdint>
 #include <memory>
 #include <utility>
 
@@ -147,26 +149,31 @@ ManagedObjectRef ManagedObject::makeFault(const EntityDescription& entity, Manag
     return object;
 }
 
-void ManagedObject::setObjectID(ManagedObjectIDRef id)
+std::mutex& ManagedObject::idLock() const
 {
-    objectID_.store(std::move(id), std::memory_order_release);
-    idInParts_ = false;
+    // A lock is held for a few instructions, so a few dozen serve every object.
+    static std::array<std::mutex, 64> locks;
+    return locks[(reinterpret_cast<std::uintptr_t>(this) >> 6) % locks.size()];
 }
 
-ManagedObjectIDRef ManagedObject::objectIDFromParts() const
+ManagedObjectIDRef ManagedObject::objectID() const
 {
-    if (partsKey_ == 0) {
-        return nullptr;
+    std::lock_guard lock(idLock());
+    if (!objectID_ && partsKey_ != 0) {
+        // Kept, so that the ID stays one object however often it is asked for.
+        objectID_ = ManagedObjectID::permanentID(*entity_, partsStore_, partsKey_);
     }
-    // Two threads may both make one; the first kept is the one every caller
-    // gets, so that the ID stays one object.
-    ManagedObjectIDRef made = ManagedObjectID::permanentID(*entity_, partsStore_, partsKey_);
-    ManagedObjectIDRef kept;
-    if (objectID_.compare_exchange_strong(kept, made, std::memory_order_acq_rel, std::memory_order_acquire)) {
-        return made;
-    }
-    return kept;
+    return objectID_;
 }
+
+void ManagedObject::setObjectID(ManagedObjectIDRef id)
+{
+    {
+        std::lock_guard lock(idLock());
+        std::swap(objectID_, id);
+    }
+    idInParts_ = false;
+}  // the ID it had goes here, outside the lock
 
 ManagedObjectIDKey ManagedObject::idKey() const
 {
@@ -174,8 +181,8 @@ ManagedObjectIDKey ManagedObject::idKey() const
         return {entity_, partsStore_.get(), partsKey_, false};
     }
     // Only this thread replaces objectID_, so the ID outlives the key.
-    const auto id = objectID_.load(std::memory_order_acquire);
-    return id ? id->key() : ManagedObjectIDKey{};
+    std::lock_guard lock(idLock());
+    return objectID_ ? objectID_->key() : ManagedObjectIDKey{};
 }
 
 // --- ValueSlots ----------------------------------------------------------------------------

@@ -38,9 +38,9 @@
 #include "Platform/ObjectGraph/ManagedObjectModel.h"
 #include "Platform/ObjectGraph/PersistentStore.h"
 
-#include <atomic>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <new>
 #include <optional>
 #include <string>
@@ -74,13 +74,7 @@ public:
     const EntityDescription& entity() const { return *entity_; }
     // Any thread; see the banner. The same ID object on every call until the
     // ID changes (a fault makes it on the first call).
-    ManagedObjectIDRef objectID() const
-    {
-        if (auto id = objectID_.load(std::memory_order_acquire)) {
-            return id;
-        }
-        return objectIDFromParts();
-    }
+    ManagedObjectIDRef objectID() const;
     // Nothing when the object is in no context (made without one, or its
     // deletion was saved, or its context is gone).
     std::shared_ptr<ManagedObjectContext> managedObjectContext() const;
@@ -171,11 +165,11 @@ private:
     // fault: nothing is allocated for values until it fires.
     static ManagedObjectRef makeFault(const EntityDescription& entity, ManagedObjectIDRef id);
     void setObjectID(ManagedObjectIDRef id);
-    // The ID a fault was made with, made from its parts and kept (objectID()
-    // when none has been kept yet); nothing for an object not given an ID yet.
-    ManagedObjectIDRef objectIDFromParts() const;
     // The current ID as a small value; on the context's thread only.
     ManagedObjectIDKey idKey() const;
+    // Guards objectID_, which any thread may read: one of a few locks shared
+    // by all objects, so that an object carries no lock of its own.
+    std::mutex& idLock() const;
     void fireFault() const;
     const Value& storedValue(std::size_t index) const;
     void setStoredValue(std::size_t index, Value value);  // marks the change
@@ -198,8 +192,8 @@ private:
     // into objectID_, which readers look at first.
     std::shared_ptr<const std::string> partsStore_;
     std::int64_t partsKey_ = 0;
-    // The ID object, when one was set or made from the parts.
-    mutable std::atomic<ManagedObjectIDRef> objectID_;
+    // The ID object, when one was set or made from the parts (idLock()).
+    mutable ManagedObjectIDRef objectID_;
     // By property index. Relationships hold objects: to-one the object or
     // nothing, to-many an Array of objects. Empty while a fault.
     mutable ValueSlots values_;

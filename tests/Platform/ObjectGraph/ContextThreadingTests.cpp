@@ -176,6 +176,50 @@ TEST_F(ContextThreading, SavesMergeIntoAContextOnAnotherQueue)
     reader->performBlockAndWait([&] { EXPECT_EQ(seen->valueForKey("name"), Value("Sales EMEA")); });
 }
 
+// A fault makes its ID object when first asked; threads that ask at once
+// (merges read IDs from the saving thread) must all get the one object.
+TEST_F(ContextThreading, AFaultsIDReadOnManyThreadsAtOnceIsOneObject)
+{
+    auto writer = privateRoot();
+    writer->performBlockAndWait([&] {
+        for (int index = 0; index < 20; ++index) {
+            ManagedObject::insertNewObjectForEntityForName("Department", *writer)->setValueForKey("D", "name");
+        }
+        EXPECT_TRUE(writer->save());
+    });
+    auto reader = privateRoot();
+    std::vector<ManagedObjectRef> faults;
+    reader->performBlockAndWait(
+        [&] { faults = *reader->executeFetchRequest(*FetchRequest::fetchRequestWithEntityName("Department")); });
+    ASSERT_EQ(faults.size(), 20u);
+
+    constexpr int kThreads = 4;
+    std::vector<std::vector<ManagedObjectIDRef>> seen(kThreads);
+    auto start = DispatchSemaphore::create(0);
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < kThreads; ++thread) {
+        threads.emplace_back([&, thread] {
+            start->wait();
+            for (const auto& fault : faults) {
+                seen[thread].push_back(fault->objectID());
+            }
+        });
+    }
+    for (int thread = 0; thread < kThreads; ++thread) {
+        start->signal();
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    for (std::size_t index = 0; index < faults.size(); ++index) {
+        ASSERT_NE(seen[0][index], nullptr);
+        for (int thread = 1; thread < kThreads; ++thread) {
+            EXPECT_EQ(seen[thread][index], seen[0][index]);
+        }
+        EXPECT_EQ(faults[index]->objectID(), seen[0][index]);
+    }
+}
+
 #ifndef NDEBUG
 TEST_F(ContextThreading, DirectUseOfAPrivateContextOutsideItsQueueRaisesInDebugBuilds)
 {

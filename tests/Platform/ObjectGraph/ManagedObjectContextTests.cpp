@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <set>
+
 using namespace platform;
 using objectgraphtest::StoreTest;
 using testing::ElementsAre;
@@ -158,6 +160,62 @@ TEST_P(SavingAndFetching, ObjectIDsNameTheSameObjectsAfterTheStoreIsOpenedAgain)
     auto other = insert(context, "Department", {{"name", "Other"}});
     save(context);
     EXPECT_NE(other->objectID()->primaryKey(), id->primaryKey());
+}
+
+// Faults keep their ID in parts until it is asked for; the object made then
+// must be the ID they were fetched under, and stay the same object.
+TEST_P(SavingAndFetching, FaultsAreFoundByEqualIDsAndKeepOneIDObject)
+{
+    auto writer = rootContext();
+    for (int index = 0; index < 60; ++index) {
+        insert(writer, "Department", {{"name", "D" + std::to_string(index)}});
+    }
+    save(writer);
+
+    auto reader = rootContext();
+    const auto ids = reader->executeFetchRequestForIDs(*FetchRequest::fetchRequestWithEntityName("Department"));
+    ASSERT_TRUE(ids);
+    const auto faults = fetchAll(reader, "Department");
+    ASSERT_EQ(faults.size(), 60u);
+    for (std::size_t index = 0; index < faults.size(); ++index) {
+        const auto& fault = faults[index];
+        EXPECT_TRUE(fault->isFault());
+        const auto id = fault->objectID();
+        EXPECT_EQ(fault->objectID(), id);
+        EXPECT_EQ(fault->valueForKey("objectID"), Value(id));
+        EXPECT_TRUE(id->isEqual(*(*ids)[index]));
+        EXPECT_FALSE(id->isTemporaryID());
+        // An equal ID that is another object, as a restart would make it.
+        const auto again = coordinator_->managedObjectIDForURIRepresentation(id->URIRepresentation());
+        ASSERT_NE(again, nullptr);
+        EXPECT_EQ(reader->objectRegisteredForID(again), fault);
+        EXPECT_EQ(reader->objectWithID(again), fault);
+        EXPECT_TRUE(fault->isFault());
+    }
+    EXPECT_EQ(reader->registeredObjects().size(), 60u);
+
+    // Deleting every other one takes their registrations out and leaves the
+    // rest to be found.
+    for (std::size_t index = 0; index < faults.size(); index += 2) {
+        reader->deleteObject(faults[index]);
+    }
+    save(reader);
+    EXPECT_EQ(reader->registeredObjects().size(), 30u);
+    for (std::size_t index = 0; index < faults.size(); ++index) {
+        const auto registered = reader->objectRegisteredForID((*ids)[index]);
+        EXPECT_EQ(registered, index % 2 == 0 ? nullptr : faults[index]) << index;
+    }
+    // The ones left still fire, each with its own values.
+    std::set<std::string> left;
+    for (std::size_t index = 1; index < faults.size(); index += 2) {
+        left.insert(*faults[index]->valueForKey("name").string());
+    }
+    auto check = rootContext();
+    std::set<std::string> stored;
+    for (const auto& object : fetchAll(check, "Department")) {
+        stored.insert(*object->valueForKey("name").string());
+    }
+    EXPECT_EQ(left, stored);
 }
 
 TEST_P(SavingAndFetching, ExistingObjectOfAnIDWhoseObjectIsGoneIsReferentialIntegrityError)

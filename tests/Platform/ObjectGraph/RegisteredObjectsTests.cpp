@@ -1,0 +1,98 @@
+#include "Platform/ObjectGraph/RegisteredObjects.h"
+#include "tests/Platform/ObjectGraph/ObjectGraphFixture.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+
+using namespace platform;
+using objectgraph::RegisteredObjects;
+
+namespace {
+
+// Objects in no context, each with a temporary ID of its own.
+std::vector<ManagedObjectRef> makeObjects(std::size_t count)
+{
+    const EntityDescription& entity = *objectgraphtest::companyModel()->entityNamed("Department");
+    std::vector<ManagedObjectRef> objects;
+    for (std::size_t index = 0; index < count; ++index) {
+        objects.push_back(ManagedObject::create(entity, nullptr));
+    }
+    return objects;
+}
+
+const ManagedObject* found(const RegisteredObjects& table, const ManagedObjectRef& object)
+{
+    const ManagedObjectRef* slot = table.find(object->objectID()->key());
+    return slot != nullptr ? slot->get() : nullptr;
+}
+
+// Enough objects for the table to grow many times and to form long runs of
+// taken slots, which is where removals must move later objects back.
+TEST(RegisteredObjectsTest, EveryObjectIsFoundThroughGrowthAndRemovalsInAnyOrder)
+{
+    auto objects = makeObjects(3000);
+    RegisteredObjects table;
+    for (const auto& object : objects) {
+        table.insert(object);
+    }
+    ASSERT_EQ(table.size(), objects.size());
+
+    std::shuffle(objects.begin(), objects.end(), std::mt19937(7));
+    const std::size_t half = objects.size() / 2;
+    for (std::size_t index = 0; index < half; ++index) {
+        EXPECT_EQ(table.erase(objects[index]->objectID()->key()), objects[index]);
+    }
+    EXPECT_EQ(table.size(), objects.size() - half);
+    std::size_t missing = 0;
+    for (std::size_t index = 0; index < objects.size(); ++index) {
+        const ManagedObject* expected = index < half ? nullptr : objects[index].get();
+        missing += found(table, objects[index]) != expected;
+    }
+    EXPECT_EQ(missing, 0u);
+    EXPECT_EQ(table.erase(objects.front()->objectID()->key()), nullptr);
+
+    // Taking the rest out one by one, checking the whole table each time
+    // for a few, catches a removal that strands a neighbour.
+    for (std::size_t index = half; index < objects.size(); ++index) {
+        ASSERT_EQ(table.erase(objects[index]->objectID()->key()), objects[index]);
+        if (index % 97 == 0) {
+            for (std::size_t later = index + 1; later < objects.size(); ++later) {
+                ASSERT_EQ(found(table, objects[later]), objects[later].get()) << later;
+            }
+        }
+    }
+    EXPECT_TRUE(table.empty());
+}
+
+TEST(RegisteredObjectsTest, HoldsItsObjectsUntilErasedOrCleared)
+{
+    auto objects = makeObjects(40);
+    std::vector<std::weak_ptr<ManagedObject>> watched(objects.begin(), objects.end());
+    std::vector<ManagedObjectIDRef> ids;
+    RegisteredObjects table;
+    for (auto& object : objects) {
+        ids.push_back(object->objectID());
+        table.insert(std::move(object));
+    }
+    objects.clear();
+    std::size_t visited = 0;
+    table.forEach([&](const ManagedObjectRef& object) { visited += object != nullptr; });
+    EXPECT_EQ(visited, 40u);
+    EXPECT_FALSE(watched[0].expired());
+
+    auto taken = table.erase(ids[0]->key());
+    EXPECT_FALSE(watched[0].expired());
+    taken = nullptr;
+    EXPECT_TRUE(watched[0].expired());
+
+    RegisteredObjects moved = std::move(table);
+    EXPECT_EQ(moved.size(), 39u);
+    EXPECT_NE(moved.find(ids[1]->key()), nullptr);
+    moved.clear();
+    EXPECT_TRUE(std::all_of(watched.begin(), watched.end(), [](const auto& weak) { return weak.expired(); }));
+    EXPECT_EQ(moved.find(ids[1]->key()), nullptr);
+}
+
+}  // namespace
