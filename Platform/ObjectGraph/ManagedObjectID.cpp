@@ -108,7 +108,8 @@ std::size_t ManagedObjectIDKey::hash() const
 {
     // Keys are consecutive and tables keep the high bits, so mix them all
     // (the finaliser of splitmix64).
-    auto mixed = static_cast<std::uint64_t>(primaryKey) ^ (reinterpret_cast<std::uintptr_t>(entity) >> 4) * 0x9e3779b97f4a7c15ULL;
+    const std::uint64_t entityBits = reinterpret_cast<std::uintptr_t>(entity) >> 4;
+    std::uint64_t mixed = static_cast<std::uint64_t>(primaryKey) ^ entityBits * 0x9e3779b97f4a7c15ULL;
     mixed ^= temporary ? 0x5bd1e995ULL : 0;
     mixed = (mixed ^ (mixed >> 30)) * 0xbf58476d1ce4e5b9ULL;
     mixed = (mixed ^ (mixed >> 27)) * 0x94d049bb133111ebULL;
