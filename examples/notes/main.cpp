@@ -107,12 +107,17 @@ int main(int argc, char** argv)
     const auto pinnedCount = countAllWithPredicate("Note", pinned, &error);
     const auto lastPinned = fetchAllWithPredicate("Note", pinned, {byNumber}, 3, main.get(), &error);
     const auto found = fetchFirstByAttribute("Note", std::string("title"), "Note 42", &error);
-    if (!found || all == platform::NSNotFound) {
+    if (!lastPinned || all == platform::NSNotFound || pinnedCount == platform::NSNotFound) {
         return fail("a fetch failed", error);
     }
+    if (all != static_cast<std::size_t>(count) || (count > 42 && !found)) {
+        std::fprintf(stderr, "notes-example: the store holds %zu notes, not %lld\n", all, static_cast<long long>(count));
+        return 1;
+    }
     std::printf("Fetch:  countAll: %zu; pinned: %zu; last three pinned: %s;\n"
-                "        fetchFirstByAttribute(title = \"Note 42\"): number %s\n",
-                all, pinnedCount, titles(lastPinned).c_str(), found->valueForKey("number").description().c_str());
+                "        fetchFirstByAttribute(title = \"Note 42\"): %s\n",
+                all, pinnedCount, titles(lastPinned).c_str(),
+                found ? ("number " + found->valueForKey("number").description()).c_str() : "none");
 
     // 4. Closing: no context or merge stays registered, the file goes.
     QMCoreDataStoreManager::sharedManager()->setDefaultStore(nullptr);
