@@ -97,8 +97,8 @@ int main(int argc, char** argv)
     std::printf("Import: %lld notes inserted on a worker context and saved with saveRecursive\n"
                 "        (worker -> master background -> persistent store context -> file) in %.0f ms\n",
                 static_cast<long long>(count), importMilliseconds);
-    std::printf("Merge:  the master background context's save brought %zu notes into the main context\n",
-                main->registeredObjects().size());
+    const std::size_t merged = main->registeredObjects().size();
+    std::printf("Merge:  the master background context's save brought %zu notes into the main context\n", merged);
 
     // 3. Fetching on the main context (this thread) with the entity helpers.
     const auto pinned = platform::Predicate::predicateWithFormat("pinned == %@", {true});
@@ -110,8 +110,9 @@ int main(int argc, char** argv)
     if (!lastPinned || all == platform::NSNotFound || pinnedCount == platform::NSNotFound) {
         return fail("a fetch failed", error);
     }
-    if (all != static_cast<std::size_t>(count) || (count > 42 && !found)) {
-        std::fprintf(stderr, "notes-example: the store holds %zu notes, not %lld\n", all, static_cast<long long>(count));
+    if (merged != static_cast<std::size_t>(count) || all != static_cast<std::size_t>(count) || (count > 42 && !found)) {
+        std::fprintf(stderr, "notes-example: %zu notes merged and %zu in the store, not %lld\n", merged, all,
+                     static_cast<long long>(count));
         return 1;
     }
     std::printf("Fetch:  countAll: %zu; pinned: %zu; last three pinned: %s;\n"

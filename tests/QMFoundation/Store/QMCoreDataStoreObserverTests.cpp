@@ -157,7 +157,8 @@ TEST_F(QMCoreDataStoreObserverTest, KAddsForOneContextMergeEachSaveKTimes)
         const auto target = targetHoldingTheNote("Target " + std::to_string(adds));
         const auto recorder = testsupport::ChangeRecorder::create();
         target->performBlockAndWait([&] {
-            target->objectRegisteredForID(noteID_)->addObserver(recorder, "title", platform::NSKeyValueObservingOptionNew);
+            const auto note = target->objectRegisteredForID(noteID_);
+            note->addObserver(recorder, "title", platform::NSKeyValueObservingOptionNew);
         });
         for (int add = 0; add < adds; ++add) {
             store_->addObserverForContext(observed, target);
