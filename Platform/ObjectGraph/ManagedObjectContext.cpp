@@ -67,31 +67,66 @@ ErrorRef missingObject(const ManagedObjectID& id)
 }  // namespace
 
 // The objects of one change set, in the order they joined it, with constant
-// time membership.
+// time membership. The order is kept as it grows rather than sorted when
+// asked for: a save asks for it several times per level of a context chain.
 struct ManagedObjectContext::ObjectSet {
-    std::unordered_map<ManagedObject*, std::pair<std::uint64_t, ManagedObjectRef>> members;
-    std::uint64_t next = 0;
+    std::unordered_map<ManagedObject*, std::size_t> members;  // each object's place in `order`
+    std::vector<ManagedObjectRef> order;                       // erased objects leave an empty place
 
-    bool insert(const ManagedObjectRef& object) { return members.try_emplace(object.get(), next++, object).second; }
-    bool erase(ManagedObject* object) { return members.erase(object) > 0; }
+    bool insert(const ManagedObjectRef& object)
+    {
+        if (!members.try_emplace(object.get(), order.size()).second) {
+            return false;
+        }
+        order.push_back(object);
+        return true;
+    }
+    bool erase(ManagedObject* object)
+    {
+        const auto found = members.find(object);
+        if (found == members.end()) {
+            return false;
+        }
+        order[found->second] = nullptr;
+        members.erase(found);
+        if (order.size() > 2 * members.size() + 16) {
+            compact();
+        }
+        return true;
+    }
     bool contains(ManagedObject* object) const { return members.count(object) > 0; }
     bool empty() const { return members.empty(); }
-    void clear() { members.clear(); }
+    void clear()
+    {
+        members.clear();
+        order.clear();
+    }
     std::vector<ManagedObjectRef> ordered() const
     {
-        std::vector<std::pair<std::uint64_t, ManagedObjectRef>> entries;
-        entries.reserve(members.size());
-        for (const auto& [pointer, entry] : members) {
-            entries.push_back(entry);
-        }
-        std::sort(entries.begin(), entries.end(),
-                  [](const auto& left, const auto& right) { return left.first < right.first; });
         std::vector<ManagedObjectRef> objects;
-        objects.reserve(entries.size());
-        for (auto& entry : entries) {
-            objects.push_back(std::move(entry.second));
+        objects.reserve(members.size());
+        for (const auto& object : order) {
+            if (object) {
+                objects.push_back(object);
+            }
         }
         return objects;
+    }
+
+private:
+    void compact()
+    {
+        std::size_t next = 0;
+        for (std::size_t index = 0; index < order.size(); ++index) {
+            if (order[index]) {
+                members[order[index].get()] = next;
+                if (next != index) {
+                    order[next] = std::move(order[index]);
+                }
+                ++next;
+            }
+        }
+        order.resize(next);
     }
 };
 
@@ -862,7 +897,17 @@ bool ManagedObjectContext::pushToParent(ErrorRef* error)
             for (const auto& insertion : insertions) {
                 auto object = parent.objectRegisteredForID(insertion.id);
                 if (!object) {
-                    object = ManagedObject::create(insertion.id->entity(), nullptr);
+                    // Awoken once, where it was inserted; every value is
+                    // copied below, so no defaults and no temporary ID.
+                    const auto& entity = insertion.id->entity();
+                    object = ManagedObject::makeFault(entity, insertion.id);
+                    object->values_.resize(entity.properties().size());
+                    object->committed_.resize(entity.properties().size());
+                    for (const auto& relationship : entity.relationships()) {
+                        if (relationship->isToMany()) {
+                            object->committed_[relationship->index()] = Value(Array{});
+                        }
+                    }
                     parent.registerObject(object, insertion.id);
                 }
                 object->fault_ = false;
@@ -906,11 +951,11 @@ bool ManagedObjectContext::pushToParent(ErrorRef* error)
     }
     for (std::size_t index = 0; index < inserted.size(); ++index) {
         inserted[index]->inserted_ = false;
-        inserted[index]->committed_ = insertions[index].snapshot.values;
+        inserted[index]->committed_ = std::move(insertions[index].snapshot.values);
     }
     for (std::size_t index = 0; index < updated.size(); ++index) {
         updated[index]->updated_ = false;
-        updated[index]->committed_ = updates[index].snapshot.values;
+        updated[index]->committed_ = std::move(updates[index].snapshot.values);
     }
     inserted_->clear();
     updated_->clear();

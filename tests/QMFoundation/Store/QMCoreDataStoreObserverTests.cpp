@@ -8,6 +8,7 @@
 #include "QMFoundation/Store/QMCoreDataStore.h"
 #include "QMFoundation/Store/QMCoreDataStoreObserver.h"
 #include "tests/QMFoundation/Store/StoreTestBundle.h"
+#include "tests/Support/ChangeRecorder.h"
 
 #include <gtest/gtest.h>
 
@@ -142,6 +143,41 @@ TEST_F(QMCoreDataStoreObserverTest, ContextsWithOneNameShareOneEntry)
     retitle(one, "from one");
     EXPECT_EQ(titleSeenBy(targetOfOne), "from one");
     EXPECT_EQ(titleSeenBy(targetOfOther), "from one");
+}
+
+// Every add registers one more did-save observation, even for an entry that
+// exists and a target it already has, so k adds merge each save k times. A
+// merge of an updated object announces each property to key-value
+// observers, so an observer of the target's note hears one change per merge.
+TEST_F(QMCoreDataStoreObserverTest, KAddsForOneContextMergeEachSaveKTimes)
+{
+    for (const int adds : {1, 2, 3}) {
+        SCOPED_TRACE(testing::Message() << adds << " adds");
+        const auto observed = root("Observed " + std::to_string(adds));
+        const auto target = targetHoldingTheNote("Target " + std::to_string(adds));
+        const auto recorder = testsupport::ChangeRecorder::create();
+        target->performBlockAndWait([&] {
+            const auto note = target->objectRegisteredForID(noteID_);
+            note->addObserver(recorder, "title", platform::NSKeyValueObservingOptionNew);
+        });
+        for (int add = 0; add < adds; ++add) {
+            store_->addObserverForContext(observed, target);
+        }
+        const auto entry = store_->storeObserver()->contextObserverForName("Observed " + std::to_string(adds));
+        ASSERT_NE(entry, nullptr);
+        EXPECT_EQ(entry->targetManagedObjectContexts().size(), 1U) << "the target is held once";
+
+        // A merge reads the store when it runs, so each save's merges are
+        // waited for before the next save.
+        retitle(observed, "first " + std::to_string(adds));
+        EXPECT_EQ(titleSeenBy(target), "first " + std::to_string(adds));
+        retitle(observed, "second " + std::to_string(adds));
+        EXPECT_EQ(titleSeenBy(target), "second " + std::to_string(adds));
+        std::vector<std::string> expected(adds, "title=first " + std::to_string(adds));
+        expected.insert(expected.end(), adds, "title=second " + std::to_string(adds));
+        EXPECT_EQ(recorder->seen(), expected);
+        store_->storeObserver()->removeAllObserversForContext(observed);
+    }
 }
 
 TEST_F(QMCoreDataStoreObserverTest, LaterRegistrationsOutliveTheirEntry)
