@@ -48,26 +48,26 @@ struct Tally {
     int rejected = 0;
 };
 
-// Why a line of a credentials file cannot be stored; nothing when it can.
-// The reasons never quote the line: it holds a password.
-std::optional<std::string> problemWith(const std::optional<URL>& url)
+// Whether a line of a credentials file can be stored; when it cannot, the
+// error says why. The reasons never quote the line: it holds a password.
+[[nodiscard]] bool isStorable(const std::optional<URL>& url, ErrorRef* error)
 {
     if (!url) {
-        return "not a URL";
+        return refuseValue("not a URL", error);
     }
     if (!QMKeychain::supportsProtocol(url->scheme())) {
-        return "the scheme is not one of ftp, ftps, http, https, ssh";
+        return refuseValue("the scheme is not one of ftp, ftps, http, https, ssh", error);
     }
     if (!url->host() || url->host()->empty()) {
-        return "no host";
+        return refuseValue("no host", error);
     }
     if (!url->user() || url->user()->empty()) {
-        return "no user name";
+        return refuseValue("no user name", error);
     }
     if (!url->password()) {
-        return "no password";
+        return refuseValue("no password", error);
     }
-    return std::nullopt;
+    return true;
 }
 
 // Stores the credentials of one file. False when the keychain failed, which
@@ -85,12 +85,13 @@ bool importFile(const Command& command, const std::string& path, const std::stri
         }
         auto url = URL::fromString(line);
         std::fill(line.begin(), line.end(), '\0');
-        if (const auto problem = problemWith(url)) {
-            fail(command, path + ", line " + std::to_string(number) + ": " + *problem + "; not imported");
+        ErrorRef error;
+        if (!isStorable(url, &error)) {
+            fail(command, path + ", line " + std::to_string(number) + ": " + error->localizedDescription() +
+                              "; not imported");
             ++tally->rejected;
             continue;
         }
-        ErrorRef error;
         // Keyed as the responder looks the URL up; the password in the URL
         // is not an attribute.
         const auto item = QMInternetPasswordKeychainItem::addInternetPasswordToKeychain(keychain, *url,

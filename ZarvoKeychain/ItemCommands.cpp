@@ -102,6 +102,11 @@ std::optional<std::int64_t> parsePort(const std::string& text)
     if (forAdding && !attributes->contains(kSecAttrServer)) {
         return refuse("a server is needed (-s or --url)", error);
     }
+    // An empty server is no host either (an -s "" given alone or over a
+    // URL's host): no look-up would ever find what was stored for it.
+    if (forAdding && attributes->get(kSecAttrServer) == Value("")) {
+        return refuseValue("the server given with -s is empty: it names no host", error);
+    }
     attributes->set(kSecClass, kSecClassInternetPassword);
     return true;
 }

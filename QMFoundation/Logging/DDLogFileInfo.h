@@ -84,7 +84,7 @@ public:
 private:
     explicit DDLogFileInfo(std::string filePath) : filePath_(std::move(filePath)) {}
     // Sets the attribute; false with the error when the system refused.
-    bool setAttribute(std::string_view name, platform::ErrorRef* error);
+    [[nodiscard]] bool setAttribute(std::string_view name, platform::ErrorRef* error);
 
     std::string filePath_;
     mutable std::optional<std::string> fileName_;

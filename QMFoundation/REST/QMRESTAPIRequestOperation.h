@@ -152,7 +152,7 @@ protected:
     virtual platform::ErrorRef handleAPIErrorResponse(const platform::HTTPURLResponseRef& response,
                                                       const std::optional<platform::Data>& data);
     // For status below 400; false with `error` set makes it the outcome.
-    virtual bool parseResponseData(const std::optional<platform::Data>& data, platform::ErrorRef* error);
+    [[nodiscard]] virtual bool parseResponseData(const std::optional<platform::Data>& data, platform::ErrorRef* error);
     // The version that decides how a server is trusted; a seam for tests.
     virtual std::string operatingSystemVersion() const;
 

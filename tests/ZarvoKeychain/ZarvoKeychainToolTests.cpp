@@ -153,6 +153,16 @@ TEST_F(ZarvoKeychainToolTest, AURLWithoutAHostIsRefusedInOneLine)
             EXPECT_EQ(result.standardOutput, "");
         }
     }
+    // An empty server, given by itself or over a URL's host, is no host either:
+    // no look-up would ever find the item.
+    for (const std::vector<std::string>& arguments :
+         {std::vector<std::string>{"add-internet-password", "-a", "jo", "-s", ""},
+          std::vector<std::string>{"add-internet-password", "--url", "https://jo@other.example.com", "-s", ""}}) {
+        SCOPED_TRACE(testing::PrintToString(arguments));
+        const auto result = tool(arguments, "leaked\n");
+        EXPECT_EQ(result.exitStatus, 2);
+        EXPECT_NE(result.standardError.find("no host"), std::string::npos) << result.standardError;
+    }
     const auto dump = tool({"dump-keychain", "-d"});
     EXPECT_EQ(dump.exitStatus, 0);
     EXPECT_NE(dump.standardOutput.find("password: \"kept\""), std::string::npos) << dump.standardOutput;

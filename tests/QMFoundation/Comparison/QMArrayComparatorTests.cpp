@@ -89,14 +89,15 @@ TEST(QMArrayComparator, FindsRemovalsInsertionsAndMoves)
         {"AXBYC", "CZBA", {1, 3}, {1}, {{0, 3}, {2, 0}}},
     };
     for (const auto& testCase : cases) {
+        SCOPED_TRACE(std::string(testCase.left) + " -> " + testCase.right);
         const auto left = letters(testCase.left);
         const auto right = letters(testCase.right);
         const auto result = compare(left, right);
         EXPECT_EQ(result.calls, 1);
-        EXPECT_EQ(result.removed, testCase.removed) << testCase.left << " -> " << testCase.right;
-        EXPECT_EQ(result.inserted, testCase.inserted) << testCase.left << " -> " << testCase.right;
-        EXPECT_EQ(result.moves, testCase.moves) << testCase.left << " -> " << testCase.right;
-        EXPECT_EQ(replay(left, right, result), right) << testCase.left << " -> " << testCase.right;
+        EXPECT_EQ(result.removed, testCase.removed);
+        EXPECT_EQ(result.inserted, testCase.inserted);
+        EXPECT_EQ(result.moves, testCase.moves);
+        EXPECT_EQ(replay(left, right, result), right);
     }
 }
 

@@ -146,10 +146,11 @@ TEST(QMRESTAPILinkHeaderParser, AssertsEachArgumentAtItsLine)
         {[&] { parser->parseQueryFromLinkURL(std::nullopt); }, "linkURL", 200},
     };
     for (const auto& testCase : cases) {
+        SCOPED_TRACE(std::string(testCase.condition) + " at line " + std::to_string(testCase.line));
         const auto failure = testsupport::captureAssertion(testCase.call);
         EXPECT_EQ(failure.description, std::string("Invalid parameter not satisfying: ") + testCase.condition);
         EXPECT_EQ(failure.file, "QMFoundation/QMRESTAPILinkHeaderParser");
-        EXPECT_EQ(failure.line, testCase.line) << testCase.condition;
+        EXPECT_EQ(failure.line, testCase.line);
     }
 }
 
