@@ -2,9 +2,9 @@
 
 #include "QMFoundation/Logging/DDLoggerNode.h"
 #include "QMFoundation/Logging/internal/DDLogTesting.h"
+#include "QMFoundation/Logging/internal/MessageBound.h"
 
 #include "Platform/Dispatch/DispatchGroup.h"
-#include "Platform/Dispatch/DispatchSemaphore.h"
 #include "Platform/System/ProcessInfo.h"
 
 #include <algorithm>
@@ -19,6 +19,9 @@ namespace {
 const char kGlobalLoggingQueueIdentityKey = 0;
 
 constexpr long kMaximumMessagesInFlight = 1000;
+// Producers that found the pipeline full are woken when it has drained to
+// this many: one wake-up per 250 messages instead of one per message.
+constexpr long kWakeProducersAt = 750;
 
 void exitHandler();
 
@@ -26,7 +29,7 @@ struct Core {
     Core()
         : queue(platform::DispatchQueue::create("cocoa.velmora")),
           group(platform::DispatchGroup::create()),
-          semaphore(platform::DispatchSemaphore::create(kMaximumMessagesInFlight)),
+          inFlight(kMaximumMessagesInFlight, kWakeProducersAt),
           processorCount(std::max<std::size_t>(platform::ProcessInfo::processorCount(), 1))
     {
         loggers.reserve(4);
@@ -34,12 +37,12 @@ struct Core {
     }
 
     // Everything below `loggers` is fixed at creation, except the processor
-    // count, which only the test seam changes; all of it is read and written
-    // on the logging queue only.
+    // count, which only the test seam changes and which is read and written
+    // on the logging queue only, like the list.
     std::vector<DDLoggerNodeRef> loggers;
     const platform::DispatchQueueRef queue;
     const platform::DispatchGroupRef group;
-    const platform::DispatchSemaphoreRef semaphore;
+    qmlogging::internal::MessageBound inFlight;
     std::size_t processorCount;
 };
 
@@ -97,7 +100,7 @@ void lt_log(const DDLogMessage& message)
             state.group->wait();
         }
     }
-    state.semaphore->signal();
+    state.inFlight.giveBack();
 }
 
 void lt_addLogger(DDLoggerRef logger, int logLevel)
@@ -218,7 +221,7 @@ void DDLog::queueLogMessage(DDLogMessage logMessage, bool asynchronously)
     Core& state = core();
     // The bound: taken here, on the producer's thread, and given back when
     // every logger has written the message.
-    state.semaphore->wait();
+    state.inFlight.take();
     if (asynchronously) {
         state.queue->async([message = std::move(logMessage)] { lt_log(message); });
     } else {

@@ -22,7 +22,8 @@
 //   admits Warning (2) as well as Info (4).
 // - At most 1000 messages are in the pipeline (queued and not yet written by
 //   every logger). A producer that finds 1000 waits, even when it logs
-//   asynchronously: producers are slowed, messages are never dropped.
+//   asynchronously, until the pipeline has drained to 750: producers are
+//   slowed, messages are never dropped.
 // - With two or more configured processors the loggers write one message in
 //   parallel; the next message starts when all have finished.
 // - Synchronous logging returns after every admitting logger has written.

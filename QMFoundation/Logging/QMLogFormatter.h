@@ -15,12 +15,11 @@
 #pragma once
 
 #include "QMFoundation/Logging/DDLogger.h"
+#include "QMFoundation/Logging/internal/KeptSecondTimestamp.h"
 
 #include "Platform/DateFormatting/DateFormatter.h"
 
-#include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
@@ -33,23 +32,14 @@ public:
 
     // The timestamp's formatter. Its settings are fixed: the kept text of the
     // current second relies on them.
-    std::shared_ptr<const platform::DateFormatter> dateFormatter() const { return dateFormatter_; }
+    std::shared_ptr<const platform::DateFormatter> dateFormatter() const { return timestamp_.dateFormatter(); }
 
     std::optional<std::string> formatLogMessage(const DDLogMessage& logMessage) override;
-    // The timestamp part of a line.
-    std::string timestampText(platform::Date date);
 
     std::string className() const override { return "QMLogFormatter"; }
 
 private:
     QMLogFormatter();
-    // Appends the timestamp of `date` to `line`.
-    void appendTimestamp(platform::Date date, std::string& line);
 
-    const platform::DateFormatterRef dateFormatter_;
-
-    std::mutex secondLock_;  // guards the two fields below
-    std::int64_t keptSecond_ = INT64_MIN;
-    // "2014-03-07 09:15:02:", the timestamp of `keptSecond_` before the fraction.
-    std::string keptSecondText_;
+    qmlogging::internal::KeptSecondTimestamp timestamp_;
 };

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <string_view>
+#include <utility>
 
 namespace ddtty_internal {
 
@@ -65,9 +66,12 @@ TerminalKind processTerminalKind()
     return kind;
 }
 
+// The tables are never destroyed: a program that switches colours on and
+// returns from main at once has the logger queue build its profiles from
+// them while exit() runs the destructors of statics.
 const ColorTable& colorTable16()
 {
-    static const ColorTable table = [] {
+    static const ColorTable* const table = [] {
         // How a common terminal renders its sixteen colours.
         static const int rgb[16][3] = {
             {0, 0, 0},       {194, 54, 33},   {37, 188, 36},   {173, 173, 39},  {73, 46, 225},   {211, 56, 211},
@@ -82,14 +86,14 @@ const ColorTable& colorTable16()
             made.colors.push_back({rgb[i][0] / 255.0, rgb[i][1] / 255.0, rgb[i][2] / 255.0});
         }
         checkTable(made);
-        return made;
+        return new ColorTable(std::move(made));
     }();
-    return table;
+    return *table;
 }
 
 const ColorTable& colorTable256()
 {
-    static const ColorTable table = [] {
+    static const ColorTable* const table = [] {
         // Numbers 16 to 231 are a 6x6x6 cube with these levels per
         // component, 232 to 255 a ramp of greys from 8 in steps of 10.
         static const int levels[6] = {0, 95, 135, 175, 215, 255};
@@ -111,9 +115,9 @@ const ColorTable& colorTable256()
             made.colors.push_back({red / 255.0, green / 255.0, blue / 255.0});
         }
         checkTable(made);
-        return made;
+        return new ColorTable(std::move(made));
     }();
-    return table;
+    return *table;
 }
 
 std::size_t codeIndexForColor(const ColorTable& table, double red, double green, double blue)

@@ -17,6 +17,7 @@
 
 #include <atomic>
 #include <cstdio>
+#include <functional>
 #include <map>
 #include <regex>
 #include <sstream>
@@ -130,33 +131,37 @@ TEST_F(DDFileLoggerTest, ARestartContinuesTheNewestUnarchivedFileAndLeavesOtherN
     EXPECT_FALSE(DDLogFileInfo::logFileWithPath(dated)->isArchived());
 }
 
-TEST_F(DDFileLoggerTest, AFullFileIsArchivedBeforeTheFirstWrite)
+TEST_F(DDFileLoggerTest, AFullOrOldFileIsArchivedBeforeTheFirstWrite)
 {
-    const std::string full = directory.path() + "/log-AAAAAA.txt";
-    testsupport::writeWholeFile(full, std::string(200, 'o') + "\n");
-    const auto logger = makeLogger();
-    writeRawLines(logger);
-    logger->setMaximumFileSize(100);
-    settle(logger);
-    writeDirectly(logger, "new");
-    EXPECT_TRUE(DDLogFileInfo::logFileWithPath(full)->isArchived());
-    EXPECT_NE(currentPath(logger), full);
-    EXPECT_EQ(readWholeFile(currentPath(logger)), "new\n");
-    EXPECT_EQ(readWholeFile(full).size(), 201u);
-}
-
-TEST_F(DDFileLoggerTest, AnOldFileIsArchivedBeforeTheFirstWrite)
-{
-    const std::string old = directory.path() + "/log-AAAAAA.txt";
-    testsupport::writeWholeFile(old, "old\n");
-    testsupport::waitForNewerFileTime(old);
-    const auto logger = makeLogger();
-    writeRawLines(logger);
-    logger->setRollingFrequency(0.001);
-    settle(logger);
-    writeDirectly(logger, "new");
-    EXPECT_TRUE(DDLogFileInfo::logFileWithPath(old)->isArchived());
-    EXPECT_EQ(readWholeFile(old), "old\n");
+    struct Row {
+        const char* name;
+        std::string content;
+        std::function<void(const DDFileLoggerRef&)> limit;
+        bool newFileStays;  // a millisecond's age limit rolls the new file at once too
+    };
+    const Row rows[] = {
+        {"full", std::string(200, 'o') + "\n", [](const DDFileLoggerRef& logger) { logger->setMaximumFileSize(100); },
+         true},
+        {"old", "old\n", [](const DDFileLoggerRef& logger) { logger->setRollingFrequency(0.001); }, false},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        testsupport::TemporaryDirectory rowDirectory;
+        const std::string existing = rowDirectory.path() + "/log-AAAAAA.txt";
+        testsupport::writeWholeFile(existing, row.content);
+        testsupport::waitForNewerFileTime(existing);
+        const auto logger = DDFileLogger::create(testsupport::RollRecordingManager::make(rowDirectory.path()));
+        writeRawLines(logger);
+        row.limit(logger);
+        settle(logger);
+        writeDirectly(logger, "new");
+        EXPECT_TRUE(DDLogFileInfo::logFileWithPath(existing)->isArchived());
+        EXPECT_NE(currentPath(logger), existing);
+        if (row.newFileStays) {
+            EXPECT_EQ(readWholeFile(currentPath(logger)), "new\n");
+        }
+        EXPECT_EQ(readWholeFile(existing), row.content);
+    }
 }
 
 TEST_F(DDFileLoggerTest, AnArchivedFileIsNotContinued)
@@ -220,54 +225,50 @@ TEST_F(DDFileLoggerTest, RollsWhenTheFileGrowsOld)
     EXPECT_NE(currentPath(logger), first);
 }
 
-TEST_F(DDFileLoggerTest, DeletingTheFileRollsEvenWithoutLimits)
+TEST_F(DDFileLoggerTest, DeletingRenamingOrReplacingTheFileRollsItEvenWithoutLimits)
 {
-    const auto logger = makeLogger();
-    writeRawLines(logger);
-    logger->setMaximumFileSize(0);
-    logger->setRollingFrequency(0);
-    settle(logger);
-    writeDirectly(logger, "before");
-    const std::string first = currentPath(logger);
-    ASSERT_EQ(::unlink(first.c_str()), 0);
-    ASSERT_TRUE(manager->rolled.wait());
-    writeDirectly(logger, "after");
-    const std::string second = currentPath(logger);
-    EXPECT_NE(second, first);
-    EXPECT_EQ(readWholeFile(second), "after\n");
-    EXPECT_FALSE(FileManager::fileExistsAtPath(first));
-}
-
-TEST_F(DDFileLoggerTest, RenamingTheFileRollsAndTheRenamedFileKeepsItsLines)
-{
-    const auto logger = makeLogger();
-    writeRawLines(logger);
-    writeDirectly(logger, "before");
-    const std::string first = currentPath(logger);
-    const std::string moved = directory.path() + "/moved.txt";
-    ASSERT_EQ(::rename(first.c_str(), moved.c_str()), 0);
-    ASSERT_TRUE(manager->rolled.wait());
-    writeDirectly(logger, "after");
-    EXPECT_EQ(readWholeFile(moved), "before\n");
-    EXPECT_EQ(readWholeFile(currentPath(logger)), "after\n");
-    EXPECT_FALSE(FileManager::fileExistsAtPath(first));
-}
-
-TEST_F(DDFileLoggerTest, ALogFileReplacedByADirectoryIsLeftAlone)
-{
-    const auto logger = makeLogger();
-    writeRawLines(logger);
-    writeDirectly(logger, "before");
-    const std::string first = currentPath(logger);
-    ASSERT_EQ(::unlink(first.c_str()), 0);
-    ASSERT_EQ(::mkdir(first.c_str(), 0755), 0);
-    testsupport::writeWholeFile(first + "/inside", "theirs\n");
-    ASSERT_TRUE(manager->rolled.wait());
-    writeDirectly(logger, "after");
-    const std::string second = currentPath(logger);
-    EXPECT_NE(second, first);
-    EXPECT_EQ(readWholeFile(second), "after\n");
-    EXPECT_EQ(readWholeFile(first + "/inside"), "theirs\n");
+    struct Row {
+        const char* name;
+        std::function<void(const std::string& path, const std::string& moved)> change;
+        bool keepsLines;  // the lines written before are at `moved`
+    };
+    const Row rows[] = {
+        {"deleted", [](const std::string& path, const std::string&) { ASSERT_EQ(::unlink(path.c_str()), 0); }, false},
+        {"renamed",
+         [](const std::string& path, const std::string& moved) { ASSERT_EQ(::rename(path.c_str(), moved.c_str()), 0); },
+         true},
+        {"replaced by a directory",
+         [](const std::string& path, const std::string&) {
+             ASSERT_EQ(::unlink(path.c_str()), 0);
+             ASSERT_EQ(::mkdir(path.c_str(), 0755), 0);
+             testsupport::writeWholeFile(path + "/inside", "theirs\n");
+         },
+         false},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        testsupport::TemporaryDirectory rowDirectory;
+        const auto rowManager = testsupport::RollRecordingManager::make(rowDirectory.path());
+        const auto logger = DDFileLogger::create(rowManager);
+        writeRawLines(logger);
+        logger->setMaximumFileSize(0);
+        logger->setRollingFrequency(0);
+        settle(logger);
+        writeDirectly(logger, "before");
+        const std::string first = currentPath(logger);
+        const std::string moved = rowDirectory.path() + "/moved.txt";
+        row.change(first, moved);
+        ASSERT_TRUE(rowManager->rolled.wait());
+        writeDirectly(logger, "after");
+        EXPECT_NE(currentPath(logger), first);
+        EXPECT_EQ(readWholeFile(currentPath(logger)), "after\n");
+        EXPECT_EQ(FileManager::fileExistsAtPath(moved), row.keepsLines);
+        if (row.keepsLines) {
+            EXPECT_EQ(readWholeFile(moved), "before\n");
+        }
+        // Whatever now stands at the old path is not ours to touch.
+        EXPECT_TRUE(!FileManager::fileExistsAtPath(first) || readWholeFile(first + "/inside") == "theirs\n");
+    }
 }
 
 TEST_F(DDFileLoggerTest, ARequestedRollArchivesAndThenCallsBackOnTheMainQueue)

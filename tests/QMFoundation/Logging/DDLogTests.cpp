@@ -9,6 +9,7 @@
 #include "Platform/Runtime/Class.h"
 #include "tests/Support/AssertionCapture.h"
 #include "tests/Support/Signal.h"
+#include "tests/Support/ThreadState.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -19,7 +20,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
-#include <fstream>
 #include <map>
 #include <set>
 #include <string>
@@ -154,15 +154,6 @@ TEST_F(DDLogTest, LongMessagesAreFormattedWhole)
 
 // --- The bound on messages in flight -------------------------------------
 
-std::string threadState(pid_t tid)
-{
-    std::ifstream stat("/proc/self/task/" + std::to_string(tid) + "/stat");
-    std::string line;
-    std::getline(stat, line);
-    const auto close = line.rfind(')');
-    return close == std::string::npos || close + 2 >= line.size() ? std::string() : line.substr(close + 2, 1);
-}
-
 TEST_F(DDLogTest, AProducerWaitsWhileAThousandMessagesAreInFlight)
 {
     auto logger = RecordingLogger::create();
@@ -193,9 +184,7 @@ TEST_F(DDLogTest, AProducerWaitsWhileAThousandMessagesAreInFlight)
     ASSERT_TRUE(reachedBound.wait());
     // One message is being written and 999 wait behind it: the next call
     // cannot return until the writer lets one go.
-    while (threadState(producerThread) != "S") {
-        std::this_thread::yield();
-    }
+    testsupport::waitUntilAsleep(producerThread);
     EXPECT_EQ(returned.load(), 1000);
     {
         std::lock_guard lock(gateMutex);

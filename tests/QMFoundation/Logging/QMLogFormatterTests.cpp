@@ -1,7 +1,10 @@
-// The library's line format: level words, the timestamp against the date
-// formatter's own output, the queue label and the source position.
+// The library's line format: level words, the queue label and the source
+// position; the file logger's default line; and the timestamps kept per
+// second, against the date formatter's own output.
 #include "QMFoundation/Logging/DDLogMessage.h"
+#include "QMFoundation/Logging/DDLogFileFormatterDefault.h"
 #include "QMFoundation/Logging/QMLogFormatter.h"
+#include "QMFoundation/Logging/internal/KeptSecondTimestamp.h"
 
 #include "Platform/DateFormatting/DateFormatter.h"
 #include "Platform/Dispatch/DispatchQueue.h"
@@ -59,13 +62,19 @@ TEST(QMLogFormatterLine, PutsQueueFileMethodAndLineAroundTheMessage)
     EXPECT_EQ(missing.find('\n'), std::string::npos);
 }
 
-TEST(QMLogFormatterTimestamp, PrintsWhatTheDateFormatterPrintsAcrossSecondsAndZones)
-{
-    const auto formatter = QMLogFormatter::create();
-    const auto reference = platform::DateFormatter::create();
-    reference->setDateFormat("yyyy-MM-dd HH:mm:ss:SSSS");
-    platform::internal::DateFormatterTesting::useICUForEveryPattern(*reference);
+// The two timestamps kept per second: the facade's line and the file
+// logger's default line.
+constexpr const char* kKeptPatterns[] = {"yyyy-MM-dd HH:mm:ss:SSSS", "yyyy/MM/dd HH:mm:ss:SSS"};
 
+platform::DateFormatterRef referenceFormatter(const char* pattern)
+{
+    auto reference = platform::DateFormatter::create();
+    reference->setDateFormat(pattern);
+    return reference;
+}
+
+TEST(KeptSecondTimestamp, PrintsWhatTheDateFormatterPrintsAcrossSecondsAndZones)
+{
     // Dates on both sides of whole seconds (where the kept text must be
     // renewed), a hair under whole milliseconds, before 1970 and around a
     // change of daylight saving time in common zones.
@@ -75,34 +84,60 @@ TEST(QMLogFormatterTimestamp, PrintsWhatTheDateFormatterPrintsAcrossSecondsAndZo
             seconds.push_back(base + step);
         }
     }
-    for (double value : seconds) {
-        SCOPED_TRACE(value);
-        const platform::Date date(value);
-        EXPECT_EQ(formatter->timestampText(date), reference->stringFromDate(date));
+    for (const char* pattern : kKeptPatterns) {
+        SCOPED_TRACE(pattern);
+        qmlogging::internal::KeptSecondTimestamp timestamp(pattern);
+        const auto reference = referenceFormatter(pattern);
+        platform::internal::DateFormatterTesting::useICUForEveryPattern(*reference);
+        for (double value : seconds) {
+            SCOPED_TRACE(value);
+            const platform::Date date(value);
+            std::string text;
+            timestamp.append(date, text);
+            EXPECT_EQ(text, reference->stringFromDate(date));
+        }
     }
 }
 
-TEST(QMLogFormatterTimestamp, OneFormatterServesSeveralQueuesAtOnce)
+TEST(KeptSecondTimestamp, OneTimestampServesSeveralQueuesAtOnce)
 {
-    const auto formatter = QMLogFormatter::create();
-    const auto reference = platform::DateFormatter::create();
-    reference->setDateFormat("yyyy-MM-dd HH:mm:ss:SSSS");
-    std::vector<std::thread> threads;
-    std::atomic<int> mismatches{0};
-    for (int thread = 0; thread < 4; ++thread) {
-        threads.emplace_back([&, thread] {
-            for (int index = 0; index < 2000; ++index) {
-                const platform::Date date(1700000000.0 + thread * 7.3 + index * 0.0137);
-                if (formatter->timestampText(date) != reference->stringFromDate(date)) {
-                    ++mismatches;
+    for (const char* pattern : kKeptPatterns) {
+        SCOPED_TRACE(pattern);
+        qmlogging::internal::KeptSecondTimestamp timestamp(pattern);
+        const auto reference = referenceFormatter(pattern);
+        std::vector<std::thread> threads;
+        std::atomic<int> mismatches{0};
+        for (int thread = 0; thread < 4; ++thread) {
+            threads.emplace_back([&, thread] {
+                for (int index = 0; index < 2000; ++index) {
+                    const platform::Date date(1700000000.0 + thread * 7.3 + index * 0.0137);
+                    std::string text;
+                    timestamp.append(date, text);
+                    if (text != reference->stringFromDate(date)) {
+                        ++mismatches;
+                    }
                 }
-            }
-        });
+            });
+        }
+        for (auto& thread : threads) {
+            thread.join();
+        }
+        EXPECT_EQ(mismatches.load(), 0);
     }
-    for (auto& thread : threads) {
-        thread.join();
-    }
-    EXPECT_EQ(mismatches.load(), 0);
+}
+
+TEST(DDLogFileFormatterDefaultLine, IsTheTimestampTwoBlanksAndTheText)
+{
+    const auto line = *DDLogFileFormatterDefault::create()->formatLogMessage(message(4));
+    const std::regex shape(R"(\d{4}/\d\d/\d\d \d\d:\d\d:\d\d:\d{3}  sent 3 files)");
+    EXPECT_TRUE(std::regex_match(line, shape)) << line;
+
+    // A formatter of the caller's own is used as it stands at each line.
+    const auto own = referenceFormatter("HH 'h'");
+    const auto formatter = DDLogFileFormatterDefault::create(own);
+    EXPECT_TRUE(std::regex_match(*formatter->formatLogMessage(message(4)), std::regex(R"(\d\d h  sent 3 files)")));
+    own->setDateFormat("'day' D");
+    EXPECT_TRUE(std::regex_match(*formatter->formatLogMessage(message(4)), std::regex(R"(day \d{1,3}  sent 3 files)")));
 }
 
 }  // namespace
