@@ -29,15 +29,18 @@ QMNetworkReachabilityObserver::QMNetworkReachabilityObserver(
       queue_(platform::OperationQueue::mainQueue()),
       notificationCenter_(platform::NotificationCenter::defaultCenter())
 {
+    // Made on one thread and handed to the one that uses it, as a rule.
+    sequence_.detach();
 }
 
 QMNetworkReachabilityObserver::~QMNetworkReachabilityObserver()
 {
-    unregisterObservers();
+    removeObservations();
 }
 
 void QMNetworkReachabilityObserver::startObserving()
 {
+    PLATFORM_CHECK_SEQUENCE(sequence_);
     if (!observers_.empty()) {
         unregisterObservers();
     }
@@ -46,16 +49,24 @@ void QMNetworkReachabilityObserver::startObserving()
 
 void QMNetworkReachabilityObserver::stopObserving()
 {
+    PLATFORM_CHECK_SEQUENCE(sequence_);
     unregisterObservers();
 }
 
 void QMNetworkReachabilityObserver::registerObservers()
 {
+    PLATFORM_CHECK_SEQUENCE(sequence_);
     registerNotificationWithName(QMNetworkReachabilityDidChangeNotification,
                                  &QMNetworkReachabilityObserving::networkReachabilityDidChange);
 }
 
 void QMNetworkReachabilityObserver::unregisterObservers()
+{
+    PLATFORM_CHECK_SEQUENCE(sequence_);
+    removeObservations();
+}
+
+void QMNetworkReachabilityObserver::removeObservations()
 {
     // The tokens stay: removing one twice is harmless, and the next start
     // removes them again before it registers.
@@ -66,6 +77,7 @@ void QMNetworkReachabilityObserver::unregisterObservers()
 
 void QMNetworkReachabilityObserver::registerNotificationWithName(const std::string& name, Action action)
 {
+    PLATFORM_CHECK_SEQUENCE(sequence_);
     const auto delegate = delegate_.lock();
     // The protocol's one method is the only action there is to respond to.
     if (!delegate || action == nullptr || !delegate->respondsToNetworkReachabilityDidChange()) {

@@ -15,9 +15,12 @@
 // - `stopObserving` removes the observations but keeps their tokens, stale,
 //   until the next `startObserving` removes them again (harmless) and
 //   registers anew. Going away removes them too.
-// - Use one observer from one thread (the main thread, as a rule).
+// - Use one observer from one thread (the main thread, as a rule): the first
+//   call binds it there, and debug builds raise on a call from elsewhere.
+//   Going away may happen on any thread.
 #pragma once
 
+#include "Platform/Dispatch/SequenceChecker.h"
 #include "Platform/Foundation/NotificationCenter.h"
 #include "Platform/Foundation/Object.h"
 #include "Platform/Foundation/OperationQueue.h"
@@ -69,10 +72,13 @@ public:
 private:
     QMNetworkReachabilityObserver(const QMNetworkReachabilityRef& networkReachability,
                                   const std::shared_ptr<QMNetworkReachabilityObserving>& delegate);
+    // What unregisterObservers does, without the thread check (for going away).
+    void removeObservations();
 
     std::weak_ptr<QMNetworkReachability> networkReachability_;
     std::weak_ptr<QMNetworkReachabilityObserving> delegate_;
     std::map<std::string, platform::ObjectRef> observers_;
     platform::OperationQueueRef queue_;
     std::shared_ptr<platform::NotificationCenter> notificationCenter_;
+    [[no_unique_address]] platform::SequenceChecker sequence_;
 };

@@ -18,6 +18,7 @@
 #include <atomic>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 using namespace platform;
@@ -361,3 +362,18 @@ TEST(QMNetworkReachabilityObserver, MissingArgumentsFailTheirAssertions)
     EXPECT_EQ(failure.file, "QMFoundation/QMNetworkReachabilityObserver");
     EXPECT_EQ(failure.line, 31);
 }
+
+#ifndef NDEBUG
+TEST(QMNetworkReachabilityObserver, DebugBuildsRaiseWhenASecondThreadUsesIt)
+{
+    const auto watched = QMNetworkReachability::networkReachabilityForInternetConnection();
+    const auto delegate = std::make_shared<RecordingObserverDelegate>(true);
+    const auto observer = QMNetworkReachabilityObserver::initWithNetworkReachability(watched, delegate);
+    // Made here, first used on another thread: that thread is its own from then on.
+    std::thread([&] { observer->startObserving(); }).join();
+    const auto failure = testsupport::captureAssertion([&] { observer->stopObserving(); });
+    EXPECT_EQ(failure.method, "stopObserving");
+    // The refused call changed nothing.
+    EXPECT_FALSE(observer->observers().empty());
+}
+#endif
