@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <linux/if_addr.h>
+#include <net/if.h>
+#include <net/if_arp.h>
 
 #include <cerrno>
 
@@ -56,6 +58,53 @@ TEST(RouteReplyParsing, GivesFlagsByKindOfRoute)
         const auto answer = parse(row.reply);
         ASSERT_EQ(answer.outcome, RouteOutcome::Answered);
         EXPECT_EQ(answer.flags, row.flags);
+    }
+}
+
+TEST(RouteReplyParsing, NamesTheLinkOfALiveRouteWithOneNextHop)
+{
+    struct Row {
+        const char* what;
+        NetlinkBuffer reply;
+        unsigned interfaceIndex;
+    };
+    const Row rows[] = {
+        {"on-link", NetlinkBuffer().route(RTN_UNICAST, nullptr, 0, 32, RT_TABLE_MAIN, 7), 7},
+        {"behind a gateway", NetlinkBuffer().route(RTN_UNICAST, "10.9.0.2", 0, 32, RT_TABLE_MAIN, 7), 7},
+        {"own address", NetlinkBuffer().route(RTN_LOCAL, nullptr, 0, 32, RT_TABLE_LOCAL, 1), 0},
+        {"no carrier", NetlinkBuffer().route(RTN_UNICAST, nullptr, RTNH_F_LINKDOWN, 32, RT_TABLE_MAIN, 7), 0},
+        {"unreachable route", NetlinkBuffer().route(RTN_UNREACHABLE), 0},
+        {"several next hops", NetlinkBuffer().multipathRoute({{0, "10.9.0.2"}, {0, nullptr}}), 0},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        const auto answer = parse(row.reply);
+        ASSERT_EQ(answer.outcome, RouteOutcome::Answered);
+        EXPECT_EQ(answer.interfaceIndex, row.interfaceIndex);
+    }
+}
+
+TEST(LinkState, AddsWhatTheLinkOfALiveRouteStillNeeds)
+{
+    constexpr auto kConnectionRequired = kSCNetworkReachabilityFlagsConnectionRequired;
+    constexpr auto kTransient = kSCNetworkReachabilityFlagsTransientConnection;
+    struct Row {
+        const char* what;
+        unsigned interfaceFlags;
+        unsigned hardwareType;
+        SCNetworkReachabilityFlags flags;
+    };
+    const Row rows[] = {
+        {"a running Ethernet link", IFF_UP | IFF_BROADCAST | IFF_RUNNING, ARPHRD_ETHER, 0},
+        {"a dormant link (802.1X not done)", IFF_UP | IFF_BROADCAST, ARPHRD_ETHER, kConnectionRequired},
+        {"a running PPP link", IFF_UP | IFF_POINTOPOINT | IFF_RUNNING, ARPHRD_PPP, kTransient},
+        {"a PPP link not running yet", IFF_UP | IFF_POINTOPOINT, ARPHRD_PPP, kTransient | kConnectionRequired},
+        {"a point-to-point tunnel", IFF_UP | IFF_POINTOPOINT | IFF_RUNNING, ARPHRD_NONE, 0},
+        {"an unknown type", IFF_UP | IFF_RUNNING, ARPHRD_VOID, 0},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        EXPECT_EQ(internal::flagsOfLink(row.interfaceFlags, row.hardwareType), row.flags);
     }
 }
 
@@ -118,11 +167,16 @@ TEST(DefaultRouteScanning, FindsALiveDefaultRouteAcrossParts)
     internal::scanDefaultRoutes(first.data(), first.size(), scan);
     EXPECT_FALSE(scan.done);
     EXPECT_FALSE(scan.found);
-    const auto second = NetlinkBuffer().route(RTN_UNICAST, "10.9.0.2", 0, 0).done();
+    // Two live defaults: the first listed (the lower metric) is the one used.
+    const auto second = NetlinkBuffer()
+                            .route(RTN_UNICAST, "10.9.0.2", 0, 0, RT_TABLE_MAIN, 5)
+                            .route(RTN_UNICAST, "10.8.0.2", 0, 0, RT_TABLE_MAIN, 6)
+                            .done();
     internal::scanDefaultRoutes(second.data(), second.size(), scan);
     EXPECT_TRUE(scan.done);
     EXPECT_FALSE(scan.failed);
     EXPECT_EQ(scan.flags(), kReachable);
+    EXPECT_EQ(scan.interfaceIndex, 5U);
 }
 
 TEST(DefaultRouteScanning, APointToPointDefaultIsDirect)
