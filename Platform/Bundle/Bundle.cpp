@@ -6,8 +6,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <system_error>
 
 namespace platform {
@@ -15,7 +13,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::uintmax_t kLargestInfoFile = 1 << 20;
+constexpr std::size_t kLargestInfoFile = 1 << 20;
 
 bool isDirectory(const fs::path& path)
 {
@@ -40,18 +38,12 @@ std::string normalizedPath(std::string_view path)
 
 Dictionary readInfoDictionary(const fs::path& bundle)
 {
-    const auto file = bundle / "Info.json";
-    std::error_code error;
-    const auto size = fs::file_size(file, error);
-    if (error || size > kLargestInfoFile) {
+    const auto contents = FileManager::contentsAtPath((bundle / "Info.json").string(), kLargestInfoFile);
+    if (!contents) {
         return {};
     }
-    std::ifstream stream(file, std::ios::binary);
-    const std::string text{std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
-    if (!stream.good() && !stream.eof()) {
-        return {};
-    }
-    const auto value = JSONSerialization::valueWithString(text);
+    const auto value = JSONSerialization::valueWithString(
+        std::string_view(reinterpret_cast<const char*>(contents->data()), contents->size()));
     if (!value || value->dictionary() == nullptr) {
         return {};
     }
@@ -121,11 +113,8 @@ std::string internal::locateMainBundle(std::string_view executablePath, const ch
 BundleRef Bundle::mainBundle()
 {
     static const BundleRef bundle = [] {
-        // The process information service will name the executable for the
-        // whole platform; until then it is read here.
-        std::error_code error;
-        const auto executable = fs::read_symlink("/proc/self/exe", error);
-        const auto path = internal::locateMainBundle(error ? std::string() : executable.string(),
+        const auto executable = FileManager::destinationOfSymbolicLinkAtPath("/proc/self/exe");
+        const auto path = internal::locateMainBundle(executable.value_or(std::string()),
                                                      std::getenv("ZARVO_MAIN_BUNDLE"));
         auto found = bundleWithPath(path);
         // Only a directory removed since the search (or no working directory
@@ -196,12 +185,11 @@ std::optional<std::string> Bundle::resolve(std::string_view name, std::string_vi
     } else if (!extension.empty()) {
         fileName += "." + std::string(extension);
     }
-    const auto path = (directory / fileName).lexically_normal();
-    std::error_code error;
-    if (!fs::exists(path, error)) {
+    const auto path = (directory / fileName).lexically_normal().string();
+    if (!FileManager::fileExistsAtPath(path)) {
         return std::nullopt;
     }
-    return path.string();
+    return path;
 }
 
 std::optional<URL> Bundle::URLForResource(std::string_view name, std::string_view extension,

@@ -8,7 +8,10 @@
 #include <linux/if_addr.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
+#include <net/if.h>
+#include <net/if_arp.h>
 #include <netinet/in.h>
+#include <sys/ioctl.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -92,8 +95,9 @@ NextHopState readMultipath(const nlattr* multipath)
 }
 
 // The flags one route message gives; nothing when the message is too short
-// to be a route.
-std::optional<SCNetworkReachabilityFlags> flagsOfRoute(const nlmsghdr* message)
+// to be a route. `interfaceIndex` learns the link of a live route's one next
+// hop (it is left alone otherwise).
+std::optional<SCNetworkReachabilityFlags> flagsOfRoute(const nlmsghdr* message, unsigned* interfaceIndex = nullptr)
 {
     if (mnl_nlmsg_get_payload_len(message) < sizeof(rtmsg)) {
         return std::nullopt;
@@ -101,6 +105,7 @@ std::optional<SCNetworkReachabilityFlags> flagsOfRoute(const nlmsghdr* message)
     const auto* route = static_cast<const rtmsg*>(mnl_nlmsg_get_payload(message));
     bool gateway = false;
     const nlattr* multipath = nullptr;
+    unsigned outputInterface = 0;
     const auto* first = static_cast<const nlattr*>(mnl_nlmsg_get_payload_offset(message, sizeof(rtmsg)));
     const auto length = static_cast<int>(static_cast<const char*>(mnl_nlmsg_get_payload_tail(message)) -
                                          reinterpret_cast<const char*>(first));
@@ -108,6 +113,9 @@ std::optional<SCNetworkReachabilityFlags> flagsOfRoute(const nlmsghdr* message)
         gateway = gateway || isGateway(attribute);
         if (mnl_attr_get_type(attribute) == RTA_MULTIPATH) {
             multipath = attribute;
+        }
+        if (mnl_attr_get_type(attribute) == RTA_OIF && mnl_attr_validate(attribute, MNL_TYPE_U32) == 0) {
+            outputInterface = mnl_attr_get_u32(attribute);
         }
     });
     if (!whole) {
@@ -130,6 +138,9 @@ std::optional<SCNetworkReachabilityFlags> flagsOfRoute(const nlmsghdr* message)
         }
         if (!state.alive) {
             return 0;
+        }
+        if (multipath == nullptr && interfaceIndex != nullptr) {
+            *interfaceIndex = outputInterface;
         }
         return kRouteFlags | (state.direct ? kSCNetworkReachabilityFlagsIsDirect : 0);
     }
@@ -166,6 +177,7 @@ struct ReplyState {
     bool done = false;
     bool malformed = false;
     std::optional<SCNetworkReachabilityFlags> flags;  // of a single route
+    unsigned interfaceIndex = 0;  // of a single route
     DefaultRouteScan* scan = nullptr;  // of a dump
 };
 
@@ -212,7 +224,7 @@ int onRouteReply(const nlmsghdr* message, void* data)
         state.malformed = true;
         return MNL_CB_ERROR;
     }
-    state.flags = flagsOfRoute(message);
+    state.flags = flagsOfRoute(message, &state.interfaceIndex);
     if (!state.flags) {
         state.malformed = true;
         return MNL_CB_ERROR;
@@ -233,12 +245,16 @@ int onDumpedRoute(const nlmsghdr* message, void* data)
         (route->rtm_flags & RTM_F_CLONED) != 0) {
         return MNL_CB_OK;
     }
-    const auto flags = flagsOfRoute(message);
+    unsigned interfaceIndex = 0;
+    const auto flags = flagsOfRoute(message, &interfaceIndex);
     if (!flags) {
         state.malformed = true;
         return MNL_CB_ERROR;
     }
     if ((*flags & kSCNetworkReachabilityFlagsReachable) != 0) {
+        if (!state.scan->found) {
+            state.scan->interfaceIndex = interfaceIndex;
+        }
         state.scan->found = true;
         state.scan->direct = state.scan->direct || (*flags & kSCNetworkReachabilityFlagsIsDirect) != 0;
     }
@@ -309,6 +325,36 @@ Destination destinationOf(const sockaddr_storage& address)
     return destination;
 }
 
+// What the link `index` adds to the flags of a live route over it. The
+// interface ioctls answer on any socket, the request socket included; a link
+// gone since the route was answered adds nothing (its removal is announced,
+// and monitored targets ask again).
+SCNetworkReachabilityFlags askLink(const NetlinkSocket& socket, unsigned index)
+{
+    ifreq request{};
+    request.ifr_ifindex = static_cast<int>(index);
+    if (::ioctl(socket.descriptor(), SIOCGIFNAME, &request) != 0 ||
+        ::ioctl(socket.descriptor(), SIOCGIFFLAGS, &request) != 0) {
+        return 0;
+    }
+    const auto interfaceFlags = static_cast<unsigned short>(request.ifr_flags);
+    unsigned hardwareType = ARPHRD_VOID;
+    // Only a point-to-point link can be PPP: others cost no third question.
+    if ((interfaceFlags & IFF_POINTOPOINT) != 0 && ::ioctl(socket.descriptor(), SIOCGIFHWADDR, &request) == 0) {
+        hardwareType = request.ifr_hwaddr.sa_family;
+    }
+    return flagsOfLink(interfaceFlags, hardwareType);
+}
+
+SCNetworkReachabilityFlags withLinkFlags(const NetlinkSocket& socket, SCNetworkReachabilityFlags flags,
+                                         unsigned interfaceIndex)
+{
+    if ((flags & kSCNetworkReachabilityFlagsReachable) == 0 || interfaceIndex == 0) {
+        return flags;
+    }
+    return flags | askLink(socket, interfaceIndex);
+}
+
 ssize_t receive(NetlinkSocket& socket, void* buffer, std::size_t size)
 {
     for (;;) {
@@ -345,7 +391,7 @@ std::optional<SCNetworkReachabilityFlags> askRoute(NetlinkSocket& socket, const 
     if (answer.outcome != RouteOutcome::Answered) {
         return std::nullopt;
     }
-    return answer.flags;
+    return withLinkFlags(socket, answer.flags, answer.interfaceIndex);
 }
 
 std::optional<SCNetworkReachabilityFlags> askDefaultRoute(NetlinkSocket& socket, int family)
@@ -372,7 +418,7 @@ std::optional<SCNetworkReachabilityFlags> askDefaultRoute(NetlinkSocket& socket,
     if (scan.failed) {
         return std::nullopt;
     }
-    return scan.flags();
+    return withLinkFlags(socket, scan.flags(), scan.interfaceIndex);
 }
 
 std::optional<SCNetworkReachabilityFlags> askKernel(const sockaddr_storage& address)
@@ -446,7 +492,7 @@ RouteAnswer parseRouteReply(const void* buffer, std::size_t length, unsigned seq
         return {};
     }
     if (state.flags) {
-        return {RouteOutcome::Answered, *state.flags};
+        return {RouteOutcome::Answered, *state.flags, state.interfaceIndex};
     }
     return {};  // nothing whole arrived
 }
@@ -480,6 +526,21 @@ void scanDefaultRoutes(const void* buffer, std::size_t length, DefaultRouteScan&
     if (!scan.done && !scan.failed && !mnl_nlmsg_ok(static_cast<const nlmsghdr*>(buffer), static_cast<int>(length))) {
         scan.failed = true;
     }
+}
+
+SCNetworkReachabilityFlags flagsOfLink(unsigned interfaceFlags, unsigned hardwareType)
+{
+    SCNetworkReachabilityFlags flags = 0;
+    // The route's next hop has carrier, or there would be no live route: a
+    // link that is up and still not running waits in the dormant (or testing)
+    // state for something to complete before it carries traffic.
+    if ((interfaceFlags & IFF_UP) != 0 && (interfaceFlags & IFF_RUNNING) == 0) {
+        flags |= kSCNetworkReachabilityFlagsConnectionRequired;
+    }
+    if (hardwareType == ARPHRD_PPP) {
+        flags |= kSCNetworkReachabilityFlagsTransientConnection;
+    }
+    return flags;
 }
 
 EventBatch parseEvents(const void* buffer, std::size_t length)

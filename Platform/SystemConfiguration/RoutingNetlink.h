@@ -51,6 +51,9 @@ enum class RouteOutcome {
 struct RouteAnswer {
     RouteOutcome outcome = RouteOutcome::Failed;
     SCNetworkReachabilityFlags flags = 0;
+    // The link of the route's one live next hop, whose state may add to the
+    // flags; 0 for a local route, one without a live next hop, or several.
+    unsigned interfaceIndex = 0;
 };
 
 // The reply to one route request, as received (`sequence`/`portId` 0 skip
@@ -64,10 +67,20 @@ struct DefaultRouteScan {
     bool direct = false;
     bool done = false;
     bool failed = false;
+    // The link of the first live default route, as RouteAnswer's. The kernel
+    // lists a table's default routes by metric, so this is the one it uses.
+    unsigned interfaceIndex = 0;
     SCNetworkReachabilityFlags flags() const;
 };
 void scanDefaultRoutes(const void* buffer, std::size_t length, DefaultRouteScan& scan, unsigned sequence = 0,
                        unsigned portId = 0);
+
+// What the state of a route's link adds to the flags of a live route over it,
+// from the link's interface flags (IFF_*) and hardware type (ARPHRD_*): a
+// link that is up with carrier but not running (dormant while 802.1X or a
+// similar protocol authenticates, or testing) needs that connection made
+// first; a PPP link is a transient connection.
+SCNetworkReachabilityFlags flagsOfLink(unsigned interfaceFlags, unsigned hardwareType);
 
 // What a buffer of announcements from the subscribed socket asks for.
 struct EventBatch {

@@ -134,7 +134,8 @@ private:
         }
         std::optional<SCNetworkReachabilityFlags> first;
         std::optional<SCNetworkReachabilityFlags> reachable;
-        for (const addrinfo* entry = addresses; entry != nullptr && !reachable; entry = entry->ai_next) {
+        std::optional<SCNetworkReachabilityFlags> ready;  // reachable without a connection made first
+        for (const addrinfo* entry = addresses; entry != nullptr && !ready; entry = entry->ai_next) {
             if ((entry->ai_family != AF_INET && entry->ai_family != AF_INET6) ||
                 entry->ai_addrlen > sizeof(sockaddr_storage)) {
                 continue;
@@ -145,14 +146,16 @@ private:
             if (!flags) {
                 continue;
             }
-            if ((*flags & kSCNetworkReachabilityFlagsReachable) != 0) {
-                reachable = flags;
-            } else if (!first) {
-                first = flags;
+            if ((*flags & kSCNetworkReachabilityFlagsReachable) == 0) {
+                first = first ? first : flags;
+            } else if ((*flags & kSCNetworkReachabilityFlagsConnectionRequired) == 0) {
+                ready = flags;
+            } else {
+                reachable = reachable ? reachable : flags;
             }
         }
         ::freeaddrinfo(addresses);
-        return reachable ? reachable : first.value_or(0);
+        return ready ? ready : reachable ? reachable : first.value_or(0);
     }
 
     // Monitoring runs while both a callback and a queue are set.

@@ -21,13 +21,19 @@
 //   family exists with a live next hop, in any routing table but the local
 //   one; IsDirect when it has no gateway (a point-to-point link).
 // - A name: resolved with getaddrinfo (so /etc/hosts and NSS apply), then the
-//   flags of the first of its addresses that is reachable, else none. A name
+//   flags of the first of its addresses that is reachable with no connection
+//   required, else of the first reachable one, else none. A name
 //   that does not resolve has no flags; one that cannot be a host name at all
 //   (empty, longer than 253 bytes, an empty or over-long label, a NUL byte,
 //   or bytes that are not UTF-8) is not even looked up, and reading its flags
 //   fails.
-// - TransientConnection, ConnectionRequired and the on-demand bits are never
-//   set: a route answer carries no such notion on Linux.
+// - The link of a reachable route (its one next hop's; for the all-zero
+//   address the first default route's) may add: ConnectionRequired when it
+//   is up with carrier but not running (dormant, as while 802.1X
+//   authenticates: nothing passes until that completes), and
+//   TransientConnection when it is a PPP link. Routes with several next hops
+//   are not looked into. ConnectionOnTraffic, ConnectionOnDemand and
+//   InterventionRequired are never set: Linux has no such state to read.
 //
 // Contract:
 // - Every function may be called from any thread. Creating a target never

@@ -22,7 +22,8 @@ public:
 
     // A route as `ip route get fibmatch` answers, or a dumped one.
     NetlinkBuffer& route(std::uint8_t type, const char* gateway = nullptr, std::uint32_t flags = 0,
-                         std::uint8_t dstLength = 32, std::uint8_t table = RT_TABLE_MAIN)
+                         std::uint8_t dstLength = 32, std::uint8_t table = RT_TABLE_MAIN,
+                         std::uint32_t interface = 3)
     {
         auto* message = begin(RTM_NEWROUTE);
         auto* route = static_cast<rtmsg*>(mnl_nlmsg_put_extra_header(message, sizeof(rtmsg)));
@@ -31,7 +32,7 @@ public:
         route->rtm_table = table;
         route->rtm_type = type;
         route->rtm_flags = flags;
-        mnl_attr_put_u32(message, RTA_OIF, 3);
+        mnl_attr_put_u32(message, RTA_OIF, interface);
         if (gateway != nullptr) {
             in_addr address{};
             inet_pton(AF_INET, gateway, &address);

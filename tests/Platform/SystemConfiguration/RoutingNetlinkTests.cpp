@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <linux/if_addr.h>
+#include <net/if.h>
+#include <net/if_arp.h>
 
 #include <cerrno>
 
@@ -25,37 +27,65 @@ internal::RouteAnswer parse(const NetlinkBuffer& buffer)
 
 }  // namespace
 
-TEST(RouteReplyParsing, GivesFlagsByKindOfRoute)
+TEST(RouteReplyParsing, GivesFlagsAndTheLinkToAskByKindOfRoute)
 {
+    // The link (interface 3 unless a row names another) is given only for a
+    // live route with one next hop: its state may add to the flags.
     struct Row {
         const char* what;
         NetlinkBuffer reply;
         SCNetworkReachabilityFlags flags;
+        unsigned interfaceIndex;
     };
     const Row rows[] = {
-        {"on-link", NetlinkBuffer().route(RTN_UNICAST), kReachable | kDirect},
-        {"behind a gateway", NetlinkBuffer().route(RTN_UNICAST, "10.9.0.2"), kReachable},
+        {"on-link", NetlinkBuffer().route(RTN_UNICAST), kReachable | kDirect, 3},
+        {"behind a gateway", NetlinkBuffer().route(RTN_UNICAST, "10.9.0.2", 0, 32, RT_TABLE_MAIN, 7), kReachable, 7},
         {"own address, even with its link down", NetlinkBuffer().route(RTN_LOCAL, nullptr, RTNH_F_LINKDOWN),
-         kReachable | kLocal | kDirect},
-        {"no carrier", NetlinkBuffer().route(RTN_UNICAST, "10.9.0.2", RTNH_F_LINKDOWN), 0},
-        {"dead next hop", NetlinkBuffer().route(RTN_UNICAST, nullptr, RTNH_F_DEAD), 0},
-        {"unreachable route", NetlinkBuffer().route(RTN_UNREACHABLE), 0},
-        {"blackhole route", NetlinkBuffer().route(RTN_BLACKHOLE), 0},
-        {"prohibit route", NetlinkBuffer().route(RTN_PROHIBIT), 0},
-        {"no route at all", NetlinkBuffer().error(ENETUNREACH), 0},
-        {"no route to host", NetlinkBuffer().error(EHOSTUNREACH), 0},
+         kReachable | kLocal | kDirect, 0},
+        {"no carrier", NetlinkBuffer().route(RTN_UNICAST, "10.9.0.2", RTNH_F_LINKDOWN), 0, 0},
+        {"dead next hop", NetlinkBuffer().route(RTN_UNICAST, nullptr, RTNH_F_DEAD), 0, 0},
+        {"unreachable route", NetlinkBuffer().route(RTN_UNREACHABLE), 0, 0},
+        {"blackhole route", NetlinkBuffer().route(RTN_BLACKHOLE), 0, 0},
+        {"prohibit route", NetlinkBuffer().route(RTN_PROHIBIT), 0, 0},
+        {"no route at all", NetlinkBuffer().error(ENETUNREACH), 0, 0},
+        {"no route to host", NetlinkBuffer().error(EHOSTUNREACH), 0, 0},
         {"multipath, one hop alive behind a gateway",
-         NetlinkBuffer().multipathRoute({{RTNH_F_LINKDOWN, nullptr}, {0, "10.9.0.2"}}), kReachable},
+         NetlinkBuffer().multipathRoute({{RTNH_F_LINKDOWN, nullptr}, {0, "10.9.0.2"}}), kReachable, 0},
         {"multipath, a live on-link hop", NetlinkBuffer().multipathRoute({{0, "10.9.0.2"}, {0, nullptr}}),
-         kReachable | kDirect},
+         kReachable | kDirect, 0},
         {"multipath, every hop down",
-         NetlinkBuffer().multipathRoute({{RTNH_F_LINKDOWN, nullptr}, {RTNH_F_DEAD, "10.9.0.2"}}), 0},
+         NetlinkBuffer().multipathRoute({{RTNH_F_LINKDOWN, nullptr}, {RTNH_F_DEAD, "10.9.0.2"}}), 0, 0},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.what);
         const auto answer = parse(row.reply);
         ASSERT_EQ(answer.outcome, RouteOutcome::Answered);
         EXPECT_EQ(answer.flags, row.flags);
+        EXPECT_EQ(answer.interfaceIndex, row.interfaceIndex);
+    }
+}
+
+TEST(LinkState, AddsWhatTheLinkOfALiveRouteStillNeeds)
+{
+    constexpr auto kConnectionRequired = kSCNetworkReachabilityFlagsConnectionRequired;
+    constexpr auto kTransient = kSCNetworkReachabilityFlagsTransientConnection;
+    struct Row {
+        const char* what;
+        unsigned interfaceFlags;
+        unsigned hardwareType;
+        SCNetworkReachabilityFlags flags;
+    };
+    const Row rows[] = {
+        {"a running Ethernet link", IFF_UP | IFF_BROADCAST | IFF_RUNNING, ARPHRD_ETHER, 0},
+        {"a dormant link (802.1X not done)", IFF_UP | IFF_BROADCAST, ARPHRD_ETHER, kConnectionRequired},
+        {"a running PPP link", IFF_UP | IFF_POINTOPOINT | IFF_RUNNING, ARPHRD_PPP, kTransient},
+        {"a PPP link not running yet", IFF_UP | IFF_POINTOPOINT, ARPHRD_PPP, kTransient | kConnectionRequired},
+        {"a point-to-point tunnel", IFF_UP | IFF_POINTOPOINT | IFF_RUNNING, ARPHRD_NONE, 0},
+        {"an unknown type", IFF_UP | IFF_RUNNING, ARPHRD_VOID, 0},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        EXPECT_EQ(internal::flagsOfLink(row.interfaceFlags, row.hardwareType), row.flags);
     }
 }
 
@@ -118,11 +148,16 @@ TEST(DefaultRouteScanning, FindsALiveDefaultRouteAcrossParts)
     internal::scanDefaultRoutes(first.data(), first.size(), scan);
     EXPECT_FALSE(scan.done);
     EXPECT_FALSE(scan.found);
-    const auto second = NetlinkBuffer().route(RTN_UNICAST, "10.9.0.2", 0, 0).done();
+    // Two live defaults: the first listed (the lower metric) is the one used.
+    const auto second = NetlinkBuffer()
+                            .route(RTN_UNICAST, "10.9.0.2", 0, 0, RT_TABLE_MAIN, 5)
+                            .route(RTN_UNICAST, "10.8.0.2", 0, 0, RT_TABLE_MAIN, 6)
+                            .done();
     internal::scanDefaultRoutes(second.data(), second.size(), scan);
     EXPECT_TRUE(scan.done);
     EXPECT_FALSE(scan.failed);
     EXPECT_EQ(scan.flags(), kReachable);
+    EXPECT_EQ(scan.interfaceIndex, 5U);
 }
 
 TEST(DefaultRouteScanning, APointToPointDefaultIsDirect)

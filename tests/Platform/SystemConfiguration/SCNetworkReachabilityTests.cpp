@@ -207,3 +207,55 @@ TEST(SCNetworkReachabilityMonitoring, MonitoringDoesNotKeepTheTargetAlive)
     EXPECT_TRUE(weak.expired());
     announceRouteChange();  // must not reach the target that went
 }
+
+TEST(SCNetworkReachabilityMonitoring, ATargetSlowToAnswerHoldsUpNoOther)
+{
+    // The name's addresses are asked about until the test lets them go, as a
+    // resolver that takes its time would hold the name's evaluation. Shared,
+    // so an evaluation still finishing after the test finds them alive.
+    struct Kernel {
+        testsupport::Signal nameAsked;
+        testsupport::Signal letGo;
+        std::atomic<SCNetworkReachabilityFlags> answer{0};
+    };
+    const auto kernel = std::make_shared<Kernel>();
+    const auto previous = internal::setAddressFlagsReaderForTesting(
+        [kernel](const sockaddr_storage& address) -> std::optional<SCNetworkReachabilityFlags> {
+            if (address.ss_family != AF_INET ||
+                reinterpret_cast<const sockaddr_in&>(address).sin_addr.s_addr == htonl(INADDR_LOOPBACK)) {
+                kernel->nameAsked.raise();
+                static_cast<void>(kernel->letGo.wait());
+            }
+            return kernel->answer.load();
+        });
+    struct Restore {
+        std::shared_ptr<Kernel> kernel;
+        internal::AddressFlagsReader previous;
+        ~Restore()
+        {
+            kernel->letGo.raise();
+            internal::setAddressFlagsReaderForTesting(previous);
+        }
+    } restore{kernel, previous};
+
+    CallbackRecorder nameRecorder;
+    const auto name = SCNetworkReachabilityCreateWithName("localhost");
+    ASSERT_TRUE(SCNetworkReachabilitySetCallback(name, nameRecorder.callback()));
+    ASSERT_TRUE(SCNetworkReachabilitySetDispatchQueue(name, DispatchQueue::create("test.name")));
+    ASSERT_TRUE(kernel->nameAsked.wait());
+
+    CallbackRecorder addressRecorder;
+    const auto address = addressTarget("10.9.0.2");
+    ASSERT_TRUE(SCNetworkReachabilitySetCallback(address, addressRecorder.callback()));
+    ASSERT_TRUE(SCNetworkReachabilitySetDispatchQueue(address, DispatchQueue::create("test.address")));
+    ASSERT_TRUE(addressRecorder.waitForCalls(1));
+    kernel->answer = kReachable;
+    announceRouteChange();
+    ASSERT_TRUE(addressRecorder.waitForLast(kReachable)) << "held up behind the name";
+    EXPECT_TRUE(nameRecorder.flags().empty());
+
+    kernel->letGo.raise();
+    ASSERT_TRUE(nameRecorder.waitForCalls(1));
+    ASSERT_TRUE(SCNetworkReachabilitySetDispatchQueue(name, nullptr));
+    ASSERT_TRUE(SCNetworkReachabilitySetDispatchQueue(address, nullptr));
+}

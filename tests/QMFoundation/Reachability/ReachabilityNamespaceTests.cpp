@@ -13,6 +13,13 @@
 
 #include <gtest/gtest.h>
 
+// glibc's <net/if.h> first: <linux/if.h> then leaves out what it defines.
+#include <net/if.h>
+
+#include <libmnl/libmnl.h>
+#include <linux/if.h>
+#include <linux/rtnetlink.h>
+
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <unistd.h>
@@ -32,6 +39,7 @@ namespace {
 constexpr SCNetworkReachabilityFlags kReachable = kSCNetworkReachabilityFlagsReachable;
 constexpr SCNetworkReachabilityFlags kDirect = kSCNetworkReachabilityFlagsIsDirect;
 constexpr SCNetworkReachabilityFlags kLocal = kSCNetworkReachabilityFlagsIsLocalAddress;
+constexpr SCNetworkReachabilityFlags kConnectionRequired = kSCNetworkReachabilityFlagsConnectionRequired;
 
 testsupport::NetworkNamespace network;
 // A name that resolves to the far side of the gateway, when /etc/hosts is ours.
@@ -69,6 +77,35 @@ bool farSideBecomes(SCNetworkReachabilityFlags flags)
                       recorder->waitForLast(flags);
     static_cast<void>(SCNetworkReachabilitySetDispatchQueue(farSide, nullptr));
     return told;
+}
+
+// Declares a dormant link operational, as a supplicant does once 802.1X
+// has authenticated it (iproute2 has no word for this); true once the
+// kernel acknowledged it.
+bool declareOperational(unsigned interfaceIndex)
+{
+    mnl_socket* socket = mnl_socket_open(NETLINK_ROUTE);
+    if (socket == nullptr) {
+        return false;
+    }
+    alignas(nlmsghdr) char buffer[8192];
+    auto* request = mnl_nlmsg_put_header(buffer);
+    request->nlmsg_type = RTM_NEWLINK;
+    request->nlmsg_flags = NLM_F_REQUEST | NLM_F_ACK;
+    request->nlmsg_seq = 1;
+    auto* link = static_cast<ifinfomsg*>(mnl_nlmsg_put_extra_header(request, sizeof(ifinfomsg)));
+    link->ifi_family = AF_UNSPEC;
+    link->ifi_index = static_cast<int>(interfaceIndex);
+    mnl_attr_put_u8(request, IFLA_OPERSTATE, IF_OPER_UP);
+    bool acknowledged = mnl_socket_bind(socket, 0, MNL_SOCKET_AUTOPID) == 0 &&
+                        mnl_socket_sendto(socket, request, request->nlmsg_len) >= 0;
+    if (acknowledged) {
+        const auto length = mnl_socket_recvfrom(socket, buffer, sizeof buffer);
+        acknowledged = length > 0 && mnl_cb_run(buffer, static_cast<std::size_t>(length), 1,
+                                                 mnl_socket_get_portid(socket), nullptr, nullptr) >= 0;
+    }
+    mnl_socket_close(socket);
+    return acknowledged;
 }
 
 class ReachabilityInNamespace : public testing::Test {
@@ -119,6 +156,35 @@ TEST_F(ReachabilityInNamespace, FlagsFollowTheRoutingTable)
     EXPECT_EQ(flagsOf("10.20.1.1"), 0U);
     EXPECT_EQ(flagsOf("0.0.0.0"), 0U);
     EXPECT_EQ(flagsOf("10.9.0.1"), kReachable | kDirect | kLocal) << "our own address stays ours";
+}
+
+TEST_F(ReachabilityInNamespace, ADormantLinkNeedsItsConnectionMadeFirst)
+{
+    // In dormant mode a link with carrier waits, as for 802.1X, until it is
+    // declared operational; the mode applies from the next carrier change.
+    ASSERT_TRUE(ip("route add 10.20.0.0/16 via 10.9.0.2"));
+    ASSERT_TRUE(ip("route add default via 10.9.0.2"));
+    ASSERT_TRUE(ip("link set v0 mode dormant"));
+    ASSERT_TRUE(ip("link set v1 down"));
+    ASSERT_TRUE(farSideBecomes(0));
+    ASSERT_TRUE(ip("link set v1 up"));
+    ASSERT_TRUE(farSideBecomes(kReachable | kDirect | kConnectionRequired));
+
+    EXPECT_EQ(flagsOf("10.20.1.1"), kReachable | kConnectionRequired);
+    EXPECT_EQ(flagsOf("0.0.0.0"), kReachable | kConnectionRequired);
+    EXPECT_EQ(flagsOf("10.9.0.1"), kReachable | kDirect | kLocal) << "our own address needs no connection";
+    EXPECT_FALSE(QMNetworkReachability::networkReachabilityForInternetConnection()->isReachable());
+    if (hostsName != "localhost") {
+        EXPECT_FALSE(QMNetworkReachability::isHostAvailable(hostsName));
+    }
+
+    // Authenticated: the link runs, with no change of carrier or routes.
+    const unsigned v0 = if_nametoindex("v0");
+    ASSERT_NE(v0, 0U);
+    ASSERT_TRUE(declareOperational(v0));
+    ASSERT_TRUE(farSideBecomes(kReachable | kDirect));
+    EXPECT_EQ(flagsOf("0.0.0.0"), kReachable);
+    EXPECT_TRUE(QMNetworkReachability::networkReachabilityForInternetConnection()->isReachable());
 }
 
 TEST_F(ReachabilityInNamespace, NamesResolveThroughTheSystemResolver)
