@@ -4,6 +4,7 @@
 #include "Platform/ObjectGraph/ManagedObject.h"
 #include "Platform/ObjectGraph/ObjectGraphError.h"
 #include "Platform/ObjectGraph/StoreEvaluation.h"
+#include "Platform/Predicates/Predicate.h"
 
 #include <algorithm>
 #include <mutex>
@@ -148,7 +149,9 @@ bool InMemoryStore::save(const SaveChanges& changes, std::vector<ManagedObjectID
             rows.rows.erase(found);
         }
     }
-    if (changes.empty() || writeContents(error)) {
+    // Written even when nothing changed: primary keys handed out since the
+    // last save are kept with the rows.
+    if (writeContents(error)) {
         return true;
     }
     for (auto step = undo.rbegin(); step != undo.rend(); ++step) {
@@ -160,6 +163,21 @@ bool InMemoryStore::save(const SaveChanges& changes, std::vector<ManagedObjectID
         }
     }
     return false;
+}
+
+PredicateRef InMemoryStore::predicateOverRows(const PredicateRef& predicate) const
+{
+    if (!predicate) {
+        return nullptr;
+    }
+    return predicateByReplacingConstants(predicate, [&](const Value& value) {
+        ManagedObjectIDRef id = value.objectAs<ManagedObjectID>();
+        if (const auto object = value.objectAs<ManagedObject>()) {
+            id = object->objectID();
+        }
+        const auto row = id ? findRow(*id) : nullptr;
+        return row ? Value(row) : value;
+    });
 }
 
 std::optional<std::vector<std::shared_ptr<InMemoryStore::Row>>> InMemoryStore::matchingRows(
@@ -174,7 +192,8 @@ std::optional<std::vector<std::shared_ptr<InMemoryStore::Row>>> InMemoryStore::m
     for (const auto& [key, row] : rowsOfEntity(*entity)) {
         candidates.push_back(row);
     }
-    auto selected = objectgraph::filterSortAndLimit(std::move(candidates), request, error);
+    auto selected =
+        objectgraph::filterSortAndLimit(std::move(candidates), request, predicateOverRows(request.predicate()), error);
     if (!selected) {
         return std::nullopt;
     }

@@ -20,6 +20,8 @@
 
 namespace platform {
 
+class Predicate;
+
 class InMemoryStore : public PersistentStore {
 public:
     static std::shared_ptr<InMemoryStore> create(Configuration configuration);
@@ -30,13 +32,13 @@ public:
     [[nodiscard]] bool save(const SaveChanges& changes, std::vector<ManagedObjectIDRef>* conflicts,
                             ErrorRef* error) override;
     [[nodiscard]] std::optional<std::vector<ManagedObjectIDRef>> fetchObjectIDs(const FetchRequest& request,
-                                                                               ErrorRef* error) override;
-    [[nodiscard]] std::optional<std::size_t> count(const FetchRequest& request, ErrorRef* error) override;
+                                                                               ErrorRef* error = nullptr) override;
+    [[nodiscard]] std::optional<std::size_t> count(const FetchRequest& request, ErrorRef* error = nullptr) override;
     [[nodiscard]] std::optional<ObjectSnapshot> snapshotForObjectWithID(const ManagedObjectID& objectID,
-                                                                         ErrorRef* error) override;
+                                                                         ErrorRef* error = nullptr) override;
     [[nodiscard]] std::optional<std::vector<std::int64_t>> newPrimaryKeys(const EntityDescription& entity,
                                                                          std::size_t count,
-                                                                         ErrorRef* error) override;
+                                                                         ErrorRef* error = nullptr) override;
 
     // One saved object, as fetches evaluate it.
     class Row;
@@ -47,8 +49,8 @@ protected:
     // Hooks for a store with a file. `readContents` runs once in `load`; it
     // sets the identifier (setIdentifier) and adds rows (addRow) and returns
     // false with an error for a file it cannot use. The default makes a new,
-    // empty store. `writeContents` runs at the end of each save that changed
-    // something, with the rows as they will be; false (with an error) undoes
+    // empty store. `writeContents` runs at the end of each save, with the rows as
+    // they will be; false (with an error) undoes
     // the save's changes in memory. The default writes nothing.
     [[nodiscard]] virtual bool readContents(ErrorRef* error);
     [[nodiscard]] virtual bool writeContents(ErrorRef* error);
@@ -70,6 +72,10 @@ private:
     const Table* findTable(const EntityDescription& entity) const;
     std::shared_ptr<Row> findRow(const ManagedObjectID& objectID) const;
     std::optional<std::vector<std::shared_ptr<Row>>> matchingRows(const FetchRequest& request, ErrorRef* error) const;
+    // `predicate` with the objects and IDs it names replaced by their rows,
+    // so that they equal the rows key paths reach on either side of a
+    // comparison ("%@ IN tags" as well as "department == %@").
+    std::shared_ptr<const Predicate> predicateOverRows(const std::shared_ptr<const Predicate>& predicate) const;
 
     std::unordered_map<const EntityDescription*, Table> tables_;
     mutable std::unordered_map<const EntityDescription*, std::unique_ptr<PropertyTable>> rowTables_;

@@ -1,6 +1,8 @@
 #include "Platform/ObjectGraph/StoreEvaluation.h"
 
+#include "Platform/Foundation/Exception.h"
 #include "Platform/ObjectGraph/FetchRequest.h"
+#include "Platform/ObjectGraph/ObjectGraphError.h"
 #include "Platform/Predicates/Predicate.h"
 #include "Platform/Predicates/SortDescriptor.h"
 
@@ -8,25 +10,51 @@
 
 namespace platform::objectgraph {
 
-std::optional<bool> matchesPredicate(const FetchRequest& request, const Object& object, ErrorRef*)
+namespace {
+
+void setEvaluationError(ErrorRef* error, const Exception& exception)
 {
-    if (!request.predicate()) {
-        return true;
-    }
-    return request.predicate()->evaluateWithObject(Value(std::const_pointer_cast<Object>(object.shared_from_this())));
+    setError(error, makeError(NSPersistentStoreOperationError, "The fetch request cannot be evaluated.",
+                              exception.reason()));
 }
 
-bool sortObjects(std::vector<ObjectRef>& objects, const FetchRequest& request, ErrorRef*)
+}  // namespace
+
+std::optional<bool> matchesPredicate(const Predicate* predicate, const Object& object, ErrorRef* error)
+{
+    if (predicate == nullptr) {
+        return true;
+    }
+    try {
+        return predicate->evaluateWithObject(Value(std::const_pointer_cast<Object>(object.shared_from_this())));
+    } catch (const Exception& exception) {
+        setEvaluationError(error, exception);
+        return std::nullopt;
+    }
+}
+
+std::optional<bool> matchesPredicate(const FetchRequest& request, const Object& object, ErrorRef* error)
+{
+    return matchesPredicate(request.predicate().get(), object, error);
+}
+
+bool sortObjects(std::vector<ObjectRef>& objects, const FetchRequest& request, ErrorRef* error)
 {
     if (request.sortDescriptors().empty()) {
         return true;
     }
     Array values;
     values.reserve(objects.size());
-    for (auto& object : objects) {
-        values.push_back(Value(std::move(object)));
+    for (const auto& object : objects) {
+        values.push_back(Value(object));
     }
-    const Array sorted = SortDescriptor::sortedArray(values, request.sortDescriptors());
+    Array sorted;
+    try {
+        sorted = SortDescriptor::sortedArray(values, request.sortDescriptors());
+    } catch (const Exception& exception) {
+        setEvaluationError(error, exception);
+        return false;
+    }
     objects.clear();
     for (const auto& value : sorted) {
         objects.push_back(value.object());
@@ -44,12 +72,13 @@ void applyOffsetAndLimit(std::vector<ObjectRef>& objects, const FetchRequest& re
 }
 
 std::optional<std::vector<ObjectRef>> filterSortAndLimit(std::vector<ObjectRef> objects, const FetchRequest& request,
+                                                         const std::shared_ptr<const Predicate>& predicate,
                                                          ErrorRef* error)
 {
     std::vector<ObjectRef> selected;
     selected.reserve(objects.size());
     for (auto& object : objects) {
-        const auto matches = matchesPredicate(request, *object, error);
+        const auto matches = matchesPredicate(predicate.get(), *object, error);
         if (!matches) {
             return std::nullopt;
         }
