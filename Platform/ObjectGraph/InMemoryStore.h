@@ -13,6 +13,7 @@
 #pragma once
 
 #include "Platform/ObjectGraph/PersistentStore.h"
+#include "Platform/ObjectGraph/StoreEvaluation.h"
 
 #include <map>
 #include <memory>
@@ -20,9 +21,7 @@
 
 namespace platform {
 
-class Predicate;
-
-class InMemoryStore : public PersistentStore {
+class InMemoryStore : public PersistentStore, private objectgraph::StoredObjectSource {
 public:
     static std::shared_ptr<InMemoryStore> create(Configuration configuration);
 
@@ -41,7 +40,7 @@ public:
                                                                          ErrorRef* error = nullptr) override;
 
     // One saved object, as fetches evaluate it.
-    class Row;
+    using Row = objectgraph::StoredObject;
 
 protected:
     explicit InMemoryStore(Configuration configuration);
@@ -70,44 +69,11 @@ private:
     };
     Table& table(const EntityDescription& entity);
     const Table* findTable(const EntityDescription& entity) const;
-    std::shared_ptr<Row> findRow(const ManagedObjectID& objectID) const;
+    std::shared_ptr<Row> makeRow(const EntityDescription& entity, std::int64_t primaryKey, ObjectSnapshot snapshot) const;
+    std::shared_ptr<Row> storedObject(const ManagedObjectID& objectID) const override;
     std::optional<std::vector<std::shared_ptr<Row>>> matchingRows(const FetchRequest& request, ErrorRef* error) const;
-    // `predicate` with the objects and IDs it names replaced by their rows,
-    // so that they equal the rows key paths reach on either side of a
-    // comparison ("%@ IN tags" as well as "department == %@").
-    std::shared_ptr<const Predicate> predicateOverRows(const std::shared_ptr<const Predicate>& predicate) const;
 
     std::unordered_map<const EntityDescription*, Table> tables_;
-    mutable std::unordered_map<const EntityDescription*, std::unique_ptr<PropertyTable>> rowTables_;
-};
-
-class InMemoryStore::Row final : public Object {
-public:
-    Row(const InMemoryStore& store, const EntityDescription& entity, std::int64_t primaryKey, ObjectSnapshot snapshot)
-        : store_(&store), entity_(&entity), primaryKey_(primaryKey), snapshot_(std::move(snapshot))
-    {
-    }
-
-    const EntityDescription& entity() const { return *entity_; }
-    std::int64_t primaryKey() const { return primaryKey_; }
-    const ObjectSnapshot& snapshot() const { return snapshot_; }
-    ManagedObjectIDRef objectID() const { return store_->objectIDFor(*entity_, primaryKey_); }
-
-    // Key-value coding by property name; see the banner.
-    const PropertyTable& propertyTable() const override;
-    // A row equals the rows, IDs and managed objects of the same object, so
-    // that "department == %@" with an object matches as in SQL.
-    bool isEqual(const Object& other) const override;
-    std::string className() const override { return entity_->name(); }
-
-private:
-    friend class InMemoryStore;
-    Value valueOfProperty(const PropertyDescription& property) const;
-
-    const InMemoryStore* store_;
-    const EntityDescription* entity_;
-    std::int64_t primaryKey_;
-    ObjectSnapshot snapshot_;
 };
 
 }  // namespace platform

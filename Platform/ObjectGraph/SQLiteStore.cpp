@@ -4,6 +4,7 @@
 #include "Platform/ObjectGraph/FetchRequest.h"
 #include "Platform/ObjectGraph/ObjectGraphError.h"
 #include "Platform/ObjectGraph/ManagedObject.h"
+#include "Platform/ObjectGraph/StoreEvaluation.h"
 #include "Platform/Foundation/Exception.h"
 #include "Platform/Predicates/PredicateSQL.h"
 
@@ -683,11 +684,11 @@ std::optional<SQLiteStore::Query> SQLiteStore::query(const FetchRequest& request
     try {
         where = request.predicate() ? translator.where(*request.predicate()) : std::string();
         order = counting ? std::string() : translator.orderBy(request.sortDescriptors());
-    } catch (const Exception& exception) {
-        setError(error, objectgraph::makeError(NSPersistentStoreOperationError,
-                                               "The fetch request cannot be run on an SQLite store.",
-                                               exception.reason()));
-        return std::nullopt;
+    } catch (const Exception&) {
+        // What the translator refuses, the in-memory evaluator answers (or
+        // refuses with an error of its own, as for a key the entity lacks).
+        query.inMemory = true;
+        return query;
     }
     const bool limited = request.fetchLimit() != 0 || request.fetchOffset() != 0;
     std::string sql = "SELECT t0.Z_PK FROM " + quoted(entity->name()) + " AS t0" + translator.joins();
@@ -709,12 +710,96 @@ std::optional<SQLiteStore::Query> SQLiteStore::query(const FetchRequest& request
     return query;
 }
 
+// The rows of one in-memory evaluation, loaded as it reaches them (a key path
+// reads related rows) and kept until it ends. A row that is gone reads as no
+// object, as a dangling reference does in the other stores; any other read
+// failure is kept for the fetch to report.
+class SQLiteStore::LoadedRows final : public objectgraph::StoredObjectSource {
+public:
+    explicit LoadedRows(SQLiteStore& store) : StoredObjectSource(store), store_(store) {}
+
+    std::shared_ptr<objectgraph::StoredObject> storedObject(const ManagedObjectID& objectID) const override
+    {
+        if (objectID.isTemporaryID() || objectID.storeIdentifier() != *store_.identifier()) {
+            return nullptr;
+        }
+        const auto key = std::make_pair(&objectID.entity(), objectID.primaryKey());
+        if (const auto found = loaded_.find(key); found != loaded_.end()) {
+            return found->second;
+        }
+        ErrorRef error;
+        auto snapshot = store_.snapshotForObjectWithID(objectID, &error);
+        std::shared_ptr<objectgraph::StoredObject> object;
+        if (snapshot) {
+            object = std::make_shared<objectgraph::StoredObject>(*this, objectID.entity(), objectID.primaryKey(),
+                                                                 std::move(*snapshot));
+        } else if (error && error->code() != NSManagedObjectReferentialIntegrityError && !failure_) {
+            failure_ = error;
+        }
+        loaded_.emplace(key, object);
+        return object;
+    }
+
+    const ErrorRef& failure() const { return failure_; }
+
+private:
+    SQLiteStore& store_;
+    mutable std::map<std::pair<const EntityDescription*, std::int64_t>, std::shared_ptr<objectgraph::StoredObject>>
+        loaded_;
+    mutable ErrorRef failure_;
+};
+
+std::optional<std::vector<ManagedObjectIDRef>> SQLiteStore::fetchInMemory(const EntityDescription& entity,
+                                                                          const FetchRequest& request, ErrorRef* error)
+{
+    // Every row of the entity is a candidate, in primary key order (the
+    // order SQL gives equal sort keys).
+    std::vector<std::int64_t> keys;
+    {
+        auto& select = statement("SELECT Z_PK FROM " + quoted(entity.name()) + " ORDER BY Z_PK");
+        StatementUse use(select);
+        int result;
+        while ((result = select.step()) == SQLITE_ROW) {
+            keys.push_back(select.integer(0));
+        }
+        if (result != SQLITE_DONE) {
+            setError(error, sqliteError(NSCoreDataError, "The store could not be read."));
+            return std::nullopt;
+        }
+    }
+    const LoadedRows rows(*this);
+    std::vector<std::shared_ptr<objectgraph::StoredObject>> candidates;
+    candidates.reserve(keys.size());
+    for (const auto key : keys) {
+        if (auto row = rows.storedObject(*objectIDFor(entity, key))) {
+            candidates.push_back(std::move(row));
+        }
+    }
+    auto selected = rows.select(std::move(candidates), request, error);
+    if (selected && rows.failure()) {
+        setError(error, rows.failure());
+        return std::nullopt;
+    }
+    if (!selected) {
+        return std::nullopt;
+    }
+    std::vector<ManagedObjectIDRef> ids;
+    ids.reserve(selected->size());
+    for (const auto& row : *selected) {
+        ids.push_back(row->objectID());
+    }
+    return ids;
+}
+
 std::optional<std::vector<ManagedObjectIDRef>> SQLiteStore::fetchObjectIDs(const FetchRequest& request,
                                                                            ErrorRef* error)
 {
     const auto plan = query(request, false, error);
     if (!plan) {
         return std::nullopt;
+    }
+    if (plan->inMemory) {
+        return fetchInMemory(*plan->entity, request, error);
     }
     auto& select = statement(plan->sql);
     StatementUse use(select);
@@ -736,6 +821,10 @@ std::optional<std::size_t> SQLiteStore::count(const FetchRequest& request, Error
     const auto plan = query(request, true, error);
     if (!plan) {
         return std::nullopt;
+    }
+    if (plan->inMemory) {
+        const auto ids = fetchInMemory(*plan->entity, request, error);
+        return ids ? std::optional<std::size_t>(ids->size()) : std::nullopt;
     }
     auto& select = statement(plan->sql);
     StatementUse use(select);
