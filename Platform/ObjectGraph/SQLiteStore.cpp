@@ -496,87 +496,107 @@ SQLiteStore::EntityWriter& SQLiteStore::writerFor(const EntityDescription& entit
     return *writer;
 }
 
+namespace {
+
+// A property's value in a change's snapshot; nil past its end.
+const Value& snapshotValue(const ObjectSnapshot& snapshot, const PropertyDescription& property)
+{
+    static const Value nil;
+    return property.index() < snapshot.values.size() ? snapshot.values[property.index()] : nil;
+}
+
+}  // namespace
+
 bool SQLiteStore::writeObject(const SaveChanges::Change& change, bool insert, ErrorRef* error)
 {
-    const EntityDescription& entity = change.objectID->entity();
-    EntityWriter& writer = writerFor(entity);
-    const auto& columns = writer.columns;
+    if (!writeRow(change, insert, error)) {
+        return false;
+    }
+    for (const auto& relationship : change.objectID->entity().relationships()) {
+        if (relationship->isToMany() && !isStoredByInverse(*relationship) &&
+            !writeLinks(change, *relationship, insert, error)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// The entity's row: its attributes and to-one columns, and its version.
+bool SQLiteStore::writeRow(const SaveChanges::Change& change, bool insert, ErrorRef* error)
+{
+    EntityWriter& writer = writerFor(change.objectID->entity());
     auto& write = insert ? *writer.insert : *writer.update;
-    {
-        StatementUse use(write);
-        int index = 1;
-        if (insert) {
-            write.bind(index++, change.objectID->primaryKey());
-            write.bind(index++, std::int64_t{1});
+    StatementUse use(write);
+    int index = 1;
+    if (insert) {
+        write.bind(index++, change.objectID->primaryKey());
+        write.bind(index++, std::int64_t{1});
+    } else {
+        write.bind(index++, std::int64_t{0});  // replaced below
+    }
+    for (const auto* property : writer.columns) {
+        const Value& value = snapshotValue(change.snapshot, *property);
+        if (property->isRelationship()) {
+            const auto target = value.objectAs<ManagedObjectID>();
+            write.bind(index++, target ? Value(target->primaryKey()) : Value());
         } else {
-            write.bind(index++, std::int64_t{0});  // replaced below
+            write.bind(index++, value);
         }
-        for (const auto* property : columns) {
-            const Value& value = property->index() < change.snapshot.values.size()
-                                     ? change.snapshot.values[property->index()]
-                                     : Value();
-            if (property->isRelationship()) {
-                const auto target = value.objectAs<ManagedObjectID>();
-                write.bind(index++, target ? Value(target->primaryKey()) : Value());
-            } else {
-                write.bind(index++, value);
+    }
+    if (!insert) {
+        // The version goes up by one from what the store holds, whatever
+        // the change was based on (an overwrite is based on nothing).
+        const auto current = storedVersion(*change.objectID, error);
+        if (!current) {
+            if (error != nullptr && !*error) {
+                setError(error, objectgraph::makeError(NSManagedObjectMergeError, "The object is gone.",
+                                                       change.objectID->description()));
             }
+            return false;
         }
-        if (!insert) {
-            // The version goes up by one from what the store holds, whatever
-            // the change was based on (an overwrite is based on nothing).
-            const auto current = storedVersion(*change.objectID, error);
-            if (!current) {
-                if (error != nullptr && !*error) {
-                    setError(error, objectgraph::makeError(NSManagedObjectMergeError, "The object is gone.",
-                                                           change.objectID->description()));
-                }
-                return false;
-            }
-            write.bind(1, *current + 1);
-            write.bind(index, change.objectID->primaryKey());
-        }
-        if (write.step() != SQLITE_DONE) {
+        write.bind(1, *current + 1);
+        write.bind(index, change.objectID->primaryKey());
+    }
+    if (write.step() != SQLITE_DONE) {
+        setError(error, sqliteError(NSPersistentStoreSaveError, "The store could not be written."));
+        return false;
+    }
+    return true;
+}
+
+// A to-many relationship's link table rows of the object, in order; an
+// update replaces the ones it had.
+bool SQLiteStore::writeLinks(const SaveChanges::Change& change, const RelationshipDescription& relationship,
+                             bool insert, ErrorRef* error)
+{
+    const std::string link = linkTableName(relationship);
+    if (!insert) {
+        auto& clear = statement("DELETE FROM " + link + " WHERE Z_SOURCE = ?");
+        StatementUse use(clear);
+        clear.bind(1, change.objectID->primaryKey());
+        if (clear.step() != SQLITE_DONE) {
             setError(error, sqliteError(NSPersistentStoreSaveError, "The store could not be written."));
             return false;
         }
     }
-    for (const auto& relationship : entity.relationships()) {
-        if (!relationship->isToMany() || isStoredByInverse(*relationship)) {
+    const Array* targets = snapshotValue(change.snapshot, relationship).array();
+    if (targets == nullptr) {
+        return true;
+    }
+    auto& add = statement("INSERT INTO " + link + " (Z_SOURCE, Z_TARGET, Z_ORDER) VALUES (?, ?, ?)");
+    std::int64_t order = 0;
+    for (const auto& target : *targets) {
+        const auto id = target.objectAs<ManagedObjectID>();
+        if (!id) {
             continue;
         }
-        const std::string link = linkTableName(*relationship);
-        if (!insert) {
-            auto& clear = statement("DELETE FROM " + link + " WHERE Z_SOURCE = ?");
-            StatementUse use(clear);
-            clear.bind(1, change.objectID->primaryKey());
-            if (clear.step() != SQLITE_DONE) {
-                setError(error, sqliteError(NSPersistentStoreSaveError, "The store could not be written."));
-                return false;
-            }
-        }
-        const Value& value = relationship->index() < change.snapshot.values.size()
-                                 ? change.snapshot.values[relationship->index()]
-                                 : Value();
-        const Array* targets = value.array();
-        if (targets == nullptr) {
-            continue;
-        }
-        auto& add = statement("INSERT INTO " + link + " (Z_SOURCE, Z_TARGET, Z_ORDER) VALUES (?, ?, ?)");
-        std::int64_t order = 0;
-        for (const auto& target : *targets) {
-            const auto id = target.objectAs<ManagedObjectID>();
-            if (!id) {
-                continue;
-            }
-            StatementUse use(add);
-            add.bind(1, change.objectID->primaryKey());
-            add.bind(2, id->primaryKey());
-            add.bind(3, order++);
-            if (add.step() != SQLITE_DONE) {
-                setError(error, sqliteError(NSPersistentStoreSaveError, "The store could not be written."));
-                return false;
-            }
+        StatementUse use(add);
+        add.bind(1, change.objectID->primaryKey());
+        add.bind(2, id->primaryKey());
+        add.bind(3, order++);
+        if (add.step() != SQLITE_DONE) {
+            setError(error, sqliteError(NSPersistentStoreSaveError, "The store could not be written."));
+            return false;
         }
     }
     return true;

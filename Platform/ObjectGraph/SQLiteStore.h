@@ -94,6 +94,9 @@ private:
     bool createSchema(ErrorRef* error);
     bool checkMetadata(ErrorRef* error);
     bool writeObject(const SaveChanges::Change& change, bool insert, ErrorRef* error);
+    bool writeRow(const SaveChanges::Change& change, bool insert, ErrorRef* error);
+    bool writeLinks(const SaveChanges::Change& change, const RelationshipDescription& relationship, bool insert,
+                    ErrorRef* error);
     bool deleteObject(const ManagedObjectID& objectID, ErrorRef* error);
     std::optional<std::int64_t> storedVersion(const ManagedObjectID& objectID, ErrorRef* error);
 
