@@ -195,12 +195,7 @@ std::optional<std::vector<ManagedObjectIDRef>> InMemoryStore::fetchObjectIDs(con
     if (!rows) {
         return std::nullopt;
     }
-    std::vector<ManagedObjectIDRef> ids;
-    ids.reserve(rows->size());
-    for (const auto& row : *rows) {
-        ids.push_back(row->objectID());
-    }
-    return ids;
+    return objectgraph::objectIDsOf(*rows);
 }
 
 std::optional<std::size_t> InMemoryStore::count(const FetchRequest& request, ErrorRef* error)

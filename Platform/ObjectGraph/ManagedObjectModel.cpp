@@ -286,11 +286,17 @@ std::string EntityDescription::description() const
 
 namespace {
 
-// A property's name: a name, not one the managed object itself answers by
+// A property (`kind`: "attribute" or "relationship") that is there, with a
+// name that is a name, not one the managed object itself answers by
 // key-value coding, and not one the entity has already.
-bool checkPropertyName(const std::string& where, const PropertyDescription& property,
-                       std::set<std::string, std::less<>>& propertyNames, ErrorRef* error)
+bool checkProperty(const std::string& where, const PropertyDescription* candidate, std::string_view kind,
+                   std::set<std::string, std::less<>>& propertyNames, ErrorRef* error)
 {
+    if (candidate == nullptr) {
+        setError(error, invalidModel(where + ": a null " + std::string(kind) + "."));
+        return false;
+    }
+    const PropertyDescription& property = *candidate;
     if (!isValidName(property.name())) {
         setError(error, invalidModel(where + ": \"" + property.name() + "\" is not a property name."));
         return false;
@@ -356,11 +362,7 @@ bool ManagedObjectModel::checkAttributes(const EntityDescription& entity,
 {
     const std::string where = "entity " + entity.name();
     for (const auto& attribute : entity.attributes_) {
-        if (!attribute) {
-            setError(error, invalidModel(where + ": a null attribute."));
-            return false;
-        }
-        if (!checkPropertyName(where, *attribute, propertyNames, error)) {
+        if (!checkProperty(where, attribute.get(), "attribute", propertyNames, error)) {
             return false;
         }
         const Value& defaultValue = attribute->defaultValue();
@@ -380,11 +382,7 @@ bool ManagedObjectModel::resolveDestinations(const EntityDescription& entity,
 {
     const std::string where = "entity " + entity.name();
     for (const auto& relationship : entity.relationships_) {
-        if (!relationship) {
-            setError(error, invalidModel(where + ": a null relationship."));
-            return false;
-        }
-        if (!checkPropertyName(where, *relationship, propertyNames, error)) {
+        if (!checkProperty(where, relationship.get(), "relationship", propertyNames, error)) {
             return false;
         }
         const auto destination = std::find_if(entities.begin(), entities.end(), [&](const EntityDescriptionRef& candidate) {

@@ -803,12 +803,7 @@ std::optional<std::vector<ManagedObjectIDRef>> SQLiteStore::fetchInMemory(const 
     if (!selected) {
         return std::nullopt;
     }
-    std::vector<ManagedObjectIDRef> ids;
-    ids.reserve(selected->size());
-    for (const auto& row : *selected) {
-        ids.push_back(row->objectID());
-    }
-    return ids;
+    return objectgraph::objectIDsOf(*selected);
 }
 
 std::optional<std::vector<ManagedObjectIDRef>> SQLiteStore::fetchObjectIDs(const FetchRequest& request,

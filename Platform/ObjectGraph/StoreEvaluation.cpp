@@ -161,6 +161,16 @@ const PropertyTable& StoredObject::propertyTable() const
     return *table;
 }
 
+std::vector<ManagedObjectIDRef> objectIDsOf(const std::vector<std::shared_ptr<StoredObject>>& objects)
+{
+    std::vector<ManagedObjectIDRef> ids;
+    ids.reserve(objects.size());
+    for (const auto& object : objects) {
+        ids.push_back(object->objectID());
+    }
+    return ids;
+}
+
 StoredObjectSource::~StoredObjectSource() = default;
 
 PredicateRef StoredObjectSource::predicateOverStoredObjects(const PredicateRef& predicate) const

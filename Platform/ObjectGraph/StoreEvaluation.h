@@ -76,6 +76,9 @@ private:
     ObjectSnapshot snapshot_;
 };
 
+// The IDs of stored objects, in order.
+std::vector<ManagedObjectIDRef> objectIDsOf(const std::vector<std::shared_ptr<StoredObject>>& objects);
+
 // Where a store's stored objects come from (the rows an in-memory store
 // keeps, or rows an SQLite store loads for one fetch it cannot say in SQL),
 // and the evaluation of a fetch request on them. Used from the store's
