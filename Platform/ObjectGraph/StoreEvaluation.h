@@ -1,6 +1,8 @@
 // Evaluating a fetch request's predicate, sort descriptors, offset and limit
-// on objects in memory: the in-memory and file stores on their rows, and
-// contexts on their unsaved objects. Internal to the object-graph store.
+// on objects in memory: the in-memory and XML stores on their rows, the
+// SQLite store on rows it loads for what SQL cannot say, and contexts on
+// their unsaved objects. Internal to the object-graph store (InMemoryStore.h
+// includes it only for its rows' type).
 #pragma once
 
 #include "Platform/Foundation/Error.h"
