@@ -15,7 +15,10 @@ std::shared_ptr<InMemoryStore> InMemoryStore::create(Configuration configuration
     return std::shared_ptr<InMemoryStore>(new InMemoryStore(std::move(configuration)));
 }
 
-InMemoryStore::InMemoryStore(Configuration configuration) : PersistentStore(std::move(configuration)) {}
+InMemoryStore::InMemoryStore(Configuration configuration)
+    : PersistentStore(std::move(configuration)), StoredObjectSource(static_cast<const PersistentStore&>(*this))
+{
+}
 
 bool InMemoryStore::load(ErrorRef* error)
 {
@@ -52,10 +55,16 @@ const std::map<std::int64_t, std::shared_ptr<InMemoryStore::Row>>& InMemoryStore
     return found != nullptr ? found->rows : none;
 }
 
+std::shared_ptr<InMemoryStore::Row> InMemoryStore::makeRow(const EntityDescription& entity, std::int64_t primaryKey,
+                                                          ObjectSnapshot snapshot) const
+{
+    return std::make_shared<Row>(static_cast<const StoredObjectSource&>(*this), entity, primaryKey, std::move(snapshot));
+}
+
 void InMemoryStore::addRow(const EntityDescription& entity, std::int64_t primaryKey, ObjectSnapshot snapshot)
 {
     Table& rows = table(entity);
-    rows.rows[primaryKey] = std::make_shared<Row>(*this, entity, primaryKey, std::move(snapshot));
+    rows.rows[primaryKey] = makeRow(entity, primaryKey, std::move(snapshot));
     rows.nextKey = std::max(rows.nextKey, primaryKey + 1);
 }
 
@@ -71,7 +80,7 @@ void InMemoryStore::setNextPrimaryKey(const EntityDescription& entity, std::int6
     rows.nextKey = std::max(rows.nextKey, key);
 }
 
-std::shared_ptr<InMemoryStore::Row> InMemoryStore::findRow(const ManagedObjectID& objectID) const
+std::shared_ptr<InMemoryStore::Row> InMemoryStore::storedObject(const ManagedObjectID& objectID) const
 {
     if (objectID.isTemporaryID() || objectID.storeIdentifier() != *identifier()) {
         return nullptr;
@@ -90,8 +99,8 @@ bool InMemoryStore::save(const SaveChanges& changes, std::vector<ManagedObjectID
     // the rows untouched.
     std::vector<ManagedObjectIDRef> conflicting;
     auto check = [&](const SaveChanges::Change& change) {
-        const auto row = findRow(*change.objectID);
-        if (change.basedOnVersion && (!row || row->snapshot_.version != *change.basedOnVersion)) {
+        const auto row = storedObject(*change.objectID);
+        if (change.basedOnVersion && (!row || row->snapshot().version != *change.basedOnVersion)) {
             conflicting.push_back(change.objectID);
         }
     };
@@ -129,8 +138,8 @@ bool InMemoryStore::save(const SaveChanges& changes, std::vector<ManagedObjectID
         auto& slot = rows.rows[key];
         undo.push_back({&entity, key, slot});
         ObjectSnapshot snapshot = change.snapshot;
-        snapshot.version = insert || !slot ? 1 : slot->snapshot_.version + 1;
-        slot = std::make_shared<Row>(*this, entity, key, std::move(snapshot));
+        snapshot.version = insert || !slot ? 1 : slot->snapshot().version + 1;
+        slot = makeRow(entity, key, std::move(snapshot));
         rows.nextKey = std::max(rows.nextKey, key + 1);
     };
     for (const auto& change : changes.inserted) {
@@ -148,7 +157,9 @@ bool InMemoryStore::save(const SaveChanges& changes, std::vector<ManagedObjectID
             rows.rows.erase(found);
         }
     }
-    if (changes.empty() || writeContents(error)) {
+    // Written even when nothing changed: primary keys handed out since the
+    // last save are kept with the rows.
+    if (writeContents(error)) {
         return true;
     }
     for (auto step = undo.rbegin(); step != undo.rend(); ++step) {
@@ -170,20 +181,11 @@ std::optional<std::vector<std::shared_ptr<InMemoryStore::Row>>> InMemoryStore::m
         setError(error, objectgraph::unknownEntityError(request.entityName()));
         return std::nullopt;
     }
-    std::vector<ObjectRef> candidates;
+    std::vector<std::shared_ptr<Row>> candidates;
     for (const auto& [key, row] : rowsOfEntity(*entity)) {
         candidates.push_back(row);
     }
-    auto selected = objectgraph::filterSortAndLimit(std::move(candidates), request, error);
-    if (!selected) {
-        return std::nullopt;
-    }
-    std::vector<std::shared_ptr<Row>> rows;
-    rows.reserve(selected->size());
-    for (auto& object : *selected) {
-        rows.push_back(std::static_pointer_cast<Row>(object));
-    }
-    return rows;
+    return select(std::move(candidates), request, error);
 }
 
 std::optional<std::vector<ManagedObjectIDRef>> InMemoryStore::fetchObjectIDs(const FetchRequest& request,
@@ -193,12 +195,7 @@ std::optional<std::vector<ManagedObjectIDRef>> InMemoryStore::fetchObjectIDs(con
     if (!rows) {
         return std::nullopt;
     }
-    std::vector<ManagedObjectIDRef> ids;
-    ids.reserve(rows->size());
-    for (const auto& row : *rows) {
-        ids.push_back(row->objectID());
-    }
-    return ids;
+    return objectgraph::objectIDsOf(*rows);
 }
 
 std::optional<std::size_t> InMemoryStore::count(const FetchRequest& request, ErrorRef* error)
@@ -212,8 +209,8 @@ std::optional<std::size_t> InMemoryStore::count(const FetchRequest& request, Err
 
 std::optional<ObjectSnapshot> InMemoryStore::snapshotForObjectWithID(const ManagedObjectID& objectID, ErrorRef* error)
 {
-    if (const auto row = findRow(objectID)) {
-        return row->snapshot_;
+    if (const auto row = storedObject(objectID)) {
+        return row->snapshot();
     }
     setError(error, objectgraph::makeError(NSManagedObjectReferentialIntegrityError,
                                            "The object does not exist in the store.",
@@ -231,68 +228,6 @@ std::optional<std::vector<std::int64_t>> InMemoryStore::newPrimaryKeys(const Ent
         keys.push_back(rows.nextKey++);
     }
     return keys;
-}
-
-// --- Rows -------------------------------------------------------------------------
-
-Value InMemoryStore::Row::valueOfProperty(const PropertyDescription& property) const
-{
-    const Value& stored = property.index() < snapshot_.values.size() ? snapshot_.values[property.index()] : Value();
-    if (!property.isRelationship()) {
-        return stored;
-    }
-    auto rowOf = [&](const Value& id) -> Value {
-        const auto objectID = id.objectAs<ManagedObjectID>();
-        if (!objectID) {
-            return Value();
-        }
-        const auto row = store_->findRow(*objectID);
-        return row ? Value(row) : Value();
-    };
-    const auto& relationship = static_cast<const RelationshipDescription&>(property);
-    if (!relationship.isToMany()) {
-        return rowOf(stored);
-    }
-    Array related;
-    if (const Array* ids = stored.array()) {
-        for (const auto& id : *ids) {
-            if (Value row = rowOf(id)) {
-                related.push_back(std::move(row));
-            }
-        }
-    }
-    return Value(std::move(related));
-}
-
-bool InMemoryStore::Row::isEqual(const Object& other) const
-{
-    if (const auto* row = dynamic_cast<const Row*>(&other)) {
-        return row->entity_ == entity_ && row->primaryKey_ == primaryKey_;
-    }
-    ManagedObjectIDRef id;
-    if (const auto* object = dynamic_cast<const ManagedObject*>(&other)) {
-        id = object->objectID();
-    }
-    const ManagedObjectID* named = id ? id.get() : dynamic_cast<const ManagedObjectID*>(&other);
-    return named != nullptr && !named->isTemporaryID() && &named->entity() == entity_ &&
-           named->primaryKey() == primaryKey_ && named->storeIdentifier() == *store_->identifier();
-}
-
-const PropertyTable& InMemoryStore::Row::propertyTable() const
-{
-    // One table per entity, made on first use; the store is called from one
-    // thread at a time, so its cache needs no lock.
-    auto& table = store_->rowTables_[entity_];
-    if (!table) {
-        PropertyTable built = Object::propertyTable();
-        for (const auto* property : entity_->properties()) {
-            built = PropertyTable::extending<Row>(
-                built, {{property->name(), [property](const Row& row) { return row.valueOfProperty(*property); }}});
-        }
-        built = PropertyTable::extending<Row>(built, {{"objectID", [](const Row& row) { return Value(row.objectID()); }}});
-        table = std::make_unique<PropertyTable>(std::move(built));
-    }
-    return *table;
 }
 
 }  // namespace platform

@@ -13,6 +13,7 @@
 #pragma once
 
 #include "Platform/ObjectGraph/PersistentStore.h"
+#include "Platform/ObjectGraph/StoreEvaluation.h"
 
 #include <map>
 #include <memory>
@@ -20,7 +21,7 @@
 
 namespace platform {
 
-class InMemoryStore : public PersistentStore {
+class InMemoryStore : public PersistentStore, private objectgraph::StoredObjectSource {
 public:
     static std::shared_ptr<InMemoryStore> create(Configuration configuration);
 
@@ -30,16 +31,16 @@ public:
     [[nodiscard]] bool save(const SaveChanges& changes, std::vector<ManagedObjectIDRef>* conflicts,
                             ErrorRef* error) override;
     [[nodiscard]] std::optional<std::vector<ManagedObjectIDRef>> fetchObjectIDs(const FetchRequest& request,
-                                                                               ErrorRef* error) override;
-    [[nodiscard]] std::optional<std::size_t> count(const FetchRequest& request, ErrorRef* error) override;
+                                                                               ErrorRef* error = nullptr) override;
+    [[nodiscard]] std::optional<std::size_t> count(const FetchRequest& request, ErrorRef* error = nullptr) override;
     [[nodiscard]] std::optional<ObjectSnapshot> snapshotForObjectWithID(const ManagedObjectID& objectID,
-                                                                         ErrorRef* error) override;
+                                                                         ErrorRef* error = nullptr) override;
     [[nodiscard]] std::optional<std::vector<std::int64_t>> newPrimaryKeys(const EntityDescription& entity,
                                                                          std::size_t count,
-                                                                         ErrorRef* error) override;
+                                                                         ErrorRef* error = nullptr) override;
 
     // One saved object, as fetches evaluate it.
-    class Row;
+    using Row = objectgraph::StoredObject;
 
 protected:
     explicit InMemoryStore(Configuration configuration);
@@ -47,8 +48,8 @@ protected:
     // Hooks for a store with a file. `readContents` runs once in `load`; it
     // sets the identifier (setIdentifier) and adds rows (addRow) and returns
     // false with an error for a file it cannot use. The default makes a new,
-    // empty store. `writeContents` runs at the end of each save that changed
-    // something, with the rows as they will be; false (with an error) undoes
+    // empty store. `writeContents` runs at the end of each save, with the rows as
+    // they will be; false (with an error) undoes
     // the save's changes in memory. The default writes nothing.
     [[nodiscard]] virtual bool readContents(ErrorRef* error);
     [[nodiscard]] virtual bool writeContents(ErrorRef* error);
@@ -68,40 +69,11 @@ private:
     };
     Table& table(const EntityDescription& entity);
     const Table* findTable(const EntityDescription& entity) const;
-    std::shared_ptr<Row> findRow(const ManagedObjectID& objectID) const;
+    std::shared_ptr<Row> makeRow(const EntityDescription& entity, std::int64_t primaryKey, ObjectSnapshot snapshot) const;
+    std::shared_ptr<Row> storedObject(const ManagedObjectID& objectID) const override;
     std::optional<std::vector<std::shared_ptr<Row>>> matchingRows(const FetchRequest& request, ErrorRef* error) const;
 
     std::unordered_map<const EntityDescription*, Table> tables_;
-    mutable std::unordered_map<const EntityDescription*, std::unique_ptr<PropertyTable>> rowTables_;
-};
-
-class InMemoryStore::Row final : public Object {
-public:
-    Row(const InMemoryStore& store, const EntityDescription& entity, std::int64_t primaryKey, ObjectSnapshot snapshot)
-        : store_(&store), entity_(&entity), primaryKey_(primaryKey), snapshot_(std::move(snapshot))
-    {
-    }
-
-    const EntityDescription& entity() const { return *entity_; }
-    std::int64_t primaryKey() const { return primaryKey_; }
-    const ObjectSnapshot& snapshot() const { return snapshot_; }
-    ManagedObjectIDRef objectID() const { return store_->objectIDFor(*entity_, primaryKey_); }
-
-    // Key-value coding by property name; see the banner.
-    const PropertyTable& propertyTable() const override;
-    // A row equals the rows, IDs and managed objects of the same object, so
-    // that "department == %@" with an object matches as in SQL.
-    bool isEqual(const Object& other) const override;
-    std::string className() const override { return entity_->name(); }
-
-private:
-    friend class InMemoryStore;
-    Value valueOfProperty(const PropertyDescription& property) const;
-
-    const InMemoryStore* store_;
-    const EntityDescription* entity_;
-    std::int64_t primaryKey_;
-    ObjectSnapshot snapshot_;
 };
 
 }  // namespace platform

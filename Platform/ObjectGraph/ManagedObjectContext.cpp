@@ -864,81 +864,17 @@ bool ManagedObjectContext::save(ErrorRef* error)
 
 bool ManagedObjectContext::pushToParent(ErrorRef* error)
 {
-    struct Pushed {
-        ManagedObjectIDRef id;
-        ObjectSnapshot snapshot;
-        std::vector<std::size_t> changed;  // updates: the properties to copy
-    };
     const auto inserted = inserted_->ordered();
     const auto updated = updated_->ordered();
     const auto deleted = deleted_->ordered();
-    std::vector<Pushed> insertions;
-    std::vector<Pushed> updates;
-    for (const auto& object : inserted) {
-        insertions.push_back({object->objectID(), snapshotOf(*object), {}});
-    }
-    for (const auto& object : updated) {
-        Pushed update{object->objectID(), snapshotOf(*object), {}};
-        for (std::size_t index = 0; index < update.snapshot.values.size(); ++index) {
-            if (index >= object->committed_.size() || !(update.snapshot.values[index] == object->committed_[index])) {
-                update.changed.push_back(index);
-            }
-        }
-        updates.push_back(std::move(update));
-    }
+    const auto insertions = insertionsToPush(inserted);
+    const auto updates = updatesToPush(updated);
 
     bool pushed = false;
     ManagedObjectContext& parent = *parent_;
     parent.performBlockAndWait([&] {
         try {
-            // Every new object first, so that relationships among them find
-            // each other.
-            std::vector<ManagedObjectRef> made;
-            for (const auto& insertion : insertions) {
-                auto object = parent.objectRegisteredForID(insertion.id);
-                if (!object) {
-                    // Awoken once, where it was inserted; every value is
-                    // copied below, so no defaults and no temporary ID.
-                    const auto& entity = insertion.id->entity();
-                    object = ManagedObject::makeFault(entity, insertion.id);
-                    object->values_.resize(entity.properties().size());
-                    object->committed_.resize(entity.properties().size());
-                    for (const auto& relationship : entity.relationships()) {
-                        if (relationship->isToMany()) {
-                            object->committed_[relationship->index()] = Value(Array{});
-                        }
-                    }
-                    parent.registerObject(object, insertion.id);
-                }
-                object->fault_ = false;
-                object->inserted_ = true;
-                parent.inserted_->insert(object);
-                made.push_back(object);
-            }
-            auto copyValue = [&](ManagedObject& object, const PropertyDescription& property, const Value& stored) {
-                object.values_[property.index()] =
-                    property.isRelationship()
-                        ? parent.relationshipValueFromSnapshot(static_cast<const RelationshipDescription&>(property), stored)
-                        : stored;
-            };
-            for (std::size_t index = 0; index < insertions.size(); ++index) {
-                for (const auto* property : made[index]->entity().properties()) {
-                    copyValue(*made[index], *property, insertions[index].snapshot.values[property->index()]);
-                }
-            }
-            for (const auto& update : updates) {
-                auto object = parent.objectWithID(update.id);
-                object->fireFault();
-                for (const auto index : update.changed) {
-                    copyValue(*object, *object->entity().properties()[index], update.snapshot.values[index]);
-                }
-                object->noteChanged();
-            }
-            for (const auto& object : deleted) {
-                if (auto mine = parent.objectWithID(object->objectID()); !mine->deleted_) {
-                    parent.deleteObject(mine);
-                }
-            }
+            parent.takeChildChanges(insertions, updates, deleted);
             pushed = true;
         } catch (const Exception& exception) {
             setError(error, objectgraph::makeError(NSManagedObjectReferentialIntegrityError,
@@ -949,6 +885,101 @@ bool ManagedObjectContext::pushToParent(ErrorRef* error)
     if (!pushed) {
         return false;
     }
+    settlePushedChanges(inserted, insertions, updated, updates, deleted);
+    postDidSave(inserted, updated, deleted);
+    return true;
+}
+
+std::vector<ManagedObjectContext::PushedChange> ManagedObjectContext::insertionsToPush(
+    const std::vector<ManagedObjectRef>& inserted) const
+{
+    std::vector<PushedChange> insertions;
+    for (const auto& object : inserted) {
+        insertions.push_back({object->objectID(), snapshotOf(*object), {}});
+    }
+    return insertions;
+}
+
+std::vector<ManagedObjectContext::PushedChange> ManagedObjectContext::updatesToPush(
+    const std::vector<ManagedObjectRef>& updated) const
+{
+    std::vector<PushedChange> updates;
+    for (const auto& object : updated) {
+        PushedChange update{object->objectID(), snapshotOf(*object), {}};
+        for (std::size_t index = 0; index < update.snapshot.values.size(); ++index) {
+            if (index >= object->committed_.size() || !(update.snapshot.values[index] == object->committed_[index])) {
+                update.changed.push_back(index);
+            }
+        }
+        updates.push_back(std::move(update));
+    }
+    return updates;
+}
+
+void ManagedObjectContext::takeChildChanges(const std::vector<PushedChange>& insertions,
+                                            const std::vector<PushedChange>& updates,
+                                            const std::vector<ManagedObjectRef>& deleted)
+{
+    // Every new object first, so that relationships among them find each
+    // other.
+    std::vector<ManagedObjectRef> made;
+    for (const auto& insertion : insertions) {
+        auto object = objectRegisteredForID(insertion.id);
+        if (!object) {
+            // Awoken once, where it was inserted; every value is copied
+            // below, so no defaults and no temporary ID.
+            const auto& entity = insertion.id->entity();
+            object = ManagedObject::makeFault(entity, insertion.id);
+            object->values_.resize(entity.properties().size());
+            object->committed_.resize(entity.properties().size());
+            for (const auto& relationship : entity.relationships()) {
+                if (relationship->isToMany()) {
+                    object->committed_[relationship->index()] = Value(Array{});
+                }
+            }
+            registerObject(object, insertion.id);
+        }
+        object->fault_ = false;
+        object->inserted_ = true;
+        inserted_->insert(object);
+        made.push_back(object);
+    }
+    for (std::size_t index = 0; index < insertions.size(); ++index) {
+        for (const auto* property : made[index]->entity().properties()) {
+            setValueFromChild(*made[index], *property, insertions[index].snapshot.values[property->index()]);
+        }
+    }
+    for (const auto& update : updates) {
+        auto object = objectWithID(update.id);
+        object->fireFault();
+        for (const auto index : update.changed) {
+            setValueFromChild(*object, *object->entity().properties()[index], update.snapshot.values[index]);
+        }
+        object->noteChanged();
+    }
+    for (const auto& object : deleted) {
+        if (auto mine = objectWithID(object->objectID()); !mine->deleted_) {
+            deleteObject(mine);
+        }
+    }
+}
+
+void ManagedObjectContext::setValueFromChild(ManagedObject& object, const PropertyDescription& property,
+                                             const Value& stored)
+{
+    object.values_[property.index()] =
+        property.isRelationship()
+            ? relationshipValueFromSnapshot(static_cast<const RelationshipDescription&>(property), stored)
+            : stored;
+}
+
+// What the parent took is this context's committed state now.
+void ManagedObjectContext::settlePushedChanges(const std::vector<ManagedObjectRef>& inserted,
+                                               const std::vector<PushedChange>& insertions,
+                                               const std::vector<ManagedObjectRef>& updated,
+                                               const std::vector<PushedChange>& updates,
+                                               const std::vector<ManagedObjectRef>& deleted)
+{
     for (std::size_t index = 0; index < inserted.size(); ++index) {
         inserted[index]->inserted_ = false;
         inserted[index]->committed_ = std::move(insertions[index].snapshot.values);
@@ -962,8 +993,6 @@ bool ManagedObjectContext::pushToParent(ErrorRef* error)
     for (const auto& object : deleted) {
         forget(*object);
     }
-    postDidSave(inserted, updated, deleted);
-    return true;
 }
 
 bool ManagedObjectContext::saveToStore(ErrorRef* error)
@@ -976,96 +1005,126 @@ bool ManagedObjectContext::saveToStore(ErrorRef* error)
     auto updated = updated_->ordered();
     auto deleted = deleted_->ordered();
 
-    auto build = [&] {
-        SaveChanges changes;
-        for (const auto& object : inserted) {
-            changes.inserted.push_back({object->objectID(), snapshotOf(*object), std::nullopt});
-        }
-        for (const auto& object : updated) {
-            changes.updated.push_back({object->objectID(), snapshotOf(*object),
-                                       checkVersions ? std::optional(object->version_) : std::nullopt});
-        }
-        for (const auto& object : deleted) {
-            changes.deleted.push_back(
-                {object->objectID(), {}, checkVersions ? std::optional(object->version_) : std::nullopt});
-        }
-        return changes;
-    };
-
     // A conflict is resolved by the merge policy and the save tried again;
     // each round settles the conflicts it met, so a few rounds suffice unless
     // other writers keep changing the same objects.
     for (int attempt = 0;; ++attempt) {
         std::vector<ManagedObjectIDRef> conflicts;
         ErrorRef saveError;
-        if (coordinator_->save(build(), &conflicts, &saveError)) {
+        if (coordinator_->save(changesToSave(inserted, updated, deleted, checkVersions), &conflicts, &saveError)) {
             break;
         }
         if (saveError->code() != NSManagedObjectMergeError || mergePolicy_ == MergePolicy::Error || attempt >= 8) {
-            if (saveError->code() == NSManagedObjectMergeError) {
-                Array conflictList;
-                for (const auto& id : conflicts) {
-                    if (auto object = objectRegisteredForID(id)) {
-                        conflictList.push_back(Value(object));
-                    }
-                }
-                saveError = objectgraph::makeError(NSManagedObjectMergeError,
-                                                   "The objects were changed by someone else since they were read.",
-                                                   saveError->localizedFailureReason().value_or(""), nullptr,
-                                                   Dictionary{{NSPersistentStoreSaveConflictsErrorKey,
-                                                               Value(std::move(conflictList))}});
-            }
-            setError(error, saveError);
+            setError(error, conflictError(saveError, conflicts));
             return false;
         }
         for (const auto& id : conflicts) {
-            auto object = objectRegisteredForID(id);
-            if (!object) {
-                continue;
-            }
-            ErrorRef readError;
-            const auto current = coordinator_->snapshotForObjectWithID(*id, &readError);
-            auto dropFrom = [&](std::vector<ManagedObjectRef>& list) {
-                list.erase(std::remove(list.begin(), list.end(), object), list.end());
-            };
-            if (!current) {
-                // Deleted by someone else: our delete is done; our update has
-                // nothing left to update.
-                dropFrom(updated);
-                dropFrom(deleted);
-                forget(*object);
-                continue;
-            }
-            if (mergePolicy_ == MergePolicy::Rollback) {
-                dropFrom(updated);
-                dropFrom(deleted);
-                updated_->erase(object.get());
-                deleted_->erase(object.get());
-                object->updated_ = object->deleted_ = false;
-                applySnapshot(*object, *current, false);
-                continue;
-            }
-            if (object->deleted_) {
-                object->version_ = current->version;
-                continue;
-            }
-            const bool objectTrump = mergePolicy_ == MergePolicy::MergeByPropertyObjectTrump;
-            const ObjectSnapshot mine = snapshotOf(*object);
-            std::vector<Value> merged = current->values;
-            merged.resize(mine.values.size());
-            for (std::size_t index = 0; index < mine.values.size(); ++index) {
-                const bool oursChanged = !(mine.values[index] == object->committed_[index]);
-                const bool theirsChanged = !(current->values[index] == object->committed_[index]);
-                if (oursChanged && (!theirsChanged || objectTrump)) {
-                    merged[index] = mine.values[index];
-                }
-            }
-            applySnapshot(*object, {merged, current->version}, false);
-            object->committed_ = current->values;
-            object->committed_.resize(merged.size());
+            resolveConflict(id, updated, deleted);
         }
     }
+    settleSavedChanges(inserted, updated, deleted, checkVersions);
+    postDidSave(inserted, updated, deleted);
+    return true;
+}
 
+SaveChanges ManagedObjectContext::changesToSave(const std::vector<ManagedObjectRef>& inserted,
+                                                const std::vector<ManagedObjectRef>& updated,
+                                                const std::vector<ManagedObjectRef>& deleted, bool checkVersions) const
+{
+    SaveChanges changes;
+    for (const auto& object : inserted) {
+        changes.inserted.push_back({object->objectID(), snapshotOf(*object), std::nullopt});
+    }
+    for (const auto& object : updated) {
+        changes.updated.push_back(
+            {object->objectID(), snapshotOf(*object), checkVersions ? std::optional(object->version_) : std::nullopt});
+    }
+    for (const auto& object : deleted) {
+        changes.deleted.push_back({object->objectID(), {}, checkVersions ? std::optional(object->version_) : std::nullopt});
+    }
+    return changes;
+}
+
+// The error a failed save reports: the store's, except that a merge conflict
+// names this context's conflicting objects.
+ErrorRef ManagedObjectContext::conflictError(const ErrorRef& saveError,
+                                             const std::vector<ManagedObjectIDRef>& conflicts) const
+{
+    if (saveError->code() != NSManagedObjectMergeError) {
+        return saveError;
+    }
+    Array conflictList;
+    for (const auto& id : conflicts) {
+        if (auto object = objectRegisteredForID(id)) {
+            conflictList.push_back(Value(object));
+        }
+    }
+    return objectgraph::makeError(NSManagedObjectMergeError,
+                                  "The objects were changed by someone else since they were read.",
+                                  saveError->localizedFailureReason().value_or(""), nullptr,
+                                  Dictionary{{NSPersistentStoreSaveConflictsErrorKey, Value(std::move(conflictList))}});
+}
+
+void ManagedObjectContext::resolveConflict(const ManagedObjectIDRef& id, std::vector<ManagedObjectRef>& updated,
+                                           std::vector<ManagedObjectRef>& deleted)
+{
+    auto object = objectRegisteredForID(id);
+    if (!object) {
+        return;
+    }
+    ErrorRef readError;
+    const auto current = coordinator_->snapshotForObjectWithID(*id, &readError);
+    auto dropFrom = [&](std::vector<ManagedObjectRef>& list) {
+        list.erase(std::remove(list.begin(), list.end(), object), list.end());
+    };
+    if (!current) {
+        // Deleted by someone else: our delete is done; our update has
+        // nothing left to update.
+        dropFrom(updated);
+        dropFrom(deleted);
+        forget(*object);
+        return;
+    }
+    if (mergePolicy_ == MergePolicy::Rollback) {
+        dropFrom(updated);
+        dropFrom(deleted);
+        updated_->erase(object.get());
+        deleted_->erase(object.get());
+        object->updated_ = object->deleted_ = false;
+        applySnapshot(*object, *current, false);
+        return;
+    }
+    if (object->deleted_) {
+        object->version_ = current->version;
+        return;
+    }
+    mergeStoredSnapshot(*object, *current);
+}
+
+// Property by property: ours where only we changed it (or, with the object
+// winning, wherever we changed it), the store's otherwise.
+void ManagedObjectContext::mergeStoredSnapshot(ManagedObject& object, const ObjectSnapshot& current)
+{
+    const bool objectTrump = mergePolicy_ == MergePolicy::MergeByPropertyObjectTrump;
+    const ObjectSnapshot mine = snapshotOf(object);
+    std::vector<Value> merged = current.values;
+    merged.resize(mine.values.size());
+    for (std::size_t index = 0; index < mine.values.size(); ++index) {
+        const bool oursChanged = !(mine.values[index] == object.committed_[index]);
+        const bool theirsChanged = !(current.values[index] == object.committed_[index]);
+        if (oursChanged && (!theirsChanged || objectTrump)) {
+            merged[index] = mine.values[index];
+        }
+    }
+    applySnapshot(object, {merged, current.version}, false);
+    object.committed_ = current.values;
+    object.committed_.resize(merged.size());
+}
+
+void ManagedObjectContext::settleSavedChanges(const std::vector<ManagedObjectRef>& inserted,
+                                              const std::vector<ManagedObjectRef>& updated,
+                                              const std::vector<ManagedObjectRef>& deleted, bool checkVersions)
+{
     for (const auto& object : inserted) {
         object->inserted_ = false;
         object->version_ = 1;
@@ -1086,8 +1145,6 @@ bool ManagedObjectContext::saveToStore(ErrorRef* error)
         forget(*object);
     }
     deleted_->clear();
-    postDidSave(inserted, updated, deleted);
-    return true;
 }
 
 void ManagedObjectContext::postDidSave(const std::vector<ManagedObjectRef>& inserted,

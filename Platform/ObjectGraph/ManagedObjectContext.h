@@ -230,6 +230,34 @@ private:
     bool validate(ErrorRef* error) const;
     bool saveToStore(ErrorRef* error);
     bool pushToParent(ErrorRef* error);
+
+    // The steps of pushToParent. A child's change as its parent takes it.
+    struct PushedChange {
+        ManagedObjectIDRef id;
+        ObjectSnapshot snapshot;
+        std::vector<std::size_t> changed;  // updates: the properties to copy
+    };
+    std::vector<PushedChange> insertionsToPush(const std::vector<ManagedObjectRef>& inserted) const;
+    std::vector<PushedChange> updatesToPush(const std::vector<ManagedObjectRef>& updated) const;
+    // Runs on the parent: the child's changes become the parent's own.
+    void takeChildChanges(const std::vector<PushedChange>& insertions, const std::vector<PushedChange>& updates,
+                          const std::vector<ManagedObjectRef>& deleted);
+    void setValueFromChild(ManagedObject& object, const PropertyDescription& property, const Value& stored);
+    void settlePushedChanges(const std::vector<ManagedObjectRef>& inserted,
+                             const std::vector<PushedChange>& insertions,
+                             const std::vector<ManagedObjectRef>& updated, const std::vector<PushedChange>& updates,
+                             const std::vector<ManagedObjectRef>& deleted);
+
+    // The steps of saveToStore.
+    SaveChanges changesToSave(const std::vector<ManagedObjectRef>& inserted, const std::vector<ManagedObjectRef>& updated,
+                              const std::vector<ManagedObjectRef>& deleted, bool checkVersions) const;
+    ErrorRef conflictError(const ErrorRef& saveError, const std::vector<ManagedObjectIDRef>& conflicts) const;
+    // Settles one conflict by the merge policy, for the next attempt.
+    void resolveConflict(const ManagedObjectIDRef& id, std::vector<ManagedObjectRef>& updated,
+                         std::vector<ManagedObjectRef>& deleted);
+    void mergeStoredSnapshot(ManagedObject& object, const ObjectSnapshot& current);
+    void settleSavedChanges(const std::vector<ManagedObjectRef>& inserted, const std::vector<ManagedObjectRef>& updated,
+                            const std::vector<ManagedObjectRef>& deleted, bool checkVersions);
     void applyDeleteRules(ManagedObject& object);
     void postDidSave(const std::vector<ManagedObjectRef>& inserted, const std::vector<ManagedObjectRef>& updated,
                      const std::vector<ManagedObjectRef>& deleted);

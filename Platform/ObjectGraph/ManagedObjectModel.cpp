@@ -284,7 +284,55 @@ std::string EntityDescription::description() const
 
 // --- The model ----------------------------------------------------------------
 
+namespace {
+
+// A property (`kind`: "attribute" or "relationship") that is there, with a
+// name that is a name, not one the managed object itself answers by
+// key-value coding, and not one the entity has already.
+bool checkProperty(const std::string& where, const PropertyDescription* candidate, std::string_view kind,
+                   std::set<std::string, std::less<>>& propertyNames, ErrorRef* error)
+{
+    if (candidate == nullptr) {
+        setError(error, invalidModel(where + ": a null " + std::string(kind) + "."));
+        return false;
+    }
+    const PropertyDescription& property = *candidate;
+    if (!isValidName(property.name())) {
+        setError(error, invalidModel(where + ": \"" + property.name() + "\" is not a property name."));
+        return false;
+    }
+    if (property.name() == "objectID" || property.name() == "entity" || property.name() == "managedObjectContext") {
+        setError(error, invalidModel(where + ": the property name \"" + property.name() + "\" is reserved."));
+        return false;
+    }
+    if (!propertyNames.insert(property.name()).second) {
+        setError(error, invalidModel(where + ": the property " + property.name() + " is defined twice."));
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
 ManagedObjectModelRef ManagedObjectModel::create(std::vector<EntityDescriptionRef> entities, ErrorRef* error)
+{
+    if (!checkEntityNames(entities, error)) {
+        return nullptr;
+    }
+    for (const auto& entity : entities) {
+        std::set<std::string, std::less<>> propertyNames;
+        if (!checkAttributes(*entity, propertyNames, error) ||
+            !resolveDestinations(*entity, entities, propertyNames, error)) {
+            return nullptr;
+        }
+    }
+    if (!resolveInverses(entities, error)) {
+        return nullptr;
+    }
+    return assemble(std::move(entities));
+}
+
+bool ManagedObjectModel::checkEntityNames(const std::vector<EntityDescriptionRef>& entities, ErrorRef* error)
 {
     std::set<std::string, std::less<>> entityNames;
     for (const auto& entity : entities) {
@@ -299,75 +347,61 @@ ManagedObjectModelRef ManagedObjectModel::create(std::vector<EntityDescriptionRe
             setError(error, invalidModel("The entity name \"" + entity->name() +
                                          "\" is not a name (letters, digits and \"_\", not starting with a digit "
                                          "or \"Z_\")."));
-            return nullptr;
+            return false;
         }
         if (!entityNames.insert(entity->name()).second) {
             setError(error, invalidModel("The entity " + entity->name() + " is defined twice."));
-            return nullptr;
+            return false;
         }
     }
-    auto findEntity = [&](std::string_view name) -> const EntityDescription* {
-        for (const auto& entity : entities) {
-            if (entity->name() == name) {
-                return entity.get();
-            }
-        }
-        return nullptr;
-    };
+    return true;
+}
 
-    for (const auto& entity : entities) {
-        const std::string where = "entity " + entity->name();
-        std::set<std::string, std::less<>> propertyNames;
-        auto checkName = [&](const PropertyDescription& property) {
-            if (!isValidName(property.name())) {
-                setError(error, invalidModel(where + ": \"" + property.name() + "\" is not a property name."));
-                return false;
-            }
-            // Names the managed object itself answers by key-value coding.
-            if (property.name() == "objectID" || property.name() == "entity" ||
-                property.name() == "managedObjectContext") {
-                setError(error, invalidModel(where + ": the property name \"" + property.name() + "\" is reserved."));
-                return false;
-            }
-            if (!propertyNames.insert(property.name()).second) {
-                setError(error, invalidModel(where + ": the property " + property.name() + " is defined twice."));
-                return false;
-            }
-            return true;
-        };
-        for (const auto& attribute : entity->attributes_) {
-            if (!attribute || !checkName(*attribute)) {
-                if (!attribute) {
-                    setError(error, invalidModel(where + ": a null attribute."));
-                }
-                return nullptr;
-            }
-            const Value& defaultValue = attribute->defaultValue();
-            if (defaultValue && !valueFitsAttributeType(defaultValue, attribute->attributeType())) {
-                setError(error, invalidModel(where + ", attribute " + attribute->name() +
-                                             ": the default value is not of the type " +
-                                             std::string(attributeTypeName(attribute->attributeType())) + "."));
-                return nullptr;
-            }
+bool ManagedObjectModel::checkAttributes(const EntityDescription& entity,
+                                         std::set<std::string, std::less<>>& propertyNames, ErrorRef* error)
+{
+    const std::string where = "entity " + entity.name();
+    for (const auto& attribute : entity.attributes_) {
+        if (!checkProperty(where, attribute.get(), "attribute", propertyNames, error)) {
+            return false;
         }
-        for (const auto& relationship : entity->relationships_) {
-            if (!relationship || !checkName(*relationship)) {
-                if (!relationship) {
-                    setError(error, invalidModel(where + ": a null relationship."));
-                }
-                return nullptr;
-            }
-            const EntityDescription* destination = findEntity(relationship->destinationEntityName());
-            if (destination == nullptr) {
-                setError(error, invalidModel(where + ", relationship " + relationship->name() +
-                                             ": no entity named \"" + relationship->destinationEntityName() + "\"."));
-                return nullptr;
-            }
-            relationship->destination_ = destination;
+        const Value& defaultValue = attribute->defaultValue();
+        if (defaultValue && !valueFitsAttributeType(defaultValue, attribute->attributeType())) {
+            setError(error, invalidModel(where + ", attribute " + attribute->name() +
+                                         ": the default value is not of the type " +
+                                         std::string(attributeTypeName(attribute->attributeType())) + "."));
+            return false;
         }
     }
-    // Inverses once every destination is known: each must exist and name
-    // this relationship back, so that both sides are kept in step.
+    return true;
+}
+
+bool ManagedObjectModel::resolveDestinations(const EntityDescription& entity,
+                                             const std::vector<EntityDescriptionRef>& entities,
+                                             std::set<std::string, std::less<>>& propertyNames, ErrorRef* error)
+{
+    const std::string where = "entity " + entity.name();
+    for (const auto& relationship : entity.relationships_) {
+        if (!checkProperty(where, relationship.get(), "relationship", propertyNames, error)) {
+            return false;
+        }
+        const auto destination = std::find_if(entities.begin(), entities.end(), [&](const EntityDescriptionRef& candidate) {
+            return candidate->name() == relationship->destinationEntityName();
+        });
+        if (destination == entities.end()) {
+            setError(error, invalidModel(where + ", relationship " + relationship->name() + ": no entity named \"" +
+                                         relationship->destinationEntityName() + "\"."));
+            return false;
+        }
+        relationship->destination_ = destination->get();
+    }
+    return true;
+}
+
+// Inverses once every destination is known: each must exist and name this
+// relationship back, so that both sides are kept in step.
+bool ManagedObjectModel::resolveInverses(const std::vector<EntityDescriptionRef>& entities, ErrorRef* error)
+{
     for (const auto& entity : entities) {
         for (const auto& relationship : entity->relationships_) {
             if (relationship->inverseName().empty()) {
@@ -379,20 +413,26 @@ ManagedObjectModelRef ManagedObjectModel::create(std::vector<EntityDescriptionRe
             if (inverse == nullptr) {
                 setError(error, invalidModel(where + ": the inverse " + relationship->destinationEntityName() + "." +
                                              relationship->inverseName() + " does not exist."));
-                return nullptr;
+                return false;
             }
             if (inverse->inverseName() != relationship->name() ||
                 inverse->destinationEntityName() != entity->name()) {
                 setError(error, invalidModel(where + ": the inverse " + relationship->destinationEntityName() + "." +
                                              inverse->name() + " does not name it back."));
-                return nullptr;
+                return false;
             }
             relationship->inverse_ = inverse;
         }
     }
+    return true;
+}
 
+// The model of checked entities: each property gets its entity and index
+// (attributes first, then relationships), each entity and the model their
+// version hashes.
+ManagedObjectModelRef ManagedObjectModel::assemble(std::vector<EntityDescriptionRef> entities)
+{
     auto model = std::shared_ptr<ManagedObjectModel>(new ManagedObjectModel());
-    std::string modelText;
     std::set<std::string> entityTexts;
     for (const auto& entity : entities) {
         entity->model_ = model.get();
@@ -411,6 +451,8 @@ ManagedObjectModelRef ManagedObjectModel::create(std::vector<EntityDescriptionRe
         entity->versionHash_ = hexHash(text, 16);
         entityTexts.insert(text);
     }
+    // Sorted, so that the order of entities in the file does not count.
+    std::string modelText;
     for (const auto& text : entityTexts) {
         modelText += text;
     }

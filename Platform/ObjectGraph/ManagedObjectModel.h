@@ -31,6 +31,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -251,6 +252,15 @@ public:
 
 private:
     ManagedObjectModel() = default;
+
+    // The steps of `create`: each false with an error for a model it refuses.
+    static bool checkEntityNames(const std::vector<EntityDescriptionRef>& entities, ErrorRef* error);
+    static bool checkAttributes(const EntityDescription& entity, std::set<std::string, std::less<>>& propertyNames,
+                                ErrorRef* error);
+    static bool resolveDestinations(const EntityDescription& entity, const std::vector<EntityDescriptionRef>& entities,
+                                    std::set<std::string, std::less<>>& propertyNames, ErrorRef* error);
+    static bool resolveInverses(const std::vector<EntityDescriptionRef>& entities, ErrorRef* error);
+    static ManagedObjectModelRef assemble(std::vector<EntityDescriptionRef> entities);
 
     std::vector<EntityDescriptionRef> entities_;
     std::string versionHash_;

@@ -4,6 +4,7 @@
 #include "Platform/ObjectGraph/FetchRequest.h"
 #include "Platform/ObjectGraph/ObjectGraphError.h"
 #include "Platform/ObjectGraph/ManagedObject.h"
+#include "Platform/ObjectGraph/StoreEvaluation.h"
 #include "Platform/Foundation/Exception.h"
 #include "Platform/Predicates/PredicateSQL.h"
 
@@ -495,87 +496,107 @@ SQLiteStore::EntityWriter& SQLiteStore::writerFor(const EntityDescription& entit
     return *writer;
 }
 
+namespace {
+
+// A property's value in a change's snapshot; nil past its end.
+const Value& snapshotValue(const ObjectSnapshot& snapshot, const PropertyDescription& property)
+{
+    static const Value nil;
+    return property.index() < snapshot.values.size() ? snapshot.values[property.index()] : nil;
+}
+
+}  // namespace
+
 bool SQLiteStore::writeObject(const SaveChanges::Change& change, bool insert, ErrorRef* error)
 {
-    const EntityDescription& entity = change.objectID->entity();
-    EntityWriter& writer = writerFor(entity);
-    const auto& columns = writer.columns;
+    if (!writeRow(change, insert, error)) {
+        return false;
+    }
+    for (const auto& relationship : change.objectID->entity().relationships()) {
+        if (relationship->isToMany() && !isStoredByInverse(*relationship) &&
+            !writeLinks(change, *relationship, insert, error)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// The entity's row: its attributes and to-one columns, and its version.
+bool SQLiteStore::writeRow(const SaveChanges::Change& change, bool insert, ErrorRef* error)
+{
+    EntityWriter& writer = writerFor(change.objectID->entity());
     auto& write = insert ? *writer.insert : *writer.update;
-    {
-        StatementUse use(write);
-        int index = 1;
-        if (insert) {
-            write.bind(index++, change.objectID->primaryKey());
-            write.bind(index++, std::int64_t{1});
+    StatementUse use(write);
+    int index = 1;
+    if (insert) {
+        write.bind(index++, change.objectID->primaryKey());
+        write.bind(index++, std::int64_t{1});
+    } else {
+        write.bind(index++, std::int64_t{0});  // replaced below
+    }
+    for (const auto* property : writer.columns) {
+        const Value& value = snapshotValue(change.snapshot, *property);
+        if (property->isRelationship()) {
+            const auto target = value.objectAs<ManagedObjectID>();
+            write.bind(index++, target ? Value(target->primaryKey()) : Value());
         } else {
-            write.bind(index++, std::int64_t{0});  // replaced below
+            write.bind(index++, value);
         }
-        for (const auto* property : columns) {
-            const Value& value = property->index() < change.snapshot.values.size()
-                                     ? change.snapshot.values[property->index()]
-                                     : Value();
-            if (property->isRelationship()) {
-                const auto target = value.objectAs<ManagedObjectID>();
-                write.bind(index++, target ? Value(target->primaryKey()) : Value());
-            } else {
-                write.bind(index++, value);
+    }
+    if (!insert) {
+        // The version goes up by one from what the store holds, whatever
+        // the change was based on (an overwrite is based on nothing).
+        const auto current = storedVersion(*change.objectID, error);
+        if (!current) {
+            if (error != nullptr && !*error) {
+                setError(error, objectgraph::makeError(NSManagedObjectMergeError, "The object is gone.",
+                                                       change.objectID->description()));
             }
+            return false;
         }
-        if (!insert) {
-            // The version goes up by one from what the store holds, whatever
-            // the change was based on (an overwrite is based on nothing).
-            const auto current = storedVersion(*change.objectID, error);
-            if (!current) {
-                if (error != nullptr && !*error) {
-                    setError(error, objectgraph::makeError(NSManagedObjectMergeError, "The object is gone.",
-                                                           change.objectID->description()));
-                }
-                return false;
-            }
-            write.bind(1, *current + 1);
-            write.bind(index, change.objectID->primaryKey());
-        }
-        if (write.step() != SQLITE_DONE) {
+        write.bind(1, *current + 1);
+        write.bind(index, change.objectID->primaryKey());
+    }
+    if (write.step() != SQLITE_DONE) {
+        setError(error, sqliteError(NSPersistentStoreSaveError, "The store could not be written."));
+        return false;
+    }
+    return true;
+}
+
+// A to-many relationship's link table rows of the object, in order; an
+// update replaces the ones it had.
+bool SQLiteStore::writeLinks(const SaveChanges::Change& change, const RelationshipDescription& relationship,
+                             bool insert, ErrorRef* error)
+{
+    const std::string link = linkTableName(relationship);
+    if (!insert) {
+        auto& clear = statement("DELETE FROM " + link + " WHERE Z_SOURCE = ?");
+        StatementUse use(clear);
+        clear.bind(1, change.objectID->primaryKey());
+        if (clear.step() != SQLITE_DONE) {
             setError(error, sqliteError(NSPersistentStoreSaveError, "The store could not be written."));
             return false;
         }
     }
-    for (const auto& relationship : entity.relationships()) {
-        if (!relationship->isToMany() || isStoredByInverse(*relationship)) {
+    const Array* targets = snapshotValue(change.snapshot, relationship).array();
+    if (targets == nullptr) {
+        return true;
+    }
+    auto& add = statement("INSERT INTO " + link + " (Z_SOURCE, Z_TARGET, Z_ORDER) VALUES (?, ?, ?)");
+    std::int64_t order = 0;
+    for (const auto& target : *targets) {
+        const auto id = target.objectAs<ManagedObjectID>();
+        if (!id) {
             continue;
         }
-        const std::string link = linkTableName(*relationship);
-        if (!insert) {
-            auto& clear = statement("DELETE FROM " + link + " WHERE Z_SOURCE = ?");
-            StatementUse use(clear);
-            clear.bind(1, change.objectID->primaryKey());
-            if (clear.step() != SQLITE_DONE) {
-                setError(error, sqliteError(NSPersistentStoreSaveError, "The store could not be written."));
-                return false;
-            }
-        }
-        const Value& value = relationship->index() < change.snapshot.values.size()
-                                 ? change.snapshot.values[relationship->index()]
-                                 : Value();
-        const Array* targets = value.array();
-        if (targets == nullptr) {
-            continue;
-        }
-        auto& add = statement("INSERT INTO " + link + " (Z_SOURCE, Z_TARGET, Z_ORDER) VALUES (?, ?, ?)");
-        std::int64_t order = 0;
-        for (const auto& target : *targets) {
-            const auto id = target.objectAs<ManagedObjectID>();
-            if (!id) {
-                continue;
-            }
-            StatementUse use(add);
-            add.bind(1, change.objectID->primaryKey());
-            add.bind(2, id->primaryKey());
-            add.bind(3, order++);
-            if (add.step() != SQLITE_DONE) {
-                setError(error, sqliteError(NSPersistentStoreSaveError, "The store could not be written."));
-                return false;
-            }
+        StatementUse use(add);
+        add.bind(1, change.objectID->primaryKey());
+        add.bind(2, id->primaryKey());
+        add.bind(3, order++);
+        if (add.step() != SQLITE_DONE) {
+            setError(error, sqliteError(NSPersistentStoreSaveError, "The store could not be written."));
+            return false;
         }
     }
     return true;
@@ -683,11 +704,11 @@ std::optional<SQLiteStore::Query> SQLiteStore::query(const FetchRequest& request
     try {
         where = request.predicate() ? translator.where(*request.predicate()) : std::string();
         order = counting ? std::string() : translator.orderBy(request.sortDescriptors());
-    } catch (const Exception& exception) {
-        setError(error, objectgraph::makeError(NSPersistentStoreOperationError,
-                                               "The fetch request cannot be run on an SQLite store.",
-                                               exception.reason()));
-        return std::nullopt;
+    } catch (const Exception&) {
+        // What the translator refuses, the in-memory evaluator answers (or
+        // refuses with an error of its own, as for a key the entity lacks).
+        query.inMemory = true;
+        return query;
     }
     const bool limited = request.fetchLimit() != 0 || request.fetchOffset() != 0;
     std::string sql = "SELECT t0.Z_PK FROM " + quoted(entity->name()) + " AS t0" + translator.joins();
@@ -709,12 +730,91 @@ std::optional<SQLiteStore::Query> SQLiteStore::query(const FetchRequest& request
     return query;
 }
 
+// The rows of one in-memory evaluation, loaded as it reaches them (a key path
+// reads related rows) and kept until it ends. A row that is gone reads as no
+// object, as a dangling reference does in the other stores; any other read
+// failure is kept for the fetch to report.
+class SQLiteStore::LoadedRows final : public objectgraph::StoredObjectSource {
+public:
+    explicit LoadedRows(SQLiteStore& store) : StoredObjectSource(store), store_(store) {}
+
+    std::shared_ptr<objectgraph::StoredObject> storedObject(const ManagedObjectID& objectID) const override
+    {
+        if (objectID.isTemporaryID() || objectID.storeIdentifier() != *store_.identifier()) {
+            return nullptr;
+        }
+        const auto key = std::make_pair(&objectID.entity(), objectID.primaryKey());
+        if (const auto found = loaded_.find(key); found != loaded_.end()) {
+            return found->second;
+        }
+        ErrorRef error;
+        auto snapshot = store_.snapshotForObjectWithID(objectID, &error);
+        std::shared_ptr<objectgraph::StoredObject> object;
+        if (snapshot) {
+            object = std::make_shared<objectgraph::StoredObject>(*this, objectID.entity(), objectID.primaryKey(),
+                                                                 std::move(*snapshot));
+        } else if (error && error->code() != NSManagedObjectReferentialIntegrityError && !failure_) {
+            failure_ = error;
+        }
+        loaded_.emplace(key, object);
+        return object;
+    }
+
+    const ErrorRef& failure() const { return failure_; }
+
+private:
+    SQLiteStore& store_;
+    mutable std::map<std::pair<const EntityDescription*, std::int64_t>, std::shared_ptr<objectgraph::StoredObject>>
+        loaded_;
+    mutable ErrorRef failure_;
+};
+
+std::optional<std::vector<ManagedObjectIDRef>> SQLiteStore::fetchInMemory(const EntityDescription& entity,
+                                                                          const FetchRequest& request, ErrorRef* error)
+{
+    // Every row of the entity is a candidate, in primary key order (the
+    // order SQL gives equal sort keys).
+    std::vector<std::int64_t> keys;
+    {
+        auto& select = statement("SELECT Z_PK FROM " + quoted(entity.name()) + " ORDER BY Z_PK");
+        StatementUse use(select);
+        int result;
+        while ((result = select.step()) == SQLITE_ROW) {
+            keys.push_back(select.integer(0));
+        }
+        if (result != SQLITE_DONE) {
+            setError(error, sqliteError(NSCoreDataError, "The store could not be read."));
+            return std::nullopt;
+        }
+    }
+    const LoadedRows rows(*this);
+    std::vector<std::shared_ptr<objectgraph::StoredObject>> candidates;
+    candidates.reserve(keys.size());
+    for (const auto key : keys) {
+        if (auto row = rows.storedObject(*objectIDFor(entity, key))) {
+            candidates.push_back(std::move(row));
+        }
+    }
+    auto selected = rows.select(std::move(candidates), request, error);
+    if (selected && rows.failure()) {
+        setError(error, rows.failure());
+        return std::nullopt;
+    }
+    if (!selected) {
+        return std::nullopt;
+    }
+    return objectgraph::objectIDsOf(*selected);
+}
+
 std::optional<std::vector<ManagedObjectIDRef>> SQLiteStore::fetchObjectIDs(const FetchRequest& request,
                                                                            ErrorRef* error)
 {
     const auto plan = query(request, false, error);
     if (!plan) {
         return std::nullopt;
+    }
+    if (plan->inMemory) {
+        return fetchInMemory(*plan->entity, request, error);
     }
     auto& select = statement(plan->sql);
     StatementUse use(select);
@@ -736,6 +836,10 @@ std::optional<std::size_t> SQLiteStore::count(const FetchRequest& request, Error
     const auto plan = query(request, true, error);
     if (!plan) {
         return std::nullopt;
+    }
+    if (plan->inMemory) {
+        const auto ids = fetchInMemory(*plan->entity, request, error);
+        return ids ? std::optional<std::size_t>(ids->size()) : std::nullopt;
     }
     auto& select = statement(plan->sql);
     StatementUse use(select);

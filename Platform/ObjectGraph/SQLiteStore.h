@@ -26,6 +26,11 @@
 // hash is NSPersistentStoreIncompatibleVersionHashError (the store's and the
 // model's hashes are in the user information); no migration is attempted.
 //
+// Fetches and counts run as SQL. A predicate or sort that the translator
+// cannot say in SQL with the same meaning (PredicateSQL.h) is evaluated in
+// memory over the entity's rows, with the in-memory store's evaluator: the
+// same rows, at the cost of reading every row of the entity.
+//
 // Threading as PersistentStore: the coordinator serialises every call.
 #pragma once
 
@@ -68,13 +73,19 @@ public:
 private:
     class Statement;
     class Mapping;
-    // A fetch or count as SQL, with the values to bind in order.
+    class LoadedRows;
+    // A fetch or count as SQL, with the values to bind in order; or, for a
+    // predicate or sort that SQL cannot say with the same meaning, none, and
+    // the request is evaluated in memory over the entity's rows.
     struct Query {
         const EntityDescription* entity = nullptr;
+        bool inMemory = false;
         std::string sql;
         Array bindings;
     };
     std::optional<Query> query(const FetchRequest& request, bool counting, ErrorRef* error);
+    std::optional<std::vector<ManagedObjectIDRef>> fetchInMemory(const EntityDescription& entity,
+                                                                 const FetchRequest& request, ErrorRef* error);
     explicit SQLiteStore(Configuration configuration);
 
     Statement& statement(const std::string& sql);
@@ -83,6 +94,9 @@ private:
     bool createSchema(ErrorRef* error);
     bool checkMetadata(ErrorRef* error);
     bool writeObject(const SaveChanges::Change& change, bool insert, ErrorRef* error);
+    bool writeRow(const SaveChanges::Change& change, bool insert, ErrorRef* error);
+    bool writeLinks(const SaveChanges::Change& change, const RelationshipDescription& relationship, bool insert,
+                    ErrorRef* error);
     bool deleteObject(const ManagedObjectID& objectID, ErrorRef* error);
     std::optional<std::int64_t> storedVersion(const ManagedObjectID& objectID, ErrorRef* error);
 

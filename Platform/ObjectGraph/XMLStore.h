@@ -33,62 +33,37 @@
 // keys given out but never saved may be given out again after a restart. One
 // process uses a file at a time: the store takes no lock against another.
 //
+// The rows, their saving (conflict checks, and the rollback when the file
+// cannot be written), fetches, counts and primary keys are the in-memory
+// store's; this class only reads the file (`readContents`) and writes it
+// (`writeContents`).
+//
 // Threading: as every PersistentStore, called by its coordinator from one
 // thread at a time.
 #pragma once
 
-#include "Platform/ObjectGraph/PersistentStore.h"
+#include "Platform/ObjectGraph/InMemoryStore.h"
 
-#include <cstdint>
-#include <map>
 #include <memory>
-#include <unordered_map>
 
 namespace platform {
 
-class XMLStore final : public PersistentStore {
+class XMLStore final : public InMemoryStore {
 public:
     static std::shared_ptr<XMLStore> create(Configuration configuration);
 
     std::string_view type() const override { return NSXMLStoreType; }
     std::string className() const override { return "NSXMLStore"; }
 
-    [[nodiscard]] bool load(ErrorRef* error) override;
-    [[nodiscard]] bool save(const SaveChanges& changes, std::vector<ManagedObjectIDRef>* conflicts,
-                            ErrorRef* error) override;
-    [[nodiscard]] std::optional<std::vector<ManagedObjectIDRef>> fetchObjectIDs(const FetchRequest& request,
-                                                                               ErrorRef* error = nullptr) override;
-    [[nodiscard]] std::optional<std::size_t> count(const FetchRequest& request, ErrorRef* error = nullptr) override;
-    [[nodiscard]] std::optional<ObjectSnapshot> snapshotForObjectWithID(const ManagedObjectID& objectID,
-                                                                         ErrorRef* error = nullptr) override;
-    [[nodiscard]] std::optional<std::vector<std::int64_t>> newPrimaryKeys(const EntityDescription& entity,
-                                                                         std::size_t count,
-                                                                         ErrorRef* error = nullptr) override;
-
-    // What predicates see of a stored object; see XMLStore.cpp.
-    class StoredObject;
-
 private:
-    explicit XMLStore(Configuration configuration) : PersistentStore(std::move(configuration)) {}
+    explicit XMLStore(Configuration configuration) : InMemoryStore(std::move(configuration)) {}
 
-    struct EntityTable {
-        std::map<std::int64_t, ObjectSnapshot> objects;  // by primary key
-        std::int64_t nextKey = 1;
-    };
+    [[nodiscard]] bool readContents(ErrorRef* error) override;
+    [[nodiscard]] bool writeContents(ErrorRef* error) override;
 
-    bool read(const Data& contents, ErrorRef* error);
-    // The stored object that an ID, or an object with an "objectID", names
-    // in this store; nothing when it names none.
-    Value storedObject(const Value& idOrObject) const;
-    std::string serialize() const;
-    bool write(ErrorRef* error) const;
-    // The matching primary keys of the request's entity, sorted, before offset and limit.
-    std::optional<std::vector<std::int64_t>> matching(const FetchRequest& request, bool sorted, ErrorRef* error);
-
-    std::unordered_map<const EntityDescription*, EntityTable> tables_;
-    // Key-value coding of stored objects, per entity: getters by property index.
-    std::unordered_map<const EntityDescription*, PropertyTable> propertyTables_;
-    bool loaded_ = false;
+    // The file's reading and writing, step by step; see XMLStore.cpp.
+    class Reader;
+    class Writer;
 };
 
 }  // namespace platform

@@ -398,156 +398,198 @@ std::string PredicateSQLTranslator::leaf(const std::string& left, bool objectRef
                                          unsigned options)
 {
     if (right.isColumn) {
-        const std::string l = fold(left, options);
-        const std::string r = fold(right.column, options);
-        const std::string sameKind = kindOf(left) + " = " + kindOf(right.column);
-        if (type == Op::EqualTo || type == Op::NotEqualTo) {
-            const std::string equal = "(" + l + " IS " + r + " AND " + sameKind + ")";
-            return type == Op::EqualTo ? equal : "(NOT " + equal + ")";
-        }
-        if (isOrdering(type)) {
-            return "(" + l + sqlOperator(type) + r + " AND " + sameKind + " AND typeof(" + left +
-                ") IN ('integer', 'real', 'text'))";
-        }
-        unsupported("this operator between two key paths");
+        return columnsCompared(left, right.column, type, options);
     }
-
-    // Objects are compared by their rows' primary keys; an object of no row
-    // of this store equals nothing.
-    const auto constantFor = [&](const Value& value) -> std::optional<Value> {
-        if (!value.object()) {
-            return value;
-        }
-        if (!objectReference) {
-            return std::nullopt;
-        }
-        return mapping_.primaryKeyForObject(value);
-    };
-    const Value& constant = right.constant;
-    const auto folded = [&](const Value& value) {
-        return value.isString() && options ? Value(internal::foldString(*value.string(), options)) : value;
-    };
-    const auto lhsFor = [&](const Value& value) { return value.isString() ? fold(left, options) : left; };
-
     switch (type) {
     case Op::EqualTo:
-    case Op::NotEqualTo: {
-        std::string equal;
-        const auto value = constantFor(constant);
-        if (!value || internal::collectionElements(*value)) {
-            equal = "0";
-        } else if (internal::isNil(*value)) {
-            equal = left + " IS NULL";
-        } else {
-            equal = "(" + lhsFor(*value) + " IS " + bind(folded(*value)) + " AND " + guard(*value, left) + ")";
-        }
-        return type == Op::EqualTo ? equal : "(NOT " + equal + ")";
-    }
+    case Op::NotEqualTo: return equality(left, objectReference, right.constant, type, options);
     case Op::LessThan:
     case Op::LessThanOrEqualTo:
     case Op::GreaterThan:
-    case Op::GreaterThanOrEqualTo: {
-        if (guard(constant, left).empty() || constant.object()) {
-            return "0";
-        }
-        return "(" + lhsFor(constant) + sqlOperator(type) + bind(folded(constant)) + " AND " + guard(constant, left) + ")";
-    }
-    case Op::Between: {
-        const auto bounds = internal::collectionElements(constant);
-        if (!bounds || bounds->size() != 2) {
-            return "0";
-        }
-        const Value& low = (*bounds)[0];
-        const Value& high = (*bounds)[1];
-        const std::string lowGuard = guard(low, left);
-        if (lowGuard.empty() || lowGuard != guard(high, left) || low.object() || high.object()) {
-            return "0";
-        }
-        // Bound one statement at a time: the operands of "+" have no order.
-        const std::string l = lhsFor(low);
-        const std::string lowBound = bind(folded(low));
-        const std::string highBound = bind(folded(high));
-        return "(" + l + " >= " + lowBound + " AND " + l + " <= " + highBound + " AND " + lowGuard + ")";
-    }
-    case Op::In: {
-        if (constant.isString()) {
-            return "(instr(" + bind(folded(constant)) + ", " + fold(left, options) + ") > 0 AND typeof(" + left +
-                ") = 'text')";
-        }
-        const auto elements = internal::collectionElements(constant);
-        if (!elements) {
-            return "0";
-        }
-        // One IN list per kind, each with its kind's guard, so that no list
-        // holds a NULL and no element meets a value of another kind.
-        Array numbers, strings, others;
-        bool hasNil = false;
-        for (const auto& element : *elements) {
-            const auto value = constantFor(element);
-            if (!value) {
-                continue;
-            }
-            if (internal::isNil(*value)) {
-                hasNil = true;
-            } else if (value->isNumber()) {
-                numbers.push_back(*value);
-            } else if (value->isString()) {
-                strings.push_back(folded(*value));
-            } else if (!guard(*value, left).empty()) {
-                others.push_back(*value);
-            }
-        }
-        std::vector<std::string> terms;
-        const auto list = [&](const Array& values, const std::string& lhs, const std::string& kindGuard) {
-            if (values.empty()) {
-                return;
-            }
-            std::string text = "(" + lhs + " IN (";
-            for (std::size_t index = 0; index < values.size(); ++index) {
-                text += (index ? ", " : "") + bind(values[index]);
-            }
-            terms.push_back(text + ") AND " + kindGuard + ")");
-        };
-        list(numbers, left, guard(Value(0), left));
-        list(strings, fold(left, options), guard(Value(""), left));
-        list(others, left, left + " IS NOT NULL");
-        if (hasNil) {
-            terms.push_back(left + " IS NULL");
-        }
-        if (terms.empty()) {
-            return "0";
-        }
-        std::string text = "(";
-        for (std::size_t index = 0; index < terms.size(); ++index) {
-            text += (index ? " OR " : "") + terms[index];
-        }
-        return text + ")";
-    }
-    case Op::Matches:
-        if (!constant.isString()) {
-            return "0";
-        }
-        return "(regexp(" + bind(constant) + ", " + left + ", " + std::to_string(options) + ") AND typeof(" + left +
-            ") = 'text')";
+    case Op::GreaterThanOrEqualTo: return ordering(left, right.constant, type, options);
+    case Op::Between: return between(left, right.constant, options);
+    case Op::In: return membership(left, objectReference, right.constant, options);
+    case Op::Matches: return regexMatch(left, right.constant, options);
     case Op::BeginsWith:
     case Op::EndsWith:
     case Op::Contains:
-    case Op::Like: {
-        if (!constant.isString()) {
-            return "0";
-        }
-        std::string pattern;
-        const std::string part = internal::foldString(*constant.string(), options);
-        switch (type) {
-        case Op::BeginsWith: pattern = internal::escapeGlob(part) + "*"; break;
-        case Op::EndsWith: pattern = "*" + internal::escapeGlob(part); break;
-        case Op::Contains: pattern = "*" + internal::escapeGlob(part) + "*"; break;
-        default: pattern = internal::LikePattern::parse(*constant.string(), options).globPattern(); break;
-        }
-        return "(" + fold(left, options) + " GLOB " + bind(pattern) + " AND typeof(" + left + ") = 'text')";
-    }
+    case Op::Like: return stringMatch(left, right.constant, type, options);
     }
     unsupported("an unknown operator");
+}
+
+namespace {
+
+// A string constant as the folded column it meets: folded the same way.
+Value folded(const Value& value, unsigned options)
+{
+    return value.isString() && options ? Value(internal::foldString(*value.string(), options)) : value;
+}
+
+// The column as it meets `value`: folded when that is a string.
+std::string columnFor(const std::string& column, const Value& value, unsigned options)
+{
+    return value.isString() ? fold(column, options) : column;
+}
+
+}  // namespace
+
+// Objects are compared by their rows' primary keys; an object of no row of
+// this store (or met by a column that holds no reference) equals nothing.
+std::optional<Value> PredicateSQLTranslator::constantFor(const Value& value, bool objectReference) const
+{
+    if (!value.object()) {
+        return value;
+    }
+    if (!objectReference) {
+        return std::nullopt;
+    }
+    return mapping_.primaryKeyForObject(value);
+}
+
+std::string PredicateSQLTranslator::columnsCompared(const std::string& left, const std::string& right, Op type,
+                                                    unsigned options)
+{
+    const std::string l = fold(left, options);
+    const std::string r = fold(right, options);
+    const std::string sameKind = kindOf(left) + " = " + kindOf(right);
+    if (type == Op::EqualTo || type == Op::NotEqualTo) {
+        const std::string equal = "(" + l + " IS " + r + " AND " + sameKind + ")";
+        return type == Op::EqualTo ? equal : "(NOT " + equal + ")";
+    }
+    if (isOrdering(type)) {
+        return "(" + l + sqlOperator(type) + r + " AND " + sameKind + " AND typeof(" + left +
+            ") IN ('integer', 'real', 'text'))";
+    }
+    unsupported("this operator between two key paths");
+}
+
+std::string PredicateSQLTranslator::equality(const std::string& left, bool objectReference, const Value& constant,
+                                             Op type, unsigned options)
+{
+    std::string equal;
+    const auto value = constantFor(constant, objectReference);
+    if (!value || internal::collectionElements(*value)) {
+        equal = "0";
+    } else if (internal::isNil(*value)) {
+        equal = left + " IS NULL";
+    } else {
+        equal = "(" + columnFor(left, *value, options) + " IS " + bind(folded(*value, options)) + " AND " +
+            guard(*value, left) + ")";
+    }
+    return type == Op::EqualTo ? equal : "(NOT " + equal + ")";
+}
+
+std::string PredicateSQLTranslator::ordering(const std::string& left, const Value& constant, Op type, unsigned options)
+{
+    if (guard(constant, left).empty() || constant.object()) {
+        return "0";
+    }
+    return "(" + columnFor(left, constant, options) + sqlOperator(type) + bind(folded(constant, options)) + " AND " +
+        guard(constant, left) + ")";
+}
+
+std::string PredicateSQLTranslator::between(const std::string& left, const Value& constant, unsigned options)
+{
+    const auto bounds = internal::collectionElements(constant);
+    if (!bounds || bounds->size() != 2) {
+        return "0";
+    }
+    const Value& low = (*bounds)[0];
+    const Value& high = (*bounds)[1];
+    const std::string lowGuard = guard(low, left);
+    if (lowGuard.empty() || lowGuard != guard(high, left) || low.object() || high.object()) {
+        return "0";
+    }
+    // Bound one statement at a time: the operands of "+" have no order.
+    const std::string l = columnFor(left, low, options);
+    const std::string lowBound = bind(folded(low, options));
+    const std::string highBound = bind(folded(high, options));
+    return "(" + l + " >= " + lowBound + " AND " + l + " <= " + highBound + " AND " + lowGuard + ")";
+}
+
+std::string PredicateSQLTranslator::membership(const std::string& left, bool objectReference, const Value& constant,
+                                               unsigned options)
+{
+    if (constant.isString()) {
+        return "(instr(" + bind(folded(constant, options)) + ", " + fold(left, options) + ") > 0 AND typeof(" + left +
+            ") = 'text')";
+    }
+    const auto elements = internal::collectionElements(constant);
+    if (!elements) {
+        return "0";
+    }
+    // One IN list per kind, each with its kind's guard, so that no list
+    // holds a NULL and no element meets a value of another kind.
+    Array numbers, strings, others;
+    bool hasNil = false;
+    for (const auto& element : *elements) {
+        const auto value = constantFor(element, objectReference);
+        if (!value) {
+            continue;
+        }
+        if (internal::isNil(*value)) {
+            hasNil = true;
+        } else if (value->isNumber()) {
+            numbers.push_back(*value);
+        } else if (value->isString()) {
+            strings.push_back(folded(*value, options));
+        } else if (!guard(*value, left).empty()) {
+            others.push_back(*value);
+        }
+    }
+    std::vector<std::string> terms;
+    const auto list = [&](const Array& values, const std::string& lhs, const std::string& kindGuard) {
+        if (values.empty()) {
+            return;
+        }
+        std::string text = "(" + lhs + " IN (";
+        for (std::size_t index = 0; index < values.size(); ++index) {
+            text += (index ? ", " : "") + bind(values[index]);
+        }
+        terms.push_back(text + ") AND " + kindGuard + ")");
+    };
+    list(numbers, left, guard(Value(0), left));
+    list(strings, fold(left, options), guard(Value(""), left));
+    list(others, left, left + " IS NOT NULL");
+    if (hasNil) {
+        terms.push_back(left + " IS NULL");
+    }
+    if (terms.empty()) {
+        return "0";
+    }
+    std::string text = "(";
+    for (std::size_t index = 0; index < terms.size(); ++index) {
+        text += (index ? " OR " : "") + terms[index];
+    }
+    return text + ")";
+}
+
+std::string PredicateSQLTranslator::regexMatch(const std::string& left, const Value& constant, unsigned options)
+{
+    if (!constant.isString()) {
+        return "0";
+    }
+    return "(regexp(" + bind(constant) + ", " + left + ", " + std::to_string(options) + ") AND typeof(" + left +
+        ") = 'text')";
+}
+
+// BEGINSWITH, ENDSWITH, CONTAINS and LIKE as GLOB, the constant escaped.
+std::string PredicateSQLTranslator::stringMatch(const std::string& left, const Value& constant, Op type,
+                                                unsigned options)
+{
+    if (!constant.isString()) {
+        return "0";
+    }
+    std::string pattern;
+    const std::string part = internal::foldString(*constant.string(), options);
+    switch (type) {
+    case Op::BeginsWith: pattern = internal::escapeGlob(part) + "*"; break;
+    case Op::EndsWith: pattern = "*" + internal::escapeGlob(part); break;
+    case Op::Contains: pattern = "*" + internal::escapeGlob(part) + "*"; break;
+    default: pattern = internal::LikePattern::parse(*constant.string(), options).globPattern(); break;
+    }
+    return "(" + fold(left, options) + " GLOB " + bind(pattern) + " AND typeof(" + left + ") = 'text')";
 }
 
 std::string PredicateSQLTranslator::orderBy(const std::vector<SortDescriptor>& descriptors)

@@ -124,6 +124,20 @@ private:
                          ComparisonPredicate::Operator type, unsigned options);
     std::string leaf(const std::string& left, bool objectReference, const Operand& right,
                      ComparisonPredicate::Operator type, unsigned options);
+    // The operator families of `leaf`: two columns; a column and a constant
+    // by equality, ordering, BETWEEN, IN, MATCHES, and the string operators.
+    std::string columnsCompared(const std::string& left, const std::string& right, ComparisonPredicate::Operator type,
+                                unsigned options);
+    std::string equality(const std::string& left, bool objectReference, const Value& constant,
+                         ComparisonPredicate::Operator type, unsigned options);
+    std::string ordering(const std::string& left, const Value& constant, ComparisonPredicate::Operator type,
+                         unsigned options);
+    std::string between(const std::string& left, const Value& constant, unsigned options);
+    std::string membership(const std::string& left, bool objectReference, const Value& constant, unsigned options);
+    std::string regexMatch(const std::string& left, const Value& constant, unsigned options);
+    std::string stringMatch(const std::string& left, const Value& constant, ComparisonPredicate::Operator type,
+                            unsigned options);
+    std::optional<Value> constantFor(const Value& value, bool objectReference) const;
     std::string bind(Value value);
     Operand operand(const Expression& expression);
 

@@ -84,6 +84,12 @@ TEST_P(Fetching, PredicatesSelectTheSameObjectsInEveryStore)
         {"Department", "ANY employees.level > 4", {}, {"Sales"}},
         {"Department", "ALL employees.level >= 3", {}, {"R&D", "Sales"}},
         {"Department", "%K CONTAINS %@", {"name", "&"}, {"R&D"}},
+        // No SQL says these with the same meaning (a string operator with the
+        // key path on the right, or between two key paths): the SQLite store
+        // evaluates them in memory.
+        {"Employee", "'Ada Lovelace' BEGINSWITH name", {}, {"Ada"}},
+        {"Employee", "'R&D and Sales' CONTAINS department.name", {}, {"Ada", "Bob", "Eve"}},
+        {"Employee", "mentor.name ENDSWITH[c] 'A' OR name ENDSWITH mentor.name", {}, {"Bob"}},
     };
     auto context = rootContext();
     for (const auto& row : rows) {
@@ -97,6 +103,18 @@ TEST_P(Fetching, PredicatesSelectTheSameObjectsInEveryStore)
         EXPECT_EQ(context->countForFetchRequest(*request), row.expected.size());
     }
     EXPECT_EQ(fetchAll(context, "Employee").size(), 5u);
+
+    // A key the entity does not have is an error in every store, also where
+    // the SQLite store falls back to evaluating in memory.
+    for (const auto* format : {"salary > 1", "'x' BEGINSWITH salary"}) {
+        SCOPED_TRACE(format);
+        auto unknown = FetchRequest::fetchRequestWithEntityName("Employee");
+        unknown->setPredicate(Predicate::predicateWithFormat(format));
+        ErrorRef error;
+        EXPECT_FALSE(context->executeFetchRequest(*unknown, &error));
+        ASSERT_TRUE(error);
+        EXPECT_EQ(error->code(), NSPersistentStoreOperationError);
+    }
 
     // An object as a constant matches the rows of that object.
     auto request = FetchRequest::fetchRequestWithEntityName("Department");

@@ -4,6 +4,7 @@
 #include "Platform/Foundation/Exception.h"
 #include "Platform/ObjectGraph/ManagedObjectID.h"
 #include "Platform/ObjectGraph/ObjectGraphError.h"
+#include "tests/Platform/ObjectGraph/ObjectGraphFixture.h"
 #include "tests/Support/RunProgram.h"
 
 #include <gmock/gmock.h>
@@ -17,45 +18,7 @@ using testing::HasSubstr;
 
 namespace {
 
-// Every feature of the format once: each attribute type, optional and not,
-// defaults, an index, to-one, to-many and ordered to-many with inverses and
-// each delete rule, and a class name of its own.
-constexpr std::string_view kCompanyModel = R"({
-  "format": "zarvo-object-model",
-  "formatVersion": 1,
-  "entities": [
-    {
-      "name": "Department",
-      "attributes": [
-        {"name": "name", "type": "string", "optional": false, "indexed": true},
-        {"name": "budget", "type": "double", "default": 1000}
-      ],
-      "relationships": [
-        {"name": "employees", "destination": "Employee", "inverse": "department",
-         "toMany": true, "deleteRule": "cascade"},
-        {"name": "rota", "destination": "Employee", "inverse": "rotaOf",
-         "toMany": true, "ordered": true, "deleteRule": "deny"}
-      ]
-    },
-    {
-      "name": "Employee",
-      "class": "StaffMember",
-      "attributes": [
-        {"name": "name", "type": "string", "default": "unnamed"},
-        {"name": "level", "type": "integer16", "default": 3},
-        {"name": "badge", "type": "integer32"},
-        {"name": "serial", "type": "integer64", "optional": false},
-        {"name": "active", "type": "boolean", "default": true},
-        {"name": "hired", "type": "date", "default": 86400},
-        {"name": "photo", "type": "binary"}
-      ],
-      "relationships": [
-        {"name": "department", "destination": "Department", "inverse": "employees"},
-        {"name": "rotaOf", "destination": "Department", "inverse": "rota", "deleteRule": "noAction"}
-      ]
-    }
-  ]
-})";
+constexpr std::string_view kCompanyModel = objectgraphtest::kCompanyModelText;
 
 ManagedObjectModelRef readModel(std::string_view text, ErrorRef* error = nullptr)
 {
@@ -80,7 +43,7 @@ TEST(ManagedObjectModelFileTest, ReadsEveryKindOfPropertyWithItsOptions)
 
     const EntityDescription* employee = model->entityNamed("Employee");
     ASSERT_NE(employee, nullptr);
-    EXPECT_EQ(employee->managedObjectClassName(), "StaffMember");
+    EXPECT_EQ(employee->managedObjectClassName(), "CompanyEmployee");
     EXPECT_EQ(model->entityNamed("Department")->managedObjectClassName(), "Department");
 
     struct Row {
@@ -90,12 +53,12 @@ TEST(ManagedObjectModelFileTest, ReadsEveryKindOfPropertyWithItsOptions)
         Value defaultValue;
     };
     const Row rows[] = {
-        {"name", AttributeType::String, true, "unnamed"},
+        {"name", AttributeType::String, true, {}},
         {"level", AttributeType::Integer16, true, 3},
         {"badge", AttributeType::Integer32, true, {}},
-        {"serial", AttributeType::Integer64, false, {}},
+        {"serial", AttributeType::Integer64, true, {}},
         {"active", AttributeType::Boolean, true, true},
-        {"hired", AttributeType::Date, true, Date(86400)},
+        {"hired", AttributeType::Date, true, Date(-86400)},
         {"photo", AttributeType::Binary, true, {}},
     };
     for (const auto& row : rows) {
@@ -110,6 +73,7 @@ TEST(ManagedObjectModelFileTest, ReadsEveryKindOfPropertyWithItsOptions)
     // A whole-number default of a double attribute is a double.
     EXPECT_EQ(model->entityNamed("Department")->attributeNamed("budget")->defaultValue().kind(), Value::Kind::Double);
     EXPECT_TRUE(model->entityNamed("Department")->attributeNamed("name")->isIndexed());
+    EXPECT_FALSE(model->entityNamed("Department")->attributeNamed("name")->isOptional());
     EXPECT_FALSE(employee->attributeNamed("name")->isIndexed());
 
     const EntityDescription* department = model->entityNamed("Department");
@@ -127,10 +91,12 @@ TEST(ManagedObjectModelFileTest, ReadsEveryKindOfPropertyWithItsOptions)
     EXPECT_EQ(employees->deleteRule(), DeleteRule::Cascade);
     EXPECT_EQ(rota->deleteRule(), DeleteRule::Deny);
     EXPECT_EQ(worksIn->deleteRule(), DeleteRule::Nullify);
-    EXPECT_EQ(employee->relationshipNamed("rotaOf")->deleteRule(), DeleteRule::NoAction);
+    EXPECT_EQ(employee->relationshipNamed("rotaOf")->deleteRule(), DeleteRule::Nullify);
+    EXPECT_EQ(employee->relationshipNamed("mentor")->deleteRule(), DeleteRule::NoAction);
+    EXPECT_EQ(employee->relationshipNamed("mentor")->inverseRelationship(), nullptr);
 
     // Attributes come first in the property order, then relationships.
-    ASSERT_EQ(employee->properties().size(), 9u);
+    ASSERT_EQ(employee->properties().size(), 10u);
     EXPECT_EQ(employee->properties()[7]->name(), "department");
     EXPECT_EQ(worksIn->index(), 7u);
     EXPECT_EQ(employee->propertyNamed("photo")->index(), 6u);
@@ -153,8 +119,8 @@ TEST(ManagedObjectModelFileTest, WrittenTextReadsBackAsTheSameModel)
     EXPECT_EQ(again->versionHash(), model->versionHash());
     EXPECT_EQ(again->JSONText(), model->JSONText());
     const auto* hired = again->entityNamed("Employee")->attributeNamed("hired");
-    EXPECT_EQ(hired->defaultValue(), Value(Date(86400)));
-    EXPECT_EQ(again->entityNamed("Employee")->managedObjectClassName(), "StaffMember");
+    EXPECT_EQ(hired->defaultValue(), Value(Date(-86400)));
+    EXPECT_EQ(again->entityNamed("Employee")->managedObjectClassName(), "CompanyEmployee");
     EXPECT_EQ(again->entityNamed("Department")->relationshipNamed("rota")->deleteRule(), DeleteRule::Deny);
 }
 
@@ -172,7 +138,7 @@ TEST(ManagedObjectModelFileTest, VersionHashFollowsTheLayoutOfTheDataOnly)
     };
     const Row rows[] = {
         {"optionality", R"("type": "integer32")", R"("type": "integer32", "optional": false)", false},
-        {"default", R"("default": "unnamed")", R"("default": "someone")", false},
+        {"default", R"("default": 1000)", R"("default": 2000)", false},
         {"index", R"("indexed": true)", R"("indexed": false)", false},
         {"delete rule", R"("deleteRule": "cascade")", R"("deleteRule": "nullify")", false},
         {"attribute type", R"("name": "badge", "type": "integer32")", R"("name": "badge", "type": "integer64")", true},
@@ -205,7 +171,8 @@ TEST(ManagedObjectModelFileTest, VersionHashFollowsTheLayoutOfTheDataOnly)
          AttributeDescription::create("serial", AttributeType::Integer64),
          AttributeDescription::create("active", AttributeType::Boolean),
          AttributeDescription::create("hired", AttributeType::Date)},
-        {RelationshipDescription::create("rotaOf", "Department", {.inverse = "rota"}),
+        {RelationshipDescription::create("mentor", "Employee", {}),
+         RelationshipDescription::create("rotaOf", "Department", {.inverse = "rota"}),
          RelationshipDescription::create("department", "Department", {.inverse = "employees"})});
     const auto built = ManagedObjectModel::create({employee, reordered});
     ASSERT_NE(built, nullptr);
@@ -226,7 +193,8 @@ TEST(ManagedObjectModelFileTest, BadFilesAreRefusedNamingThePlace)
         {"nested without end", std::string(100000, '[') + std::string(100000, ']'), "nested deeper"},
         {"format name", replaced(model, "zarvo-object-model", "other"), "format"},
         {"format version", replaced(model, R"("formatVersion": 1)", R"("formatVersion": 2)"), "formatVersion"},
-        {"unknown key", replaced(model, R"("class": "StaffMember",)", R"("klass": "StaffMember",)"), "entities[1].klass"},
+        {"unknown key", replaced(model, R"("class": "CompanyEmployee",)", R"("klass": "CompanyEmployee",)"),
+         "entities[1].klass"},
         {"unknown type", replaced(model, R"("type": "integer32")", R"("type": "int")"),
          "entities[1].attributes[2].type"},
         {"default of the wrong type", replaced(model, R"("default": 3)", R"("default": "three")"),
@@ -239,7 +207,7 @@ TEST(ManagedObjectModelFileTest, BadFilesAreRefusedNamingThePlace)
         {"flag not a boolean", replaced(model, R"("optional": false, "indexed")", R"("optional": 0, "indexed")"),
          "entities[0].attributes[0].optional"},
         {"name missing", replaced(model, R"({"name": "budget", )", "{"), "entities[0].attributes[1].name"},
-        {"ordered to-one", replaced(model, R"("inverse": "rota", "deleteRule")", R"("inverse": "rota", "ordered": true, "deleteRule")"),
+        {"ordered to-one", replaced(model, R"("inverse": "rota"})", R"("inverse": "rota", "ordered": true})"),
          "entities[1].relationships[1].ordered"},
         {"unknown delete rule", replaced(model, R"("deleteRule": "deny")", R"("deleteRule": "refuse")"),
          "entities[0].relationships[1].deleteRule"},
@@ -248,7 +216,7 @@ TEST(ManagedObjectModelFileTest, BadFilesAreRefusedNamingThePlace)
          "relationship employees: no entity named \"Staff\""},
         {"inverse missing", replaced(model, R"("inverse": "rotaOf")", R"("inverse": "rotaFor")"),
          "Employee.rotaFor does not exist"},
-        {"inverse not pointing back", replaced(model, R"("inverse": "rota", )", R"("inverse": "employees", )"),
+        {"inverse not pointing back", replaced(model, R"("inverse": "rota"})", R"("inverse": "employees"})"),
          "does not name it back"},
         {"duplicate property", replaced(model, R"("name": "badge")", R"("name": "level")"),
          "the property level is defined twice"},

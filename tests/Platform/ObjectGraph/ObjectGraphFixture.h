@@ -8,6 +8,7 @@
 #include "Platform/ObjectGraph/ObjectGraphError.h"
 #include "Platform/ObjectGraph/PersistentStoreCoordinator.h"
 #include "tests/Support/RunProgram.h"
+#include "tests/Support/StoreTypes.h"
 
 #include <gtest/gtest.h>
 
@@ -30,9 +31,13 @@ inline void PrintTo(const Value& value, std::ostream* stream)
 
 namespace objectgraphtest {
 
-// Departments own their employees (cascade) and keep a rota that denies
-// their deletion while it names anyone; an employee's mentor is left
-// dangling when the mentor goes (no action).
+// Every feature of the model file once, for the model's own tests and the
+// behaviour tables alike: each attribute type, optional and not, defaults,
+// an index, to-one, to-many and ordered to-many with inverses, each delete
+// rule, and a class name that no class is registered under (so employees are
+// generic managed objects). Departments own their employees (cascade) and
+// keep a rota that denies their deletion while it names anyone; an
+// employee's mentor is left dangling when the mentor goes (no action).
 inline constexpr std::string_view kCompanyModelText = R"({
   "format": "zarvo-object-model",
   "formatVersion": 1,
@@ -52,12 +57,14 @@ inline constexpr std::string_view kCompanyModelText = R"({
     },
     {
       "name": "Employee",
+      "class": "CompanyEmployee",
       "attributes": [
         {"name": "name", "type": "string"},
         {"name": "level", "type": "integer16", "default": 3},
+        {"name": "badge", "type": "integer32"},
         {"name": "serial", "type": "integer64"},
         {"name": "active", "type": "boolean", "default": true},
-        {"name": "hired", "type": "date"},
+        {"name": "hired", "type": "date", "default": -86400},
         {"name": "photo", "type": "binary"}
       ],
       "relationships": [
@@ -75,12 +82,7 @@ inline platform::ManagedObjectModelRef companyModel()
     return model;
 }
 
-// The store types every behaviour runs against; a new type joins here.
-inline std::vector<std::string> storeTypes()
-{
-    return {std::string(platform::NSInMemoryStoreType), std::string(platform::NSSQLiteStoreType),
-            std::string(platform::NSXMLStoreType)};
-}
+using testsupport::storeTypes;
 
 inline std::string storeFileName(const std::string& type)
 {

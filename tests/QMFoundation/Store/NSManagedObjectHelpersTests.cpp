@@ -7,6 +7,7 @@
 #include "QMFoundation/Store/QMCoreDataStoreManager.h"
 #include "tests/QMFoundation/Store/StoreTestBundle.h"
 #include "tests/Support/AssertionCapture.h"
+#include "tests/Support/StoreTypes.h"
 
 #include <gtest/gtest.h>
 
@@ -26,7 +27,7 @@ std::vector<std::string> titles(const std::optional<std::vector<ManagedObjectRef
     return result;
 }
 
-class NSManagedObjectHelpers : public testing::TestWithParam<std::string_view> {
+class NSManagedObjectHelpers : public testing::TestWithParam<std::string> {
 protected:
     void SetUp() override
     {
@@ -119,9 +120,8 @@ TEST_P(NSManagedObjectHelpers, RelationshipObjectsAndPreloadingAlongKeyPaths)
 }
 
 INSTANTIATE_TEST_SUITE_P(AllStoreTypes, NSManagedObjectHelpers,
-                         testing::Values(platform::NSSQLiteStoreType, platform::NSXMLStoreType,
-                                         platform::NSInMemoryStoreType),
-                         [](const auto& row) { return std::string(row.param); });
+                         testing::ValuesIn(testsupport::storeTypes()),
+                         [](const auto& row) { return row.param; });
 
 TEST(NSManagedObjectQMCoreDataStore, TheConvenienceLayerWorksOnTheDefaultStoresMainContext)
 {

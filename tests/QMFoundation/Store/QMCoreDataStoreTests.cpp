@@ -6,6 +6,7 @@
 #include "QMFoundation/Store/QMCoreDataStore.h"
 #include "QMFoundation/Store/QMCoreDataStoreManager.h"
 #include "tests/QMFoundation/Store/StoreTestBundle.h"
+#include "tests/Support/StoreTypes.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -49,7 +50,7 @@ std::size_t notesInStore(const QMCoreDataStore& store)
     return count.value_or(9999);
 }
 
-class QMCoreDataStoreByType : public testing::TestWithParam<std::string_view> {
+class QMCoreDataStoreByType : public testing::TestWithParam<std::string> {
 protected:
     QMCoreDataStoreRef makeStore(std::optional<platform::URL> storeURL = std::nullopt)
     {
@@ -162,9 +163,8 @@ TEST_P(QMCoreDataStoreByType, DeletingTheStoreFile)
 }
 
 INSTANTIATE_TEST_SUITE_P(AllStoreTypes, QMCoreDataStoreByType,
-                         testing::Values(platform::NSSQLiteStoreType, platform::NSXMLStoreType,
-                                         platform::NSInMemoryStoreType),
-                         [](const auto& row) { return std::string(row.param); });
+                         testing::ValuesIn(testsupport::storeTypes()),
+                         [](const auto& row) { return row.param; });
 
 TEST(QMCoreDataStore, RebuildNeverPairsTheOldWriteAheadLogWithTheNewFile)
 {
