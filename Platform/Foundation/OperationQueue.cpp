@@ -115,7 +115,7 @@ void OperationQueue::addOperationWithBlock(std::function<void()> block)
 std::vector<OperationRef> OperationQueue::operations() const
 {
     std::lock_guard lock(mutex_);
-    return operations_;
+    return {operations_.begin(), operations_.end()};
 }
 
 std::size_t OperationQueue::operationCount() const
@@ -179,6 +179,7 @@ void OperationQueue::schedule()
     std::vector<OperationRef> startable;
     std::shared_ptr<OperationQueue> self;
     std::function<void()> servicing;
+    bool handedOut = false;
     {
         std::lock_guard lock(mutex_);
         if (suspended_ || operations_.empty()) {
@@ -211,10 +212,14 @@ void OperationQueue::schedule()
                 dispatched_.push_back(operation.get());
             }
         }
+        handedOut = !isMain_ && !startable.empty();
         servicing = servicingWaker_;
     }
-    // A thread that waits for the queue may take these on itself.
-    changed_.notify_all();
+    // A thread that waits for the queue may take these on itself. An
+    // operation that the ending one's thread goes on with is no news to it.
+    if (handedOut) {
+        changed_.notify_all();
+    }
     if (servicing) {
         servicing();  // the servicing thread runs them; no worker is woken
         return;
@@ -324,15 +329,26 @@ void OperationQueue::execute(const OperationRef& operation)
 void OperationQueue::operationDidEnd(const Operation& operation)
 {
     std::shared_ptr<OperationQueue> released;  // may be the last reference: dropped on the way out
+    bool emptied = false;
     {
         std::lock_guard lock(mutex_);
-        std::erase_if(operations_, [&](const OperationRef& held) { return held.get() == &operation; });
+        const auto held = std::find_if(operations_.begin(), operations_.end(),
+                                       [&](const OperationRef& candidate) { return candidate.get() == &operation; });
+        if (held != operations_.end()) {
+            operations_.erase(held);
+        }
         std::erase(started_, &operation);
-        if (operations_.empty()) {
+        emptied = operations_.empty();
+        if (emptied) {
             released = std::move(keepAlive_);
         }
     }
-    changed_.notify_all();
+    // Waiters wait for the queue to empty or for an operation handed out,
+    // which `schedule` announces; waking them for every end would cost a
+    // thread switch per operation.
+    if (emptied) {
+        changed_.notify_all();
+    }
     Continuation* continuation = currentContinuation;
     const bool inOwnJob = continuation != nullptr && continuation->queue == this;
     if (inOwnJob) {

@@ -33,6 +33,7 @@
 
 #include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -114,7 +115,9 @@ private:
     Guarded<std::string> name_;  // tied to nothing else; never touched while `mutex_` is held
     mutable std::mutex mutex_;  // guards the fields below
     std::condition_variable changed_;  // an operation ended or was handed out
-    std::vector<OperationRef> operations_;  // in the order they were added
+    // In the order they were added. Operations mostly end near the front, which
+    // a deque gives up without moving the rest (thousands, when a batch is queued).
+    std::deque<OperationRef> operations_;
     std::vector<const Operation*> started_;
     std::vector<const Operation*> dispatched_;  // due, not begun yet, in order
     std::function<void()> servicingWaker_;

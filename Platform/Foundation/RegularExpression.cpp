@@ -5,6 +5,9 @@
 
 #include <pcre2.h>
 
+#include <algorithm>
+#include <memory>
+
 namespace platform {
 namespace {
 
@@ -57,6 +60,21 @@ pcre2_compile_context* compileContext()
 struct MatchDataDeleter {
     void operator()(pcre2_match_data* data) const { pcre2_match_data_free(data); }
 };
+
+// The calling thread's match data, with room for at least `pairs` offset
+// pairs, reused by every match the thread runs. PCRE2 keeps its backtracking
+// frames in the match data (20 KiB and more, allocated at the first match),
+// so match data made per call cost a large allocation and release per match:
+// a URL parse spent most of its time there. Nothing calls out while a match
+// runs, so one per thread is enough.
+pcre2_match_data* threadMatchData(std::uint32_t pairs)
+{
+    thread_local std::unique_ptr<pcre2_match_data, MatchDataDeleter> data;
+    if (!data || pcre2_get_ovector_count(data.get()) < pairs) {
+        data.reset(pcre2_match_data_create(pairs, nullptr));
+    }
+    return data.get();
+}
 
 }  // namespace
 
@@ -111,19 +129,38 @@ std::size_t RegularExpression::numberOfCaptureGroups() const
     return count;
 }
 
+void RegularExpression::compileForRepeatedUse() const
+{
+    pcre2_jit_compile(code_->compiled, PCRE2_JIT_COMPLETE);
+}
+
+int RegularExpression::match(std::string_view subject, std::size_t start, pcre2_real_match_data_8* data) const
+{
+    const auto* bytes = reinterpret_cast<PCRE2_SPTR>(subject.data());
+    const int result = pcre2_match(code_->compiled, bytes, subject.size(), start, 0, data, nullptr);
+    if (result != PCRE2_ERROR_JIT_STACKLIMIT) {
+        return result;
+    }
+    // Machine code runs on a small fixed stack that a long subject can
+    // exhaust; the interpreter, whose frames live on the heap, gives the
+    // answer that the pattern does.
+    return pcre2_match(code_->compiled, bytes, subject.size(), start, PCRE2_NO_JIT, data, nullptr);
+}
+
 std::optional<RegularExpressionMatch> RegularExpression::firstMatch(std::string_view subject) const
 {
-    std::unique_ptr<pcre2_match_data, MatchDataDeleter> data(pcre2_match_data_create_from_pattern(code_->compiled, nullptr));
-    const int result = pcre2_match(code_->compiled, reinterpret_cast<PCRE2_SPTR>(subject.data()), subject.size(), 0, 0,
-                                   data.get(), nullptr);
+    const auto groups = numberOfCaptureGroups() + 1;
+    auto* data = threadMatchData(static_cast<std::uint32_t>(groups));
+    const int result = match(subject, 0, data);
     if (result < 0) {
         return std::nullopt;
     }
-    const auto* offsets = pcre2_get_ovector_pointer(data.get());
+    // Only the first `result` pairs are this match's (groups past them took no
+    // part); the rest may still hold an earlier match of this thread.
+    const auto* offsets = pcre2_get_ovector_pointer(data);
     RegularExpressionMatch match;
-    const auto groups = numberOfCaptureGroups() + 1;
     match.ranges.resize(groups);
-    for (std::size_t group = 0; group < groups && group < pcre2_get_ovector_count(data.get()); ++group) {
+    for (std::size_t group = 0; group < std::min(groups, static_cast<std::size_t>(result)); ++group) {
         const auto start = offsets[2 * group];
         const auto end = offsets[2 * group + 1];
         if (start != PCRE2_UNSET) {
@@ -135,16 +172,15 @@ std::optional<RegularExpressionMatch> RegularExpression::firstMatch(std::string_
 
 std::size_t RegularExpression::numberOfMatches(std::string_view subject) const
 {
-    std::unique_ptr<pcre2_match_data, MatchDataDeleter> data(pcre2_match_data_create_from_pattern(code_->compiled, nullptr));
-    const auto* bytes = reinterpret_cast<PCRE2_SPTR>(subject.data());
+    auto* data = threadMatchData(1);
     std::size_t count = 0;
     PCRE2_SIZE start = 0;
     while (start <= subject.size()) {
-        if (pcre2_match(code_->compiled, bytes, subject.size(), start, 0, data.get(), nullptr) < 0) {
+        if (match(subject, start, data) < 0) {
             break;
         }
         ++count;
-        const auto* offsets = pcre2_get_ovector_pointer(data.get());
+        const auto* offsets = pcre2_get_ovector_pointer(data);
         // An empty match moves on by one character so the scan always ends.
         start = offsets[1] > offsets[0] ? offsets[1] : offsets[1] + 1;
         while (start < subject.size() && (static_cast<unsigned char>(subject[start]) & 0xC0) == 0x80) {

@@ -58,10 +58,15 @@ constexpr std::string_view kURIReferenceGrammar = R"grammar(
 
 enum URIGroup : std::size_t { kScheme = 1, kUserInformation, kHost, kPort, kQuery, kFragment };
 
-// Compiled on first use, then shared by every thread.
+// Compiled on first use, to machine code too (every load parses its URL),
+// then shared by every thread.
 const RegularExpression& uriReferenceGrammar()
 {
-    static const auto grammar = RegularExpression::create(kURIReferenceGrammar, RegularExpression::AllowCommentsAndWhitespace);
+    static const auto grammar = [] {
+        auto made = RegularExpression::create(kURIReferenceGrammar, RegularExpression::AllowCommentsAndWhitespace);
+        made->compileForRepeatedUse();
+        return made;
+    }();
     return *grammar;
 }
 

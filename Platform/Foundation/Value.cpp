@@ -273,6 +273,13 @@ Dictionary::Dictionary(std::initializer_list<std::pair<std::string_view, Value>>
     }
 }
 
+Dictionary Dictionary::withDistinctKeys(std::vector<Entry> entries)
+{
+    Dictionary dictionary;
+    dictionary.entries_ = std::move(entries);
+    return dictionary;
+}
+
 void Dictionary::set(std::string_view key, Value value)
 {
     for (auto& entry : entries_) {

@@ -16,6 +16,10 @@ namespace {
 // not done yet); past this many rounds in one go it gets a timer of 1 ms.
 constexpr int kImmediateTimeoutRounds = 32;
 
+// Reset handles kept for reuse, at most: as many as a thread usually runs at
+// once, so a burst does not leave its handles behind for good.
+constexpr std::size_t kIdleHandles = 8;
+
 unsigned watchedEvents(int what)
 {
     unsigned events = FileDescriptorSource::None;
@@ -60,6 +64,9 @@ CurlDriver::~CurlDriver()
     }
     running_.clear();
     curl_multi_cleanup(multi_);
+    for (CURL* easy : idleHandles_) {
+        curl_easy_cleanup(easy);
+    }
     for (const auto& [socket, source] : sockets_) {
         source->invalidate();
     }
@@ -80,7 +87,7 @@ void CurlDriver::add(const URLConnectionRef& connection)
         connection->delegate_.reset();
         return;
     }
-    connection->transfer_ = std::make_unique<Transfer>(*connection);
+    connection->transfer_ = std::make_unique<Transfer>(*connection, takeHandle());
     if (const auto refusal = connection->transfer_->refusal()) {
         connection->transfer_->fail(*refusal);
         deliverEvents({connection});
@@ -322,12 +329,41 @@ void CurlDriver::deliverEvents(const std::vector<URLConnectionRef>& touched)
     }
 }
 
-// The transfer is over: its handle goes, and with it the delegate, whose
-// queued callbacks hold their own reference.
+// The transfer is over (its handle out of the multi handle, or never in it):
+// the handle goes back to the idle ones, and the delegate goes, whose queued
+// callbacks hold their own reference.
 void CurlDriver::end(const URLConnectionRef& connection)
 {
+    recycle(connection->transfer_->releaseHandle());
     connection->transfer_.reset();
     connection->delegate_.reset();
+}
+
+CURL* CurlDriver::takeHandle()
+{
+    if (idleHandles_.empty()) {
+        return curl_easy_init();
+    }
+    CURL* easy = idleHandles_.back();
+    idleHandles_.pop_back();
+    return easy;
+}
+
+// Reset at once, not when taken: the handle still points at the ended
+// request's body and header list, which go with it. Connections live in the
+// multi handle's cache and DNS answers in the shared one, so a reset handle
+// loses nothing that a later request could reuse.
+void CurlDriver::recycle(CURL* easy)
+{
+    if (easy == nullptr) {
+        return;
+    }
+    if (idleHandles_.size() >= kIdleHandles) {
+        curl_easy_cleanup(easy);
+        return;
+    }
+    curl_easy_reset(easy);
+    idleHandles_.push_back(easy);
 }
 
 void CurlDriver::markBusy(bool busy)

@@ -16,6 +16,10 @@ namespace platform::urlloading_internal {
 namespace {
 
 constexpr long kMaximumRedirects = 16;
+// Header bytes an answer may take, interim answers included. No API answers
+// with more (libcurl itself gives up on 300 KiB, and on a single line of
+// 100 KiB); the bound keeps what a hostile server makes us store small.
+constexpr std::size_t kMaximumHeaderBytes = 256 * 1024;
 constexpr const char* kDefaultUserAgent = "Zarvo-URLLoading/1 (Linux)";
 
 // A method is an HTTP token; anything else could split the request line.
@@ -98,14 +102,16 @@ bool isSendable(std::string_view name, std::string_view value)
 
 }  // namespace
 
-Transfer::Transfer(URLConnection& connection) : connection_(connection), easy_(curl_easy_init())
+Transfer::Transfer(URLConnection& connection, CURL* easy) : connection_(connection), easy_(easy)
 {
     configure(*connection.originalRequest());
 }
 
 Transfer::~Transfer()
 {
-    curl_easy_cleanup(easy_);
+    if (easy_ != nullptr) {
+        curl_easy_cleanup(easy_);
+    }
     curl_slist_free_all(headerList_);
 }
 
@@ -226,7 +232,13 @@ void Transfer::configureHeaderFields(const URLRequest& request, bool callerField
 
 std::size_t Transfer::onHeaderLine(char* bytes, std::size_t size, std::size_t count, void* transfer)
 {
-    static_cast<Transfer*>(transfer)->readHeaderLine(std::string_view(bytes, size * count));
+    auto& self = *static_cast<Transfer*>(transfer);
+    self.headerBytes_ += size * count;
+    if (self.headerBytes_ > kMaximumHeaderBytes) {
+        self.headersTooLarge_ = true;
+        return 0;  // curl stops the transfer
+    }
+    self.readHeaderLine(std::string_view(bytes, size * count));
     return size * count;
 }
 
@@ -252,22 +264,18 @@ void Transfer::readHeaderLine(std::string_view line)
     if (line.starts_with("HTTP/")) {
         // A new answer: after a redirect, or following an interim one.
         const auto space = line.find(' ');
+        startHeaderBlock();
         httpVersion_ = std::string(line.substr(0, space));
         statusCode_ = space == std::string_view::npos ? 0 : std::strtoll(std::string(line.substr(space + 1, 3)).c_str(), nullptr, 10);
-        headerFields_ = Dictionary();
-        lastFieldName_.clear();
-        redirecting_ = false;
         return;
     }
     if (trimmed(line).empty()) {
-        redirecting_ = isFollowedRedirect(statusCode_) && std::any_of(headerFields_.begin(), headerFields_.end(), [](const auto& field) {
-            return sameFieldName(field.first, "Location");
-        });
+        redirecting_ = isFollowedRedirect(statusCode_) && fieldIndex_.contains("location");
         return;
     }
     if (line.starts_with(' ') || line.starts_with('\t')) {
-        if (const auto* previous = headerFields_.find(lastFieldName_); previous != nullptr && previous->string() != nullptr) {
-            headerFields_.set(lastFieldName_, *previous->string() + " " + std::string(trimmed(line)));
+        if (lastField_) {
+            headerFields_[*lastField_].second += " " + std::string(trimmed(line));
         }
         return;
     }
@@ -276,17 +284,27 @@ void Transfer::readHeaderLine(std::string_view line)
         return;  // the blank line that ends a block, or a line that is not a field
     }
     const auto name = line.substr(0, colon);
-    const auto value = std::string(trimmed(line.substr(colon + 1)));
-    for (const auto& [existing, existingValue] : headerFields_) {
-        if (sameFieldName(existing, name)) {
-            const auto joined = *existingValue.string() + ", " + value;
-            lastFieldName_ = existing;
-            headerFields_.set(existing, joined);
-            return;
-        }
+    auto value = std::string(trimmed(line.substr(colon + 1)));
+    // Found through the index: a block of many thousand small fields would
+    // otherwise cost a scan of all the others for each (seconds of CPU for
+    // a block under the bound, long enough for the load to time out).
+    const auto [known, isNew] = fieldIndex_.try_emplace(foldedFieldName(name), headerFields_.size());
+    lastField_ = known->second;
+    if (isNew) {
+        headerFields_.emplace_back(std::string(name), std::move(value));
+    } else {
+        headerFields_[known->second].second += ", " + value;
     }
-    lastFieldName_ = std::string(name);
-    headerFields_.set(name, value);
+}
+
+void Transfer::startHeaderBlock()
+{
+    statusCode_ = 0;
+    httpVersion_.clear();
+    headerFields_.clear();
+    fieldIndex_.clear();
+    lastField_.reset();
+    redirecting_ = false;
 }
 
 void Transfer::recordResponseOnce()
@@ -307,8 +325,14 @@ void Transfer::recordResponseOnce()
         curl_easy_getinfo(easy_, CURLINFO_RESPONSE_CODE, &code);
         statusCode_ = code;
     }
+    std::vector<Dictionary::Entry> fields;
+    fields.reserve(headerFields_.size());
+    for (auto& [name, value] : headerFields_) {
+        fields.emplace_back(std::move(name), Value(std::move(value)));
+    }
     auto response = HTTPURLResponse::create(url.value_or(connection_.originalRequest()->url()), statusCode_,
-                                            httpVersion_.empty() ? "HTTP/1.1" : httpVersion_, headerFields_);
+                                            httpVersion_.empty() ? "HTTP/1.1" : httpVersion_,
+                                            Dictionary::withDistinctKeys(std::move(fields)));
     pending_.push_back([response](URLConnectionDelegate& delegate, const URLConnectionRef& connection) {
         delegate.connectionDidReceiveResponse(connection, response);
     });
@@ -336,7 +360,15 @@ bool Transfer::finish(CURLcode result)
         });
         return false;
     }
-    fail(trustCancelled_ ? NSURLErrorUserCancelledAuthentication : urlErrorCode(result, connection_.originalRequest()->url()));
+    if (trustCancelled_) {
+        fail(NSURLErrorUserCancelledAuthentication);
+    } else if (headersTooLarge_ || (result == CURLE_OUT_OF_MEMORY && !responseRecorded_)) {
+        // Our bound on the header block, or libcurl's on one line of it
+        // (which it reports as a failed allocation).
+        fail(NSURLErrorBadServerResponse);
+    } else {
+        fail(urlErrorCode(result, connection_.originalRequest()->url()));
+    }
     return false;
 }
 
@@ -371,11 +403,8 @@ void Transfer::followRedirect(const std::string& target, const URL& next)
     }
     curl_easy_setopt(easy_, CURLOPT_URL, target.c_str());
     configureHeaderFields(request, sameOrigin(next, request.url()), !bodyDropped_);
-    redirecting_ = false;
-    statusCode_ = 0;
-    httpVersion_.clear();
-    headerFields_ = Dictionary();
-    lastFieldName_.clear();
+    startHeaderBlock();
+    headerBytes_ = 0;
 }
 
 void Transfer::fail(URLErrorCode code)

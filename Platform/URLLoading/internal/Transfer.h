@@ -17,6 +17,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -24,13 +25,17 @@ namespace platform::urlloading_internal {
 
 class Transfer {
 public:
-    // Configures the handle; its private pointer is this transfer.
-    explicit Transfer(URLConnection& connection);
+    // Configures `easy`, a fresh or reset handle that the transfer owns from
+    // now on; its private pointer is this transfer.
+    Transfer(URLConnection& connection, CURL* easy);
     ~Transfer();
     Transfer(const Transfer&) = delete;
     Transfer& operator=(const Transfer&) = delete;
 
     CURL* handle() const { return easy_; }
+    // Gives the handle up, out of curl's multi handle, for another transfer to
+    // reuse; the transfer is over then.
+    CURL* releaseHandle() { return std::exchange(easy_, nullptr); }
     bool hasPendingEvents() const { return !pending_.empty(); }
     // The recorded events, oldest first, for the driver to deliver.
     std::vector<URLConnection::Event> takePendingEvents() { return std::exchange(pending_, {}); }
@@ -60,6 +65,7 @@ private:
     void followRedirect(const std::string& target, const URL& next);
     void configureServerTrustChallenge();
     void readHeaderLine(std::string_view line);
+    void startHeaderBlock();
     void recordResponseOnce();
 
     URLConnection& connection_;
@@ -71,8 +77,16 @@ private:
     // (after a redirect or an interim 1xx answer).
     std::string httpVersion_;
     std::int64_t statusCode_ = 0;
-    Dictionary headerFields_;
-    std::string lastFieldName_;
+    // The fields in the order their names first came, each name spelled as
+    // it first came; repeated ones joined with ", ".
+    std::vector<std::pair<std::string, std::string>> headerFields_;
+    // Each received name, folded, to its place in `headerFields_`.
+    std::unordered_map<std::string, std::size_t> fieldIndex_;
+    // The field a continuation line would extend.
+    std::optional<std::size_t> lastField_;
+    // Header bytes of this request's answers, interim ones included.
+    std::size_t headerBytes_ = 0;
+    bool headersTooLarge_ = false;
     bool responseRecorded_ = false;
     // The block just received is a redirect that will be followed.
     bool redirecting_ = false;

@@ -48,6 +48,43 @@ TEST(URLParsing, DistinguishesAbsentFromEmptyParts)
     EXPECT_EQ(URL::fromString("ssh://[::1]:22")->host(), "::1");
 }
 
+// Matches on one thread share their working memory: a parse must not see the
+// components of the one before it.
+TEST(URLParsing, TakesNothingOverFromTheURLParsedBefore)
+{
+    ASSERT_TRUE(URL::fromString("https://jo:pw@host:8443/a?q=1#f"));
+    const auto bare = URL::fromString("https://other");
+    ASSERT_TRUE(bare);
+    EXPECT_EQ(bare->host(), "other");
+    EXPECT_FALSE(bare->user());
+    EXPECT_FALSE(bare->password());
+    EXPECT_FALSE(bare->port());
+    EXPECT_FALSE(bare->query());
+    EXPECT_FALSE(bare->fragment());
+
+    ASSERT_TRUE(URL::fromString("ssh://[::1]:22/x?y#z"));
+    const auto relative = URL::fromString("team/repo.git");
+    ASSERT_TRUE(relative);
+    EXPECT_FALSE(relative->scheme());
+    EXPECT_FALSE(relative->host());
+    EXPECT_FALSE(relative->query());
+    EXPECT_EQ(relative->path(), "team/repo.git");
+}
+
+// A long text parses as a short one does, valid or not, however the matcher
+// runs it.
+TEST(URLParsing, ReadsAURLOfAMegabyteAsAShortOne)
+{
+    const std::string path(1 << 20, 'a');
+    const auto url = URL::fromString("https://host/" + path + "?" + path);
+    ASSERT_TRUE(url);
+    EXPECT_EQ(url->host(), "host");
+    EXPECT_EQ(url->path(), "/" + path);
+    EXPECT_EQ(url->query(), path);
+    EXPECT_FALSE(URL::fromString("https://host/" + path + " "));
+    EXPECT_FALSE(URL::fromString("https://" + path + "%zz/"));
+}
+
 TEST(URLParsing, FollowsTheGrammarOfRelativeReferences)
 {
     EXPECT_EQ(URL::fromString("//host/x")->host(), "host");

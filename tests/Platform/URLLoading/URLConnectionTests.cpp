@@ -334,6 +334,34 @@ TEST_F(URLConnectionTest, RefusesAMethodThatIsNotAToken)
     EXPECT_EQ(load(request(server_.url("/connections")))->text(), "1");
 }
 
+// Headers of a megabyte, in one line or in many, are no answer we take: the
+// load fails as one from a server that does not speak HTTP would, and stores
+// none of it. Large blocks under the bound still arrive whole.
+TEST_F(URLConnectionTest, HeadersOfAMegabyteAreABadAnswer)
+{
+    for (const char* query : {"bytes=1048576", "bytes=1048576&lines=1", "bytes=4194304&tiny=1"}) {
+        SCOPED_TRACE(query);
+        const auto recorder = load(request(server_.url(std::string("/huge-header?") + query)));
+        EXPECT_EQ(recorder->events, (std::vector<std::string>{"fail"}));
+        ASSERT_TRUE(recorder->error);
+        EXPECT_EQ(recorder->error->code(), NSURLErrorBadServerResponse);
+    }
+
+    const auto lines = load(request(server_.url("/huge-header?bytes=204800&lines=1")));
+    EXPECT_EQ(lines->events.back(), "finish");
+    ASSERT_TRUE(lines->response);
+    EXPECT_EQ(lines->response->allHeaderFields().get("X-Filler-199"), Value(std::string(1000, 'f')));
+    EXPECT_EQ(lines->text(), "ok");
+
+    // Some seventeen thousand fields, each new: each one found in its own
+    // time, not by a scan of all the others.
+    const auto tiny = load(request(server_.url("/huge-header?bytes=204800&tiny=1")));
+    EXPECT_EQ(tiny->events.back(), "finish");
+    ASSERT_TRUE(tiny->response);
+    EXPECT_GT(tiny->response->allHeaderFields().size(), 17000u);
+    EXPECT_EQ(tiny->response->allHeaderFields().get("T16999"), Value("v"));
+}
+
 TEST_F(URLConnectionTest, TimesOutWhenTheServerStaysSilent)
 {
     // The server would answer only after a minute: the load ends long before.

@@ -96,6 +96,22 @@ class Handler(BaseHTTPRequestHandler):
                 piece = block[: min(len(block), size - sent)]
                 self.wfile.write(piece)
                 sent += len(piece)
+        elif path == "/huge-header":
+            # One field line of the given size, or that many bytes spread
+            # over fields of 1 KiB ("lines") or of a dozen bytes ("tiny").
+            size = int(query["bytes"][0])
+            self.send_response(200)
+            if query.get("lines"):
+                for index in range(size // 1024):
+                    self.send_header("X-Filler-%d" % index, "f" * 1000)
+            elif query.get("tiny"):
+                lines = b"".join(b"T%d: v\r\n" % index for index in range(size // 12))
+                self._headers_buffer.append(lines)
+            else:
+                self.send_header("X-Huge", "h" * size)
+            self.send_header("Content-Length", "2")
+            self.end_headers()
+            self.wfile.write(b"ok")
         elif path == "/garbage":
             self.wfile.write(b"this is not HTTP at all\r\n\r\n")
             self.wfile.flush()
