@@ -1,5 +1,7 @@
 #include "Platform/URLLoading/internal/SharedCurlCache.h"
 
+#include <openssl/crypto.h>
+
 #include <array>
 #include <mutex>
 
@@ -23,6 +25,11 @@ void unlock(CURL*, curl_lock_data data, void*)
 CURLSH* sharedCurlCache()
 {
     static CURLSH* const share = [] {
+        // The transport threads run until the process ends. OpenSSL would
+        // otherwise free its locks from an exit handler while one of those
+        // threads may still take them; the end of the process reclaims
+        // them instead. This must come before anything else starts OpenSSL.
+        OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
         curl_global_init(CURL_GLOBAL_DEFAULT);
         CURLSH* made = curl_share_init();
         curl_share_setopt(made, CURLSHOPT_LOCKFUNC, &lock);
