@@ -111,14 +111,18 @@ void CurlDriver::remove(const URLConnectionRef& connection)
     if (!connection->transfer_ || running_.erase(connection->transfer_->handle()) == 0) {
         return;
     }
+    // A transfer removed before its end may have its sockets closed by curl
+    // before curl says to stop watching them, by which time another thread
+    // may own the same descriptor numbers: stop watching them first.
+    stopWatchingSocketsOf(connection->transfer_->handle());
     curl_multi_remove_handle(multi_, connection->transfer_->handle());
     end(connection);
     markBusy(!running_.empty());
 }
 
-int CurlDriver::onSocket(CURL*, curl_socket_t socket, int what, void* driver, void*)
+int CurlDriver::onSocket(CURL* easy, curl_socket_t socket, int what, void* driver, void*)
 {
-    static_cast<CurlDriver*>(driver)->watchSocket(socket, what);
+    static_cast<CurlDriver*>(driver)->watchSocket(easy, socket, what);
     return 0;
 }
 
@@ -138,26 +142,18 @@ int CurlDriver::onTimer(CURLM*, long milliseconds, void* driver)
     return 0;
 }
 
-void CurlDriver::watchSocket(curl_socket_t socket, int what)
+void CurlDriver::watchSocket(CURL* easy, curl_socket_t socket, int what)
 {
-    const auto found = sockets_.find(socket);
-    if (const auto muted = muted_.find(socket); muted != muted_.end()) {
-        if (what == CURL_POLL_REMOVE) {
-            muted_.erase(muted);
-        } else {
-            muted->second = watchedEvents(what);  // watched again once curl returns
-            return;
-        }
-    }
     if (what == CURL_POLL_REMOVE) {
-        if (found != sockets_.end()) {
-            found->second->invalidate();
-            loop_->removeFileDescriptorSource(found->second, NSDefaultRunLoopMode);
-            sockets_.erase(found);
-        }
+        stopWatching(socket);
         return;
     }
-    if (found != sockets_.end()) {
+    socketOwners_[socket] = easy;
+    if (const auto muted = muted_.find(socket); muted != muted_.end()) {
+        muted->second = watchedEvents(what);  // watched again once curl returns
+        return;
+    }
+    if (const auto found = sockets_.find(socket); found != sockets_.end()) {
         found->second->setEvents(watchedEvents(what));
         return;
     }
@@ -165,6 +161,30 @@ void CurlDriver::watchSocket(curl_socket_t socket, int what)
                                                [this](int fd, unsigned ready) { act(fd, curlEvents(ready)); });
     loop_->addFileDescriptorSource(source, NSDefaultRunLoopMode);
     sockets_.emplace(socket, std::move(source));
+}
+
+void CurlDriver::stopWatching(curl_socket_t socket)
+{
+    socketOwners_.erase(socket);
+    muted_.erase(socket);
+    if (const auto found = sockets_.find(socket); found != sockets_.end()) {
+        found->second->invalidate();
+        loop_->removeFileDescriptorSource(found->second, NSDefaultRunLoopMode);
+        sockets_.erase(found);
+    }
+}
+
+void CurlDriver::stopWatchingSocketsOf(CURL* easy)
+{
+    std::vector<curl_socket_t> owned;
+    for (const auto& [socket, owner] : socketOwners_) {
+        if (owner == easy) {
+            owned.push_back(socket);
+        }
+    }
+    for (const auto socket : owned) {
+        stopWatching(socket);
+    }
 }
 
 void CurlDriver::armTimer(long milliseconds)

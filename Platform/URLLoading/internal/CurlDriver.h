@@ -41,7 +41,9 @@ private:
 
     static int onSocket(CURL* easy, curl_socket_t socket, int what, void* driver, void* socketData);
     static int onTimer(CURLM* multi, long milliseconds, void* driver);
-    void watchSocket(curl_socket_t socket, int what);
+    void watchSocket(CURL* easy, curl_socket_t socket, int what);
+    void stopWatching(curl_socket_t socket);
+    void stopWatchingSocketsOf(CURL* easy);
     void armTimer(long milliseconds);
     void rearmIfCurlStillWaits();
 
@@ -61,6 +63,8 @@ private:
     CURLM* multi_;
     RunLoopRef loop_;
     std::unordered_map<curl_socket_t, FileDescriptorSourceRef> sockets_;
+    // The transfer each watched socket was last reported for.
+    std::unordered_map<curl_socket_t, CURL*> socketOwners_;
     TimerRef timer_;
     RunLoopSourceRef busyMarker_;
     bool busy_ = false;
