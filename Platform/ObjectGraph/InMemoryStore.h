@@ -71,7 +71,8 @@ private:
     const Table* findTable(const EntityDescription& entity) const;
     std::shared_ptr<Row> makeRow(const EntityDescription& entity, std::int64_t primaryKey, ObjectSnapshot snapshot) const;
     std::shared_ptr<Row> storedObject(const ManagedObjectID& objectID) const override;
-    std::optional<std::vector<std::shared_ptr<Row>>> matchingRows(const FetchRequest& request, ErrorRef* error) const;
+    [[nodiscard]] std::optional<std::vector<std::shared_ptr<Row>>> matchingRows(const FetchRequest& request,
+                                                                                ErrorRef* error) const;
 
     std::unordered_map<const EntityDescription*, Table> tables_;
 };

@@ -215,21 +215,21 @@ private:
     void forget(ManagedObject& object);
     void noteUpdated(ManagedObject& object);
     // Fills a fault; false when the object no longer exists.
-    bool fulfillFault(ManagedObject& object, ErrorRef* error);
+    [[nodiscard]] bool fulfillFault(ManagedObject& object, ErrorRef* error);
     // The values this context's parent (or the store) holds for an ID.
-    std::optional<ObjectSnapshot> snapshotFromAbove(const ManagedObjectIDRef& id, ErrorRef* error);
+    [[nodiscard]] std::optional<ObjectSnapshot> snapshotFromAbove(const ManagedObjectIDRef& id, ErrorRef* error);
     // A snapshot of a registered, loaded object as this context sees it.
     ObjectSnapshot snapshotOf(const ManagedObject& object) const;
     void applySnapshot(ManagedObject& object, const ObjectSnapshot& snapshot, bool keepChanges);
     ManagedObjectRef objectForIDValue(const Value& id);
     Value relationshipValueFromSnapshot(const RelationshipDescription& relationship, const Value& stored);
 
-    std::optional<std::vector<ManagedObjectIDRef>> fetchIDs(const FetchRequest& request, ErrorRef* error);
+    [[nodiscard]] std::optional<std::vector<ManagedObjectIDRef>> fetchIDs(const FetchRequest& request, ErrorRef* error);
     bool hasChangesOfEntity(const EntityDescription& entity) const;
 
-    bool validate(ErrorRef* error) const;
-    bool saveToStore(ErrorRef* error);
-    bool pushToParent(ErrorRef* error);
+    [[nodiscard]] bool validate(ErrorRef* error) const;
+    [[nodiscard]] bool saveToStore(ErrorRef* error);
+    [[nodiscard]] bool pushToParent(ErrorRef* error);
 
     // The steps of pushToParent. A child's change as its parent takes it.
     struct PushedChange {

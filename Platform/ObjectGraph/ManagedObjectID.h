@@ -76,7 +76,7 @@ public:
         std::string entityName;
         std::int64_t primaryKey = 0;
     };
-    static std::optional<URIParts> parseURIRepresentation(const URL& uri);
+    [[nodiscard]] static std::optional<URIParts> parseURIRepresentation(const URL& uri);
 
     bool isEqual(const Object& other) const override;
     std::size_t hash() const;

@@ -499,7 +499,7 @@ class ModelReader {
 public:
     explicit ModelReader(std::string_view source) : source_(source) {}
 
-    ManagedObjectModelRef read(const Value& root, ErrorRef* error)
+    [[nodiscard]] ManagedObjectModelRef read(const Value& root, ErrorRef* error)
     {
         const Dictionary* top = root.dictionary();
         if (top == nullptr) {

@@ -55,7 +55,7 @@ enum class AttributeType {
 
 // The name a model file gives the type ("integer16", "string", ...), and back.
 std::string_view attributeTypeName(AttributeType type);
-std::optional<AttributeType> attributeTypeNamed(std::string_view name);
+[[nodiscard]] std::optional<AttributeType> attributeTypeNamed(std::string_view name);
 
 // Whether `value` may be stored in an attribute of `type` as it stands: an
 // integer within the type's range, any number for a double, a boolean (or the
@@ -71,7 +71,7 @@ enum class DeleteRule {
 };
 
 std::string_view deleteRuleName(DeleteRule rule);
-std::optional<DeleteRule> deleteRuleNamed(std::string_view name);
+[[nodiscard]] std::optional<DeleteRule> deleteRuleNamed(std::string_view name);
 
 class PropertyDescription : public Object {
 public:
@@ -254,12 +254,13 @@ private:
     ManagedObjectModel() = default;
 
     // The steps of `create`: each false with an error for a model it refuses.
-    static bool checkEntityNames(const std::vector<EntityDescriptionRef>& entities, ErrorRef* error);
-    static bool checkAttributes(const EntityDescription& entity, std::set<std::string, std::less<>>& propertyNames,
-                                ErrorRef* error);
-    static bool resolveDestinations(const EntityDescription& entity, const std::vector<EntityDescriptionRef>& entities,
-                                    std::set<std::string, std::less<>>& propertyNames, ErrorRef* error);
-    static bool resolveInverses(const std::vector<EntityDescriptionRef>& entities, ErrorRef* error);
+    [[nodiscard]] static bool checkEntityNames(const std::vector<EntityDescriptionRef>& entities, ErrorRef* error);
+    [[nodiscard]] static bool checkAttributes(const EntityDescription& entity,
+                                              std::set<std::string, std::less<>>& propertyNames, ErrorRef* error);
+    [[nodiscard]] static bool resolveDestinations(const EntityDescription& entity,
+                                                  const std::vector<EntityDescriptionRef>& entities,
+                                                  std::set<std::string, std::less<>>& propertyNames, ErrorRef* error);
+    [[nodiscard]] static bool resolveInverses(const std::vector<EntityDescriptionRef>& entities, ErrorRef* error);
     static ManagedObjectModelRef assemble(std::vector<EntityDescriptionRef> entities);
 
     std::vector<EntityDescriptionRef> entities_;

@@ -70,7 +70,7 @@ public:
 
 private:
     explicit PersistentStoreCoordinator(ManagedObjectModelRef model) : model_(std::move(model)) {}
-    PersistentStoreRef storeOrError(ErrorRef* error) const;
+    [[nodiscard]] PersistentStoreRef storeOrError(ErrorRef* error) const;
 
     const ManagedObjectModelRef model_;
     mutable std::mutex storeMutex_;  // guards `store_` and serialises every call into it

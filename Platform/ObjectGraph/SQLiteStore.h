@@ -83,22 +83,23 @@ private:
         std::string sql;
         Array bindings;
     };
-    std::optional<Query> query(const FetchRequest& request, bool counting, ErrorRef* error);
-    std::optional<std::vector<ManagedObjectIDRef>> fetchInMemory(const EntityDescription& entity,
-                                                                 const FetchRequest& request, ErrorRef* error);
+    [[nodiscard]] std::optional<Query> query(const FetchRequest& request, bool counting, ErrorRef* error);
+    [[nodiscard]] std::optional<std::vector<ManagedObjectIDRef>> fetchInMemory(const EntityDescription& entity,
+                                                                               const FetchRequest& request,
+                                                                               ErrorRef* error);
     explicit SQLiteStore(Configuration configuration);
 
     Statement& statement(const std::string& sql);
     ErrorRef sqliteError(std::int64_t code, std::string description) const;
-    bool execute(const char* sql, ErrorRef* error);
-    bool createSchema(ErrorRef* error);
-    bool checkMetadata(ErrorRef* error);
-    bool writeObject(const SaveChanges::Change& change, bool insert, ErrorRef* error);
-    bool writeRow(const SaveChanges::Change& change, bool insert, ErrorRef* error);
-    bool writeLinks(const SaveChanges::Change& change, const RelationshipDescription& relationship, bool insert,
-                    ErrorRef* error);
-    bool deleteObject(const ManagedObjectID& objectID, ErrorRef* error);
-    std::optional<std::int64_t> storedVersion(const ManagedObjectID& objectID, ErrorRef* error);
+    [[nodiscard]] bool execute(const char* sql, ErrorRef* error);
+    [[nodiscard]] bool createSchema(ErrorRef* error);
+    [[nodiscard]] bool checkMetadata(ErrorRef* error);
+    [[nodiscard]] bool writeObject(const SaveChanges::Change& change, bool insert, ErrorRef* error);
+    [[nodiscard]] bool writeRow(const SaveChanges::Change& change, bool insert, ErrorRef* error);
+    [[nodiscard]] bool writeLinks(const SaveChanges::Change& change, const RelationshipDescription& relationship,
+                                  bool insert, ErrorRef* error);
+    [[nodiscard]] bool deleteObject(const ManagedObjectID& objectID, ErrorRef* error);
+    [[nodiscard]] std::optional<std::int64_t> storedVersion(const ManagedObjectID& objectID, ErrorRef* error);
 
     // The statements that write one entity's rows, with the columns they bind.
     struct EntityWriter {

@@ -43,6 +43,14 @@ std::string basicAuthorization(const QMHTTPAuth& auth)
 
 }  // namespace
 
+QMHTTPClient::QMHTTPClient(QMHTTPRequestRef request, QMHTTPAuthRef auth)
+    : QMHTTPClientBase(std::move(request), std::move(auth))
+{
+    // Often made on one thread and sent from another (an operation's): the
+    // thread that first uses it is the one it belongs to.
+    sequence_.detach();
+}
+
 QMHTTPClientRef QMHTTPClient::create(QMHTTPRequestRef request, QMHTTPAuthRef auth)
 {
     return QMHTTPClientRef(new QMHTTPClient(std::move(request), std::move(auth)), platform::ObjectDeleter());
@@ -106,6 +114,7 @@ platform::URLConnectionRef QMHTTPClient::URLConnectionForRequest(const QMHTTPReq
 
 void QMHTTPClient::send()
 {
+    PLATFORM_CHECK_SEQUENCE(sequence_);
     if (sent_) {
         platform::Exception::raise(platform::NSInternalInconsistencyException,
                                    className() + " can only perform one connection request.");
@@ -129,6 +138,7 @@ void QMHTTPClient::send()
 
 void QMHTTPClient::waitUntilFinished()
 {
+    PLATFORM_CHECK_SEQUENCE(sequence_);
     const auto loop = RunLoop::currentRunLoop();
     while (isSending() && loop->runModeBeforeDate(platform::NSDefaultRunLoopMode, distantFuture())) {
     }
@@ -136,6 +146,7 @@ void QMHTTPClient::waitUntilFinished()
 
 void QMHTTPClient::cancel()
 {
+    PLATFORM_CHECK_SEQUENCE(sequence_);
     if (URLConnection_) {
         URLConnection_->cancel();
     }

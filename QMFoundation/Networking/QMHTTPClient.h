@@ -25,6 +25,9 @@
 //   runs on that thread's run loop in the default mode, and the delegate is
 //   called there while the loop runs. `waitUntilFinished` runs that loop
 //   until the outcome is in; call it on the same thread. Nothing is locked.
+//   Debug builds check it: the thread of the first `send`, `waitUntilFinished`
+//   or `cancel` owns the client, and those calls from any other thread raise
+//   "NSInternalInconsistencyException" through the assertion handler.
 // - A client is single-use: a second `send` raises
 //   "NSInternalInconsistencyException", even after the first has finished.
 // - `sending` is true from `send` until the outcome; it turns false before
@@ -37,6 +40,7 @@
 //   the client, so a client need not be kept by its caller.
 #pragma once
 
+#include "Platform/Dispatch/SequenceChecker.h"
 #include "Platform/Foundation/Error.h"
 #include "Platform/URLLoading/URLConnection.h"
 #include "Platform/URLLoading/URLRequest.h"
@@ -80,7 +84,7 @@ public:
     std::string className() const override { return "QMHTTPClient"; }
 
 protected:
-    QMHTTPClient(QMHTTPRequestRef request, QMHTTPAuthRef auth) : QMHTTPClientBase(std::move(request), std::move(auth)) {}
+    QMHTTPClient(QMHTTPRequestRef request, QMHTTPAuthRef auth);
 
     // The platform request for `request` and `auth`, as the banner describes
     // it; nothing when no URL can be made of it. A missing request fails the
@@ -92,6 +96,7 @@ protected:
     platform::URLConnectionRef URLConnectionForRequest(const QMHTTPRequestRef& request, const QMHTTPAuthRef& auth);
 
 private:
+    [[no_unique_address]] platform::SequenceChecker sequence_;
     bool sent_ = false;
     platform::URLConnectionRef URLConnection_;
     platform::HTTPURLResponseRef URLResponse_;

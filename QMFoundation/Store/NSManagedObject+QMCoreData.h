@@ -58,5 +58,5 @@ void batchFaultRelationshipNamed(platform::ManagedObject& object, const std::opt
 // The related objects: an ordered to-many in its order, an unordered one in
 // no defined order, a to-one as one element. Nothing for an unknown name; an
 // empty to-one raises "NSInvalidArgumentException".
-std::optional<std::vector<platform::ManagedObjectRef>> allObjectsForRelationshipNamed(
+[[nodiscard]] std::optional<std::vector<platform::ManagedObjectRef>> allObjectsForRelationshipNamed(
     platform::ManagedObject& object, const std::optional<std::string>& relationshipName);

@@ -22,33 +22,34 @@
 
 using QMSortDescriptors = std::vector<platform::FetchRequest::SortDescriptorRef>;
 
-std::size_t countAllInManagedObjectContext(std::string_view entityName,
-                                           platform::ManagedObjectContext* managedObjectContext,
-                                           platform::ErrorRef* error = nullptr);
-std::size_t countAllWithPredicate(std::string_view entityName, const platform::FetchRequest::PredicateRef& predicate,
-                                  platform::ManagedObjectContext* managedObjectContext,
-                                  platform::ErrorRef* error = nullptr);
+[[nodiscard]] std::size_t countAllInManagedObjectContext(std::string_view entityName,
+                                                         platform::ManagedObjectContext* managedObjectContext,
+                                                         platform::ErrorRef* error = nullptr);
+[[nodiscard]] std::size_t countAllWithPredicate(std::string_view entityName,
+                                                const platform::FetchRequest::PredicateRef& predicate,
+                                                platform::ManagedObjectContext* managedObjectContext,
+                                                platform::ErrorRef* error = nullptr);
 
-std::optional<std::vector<platform::ManagedObjectRef>> fetchAllInManagedObjectContext(
+[[nodiscard]] std::optional<std::vector<platform::ManagedObjectRef>> fetchAllInManagedObjectContext(
     std::string_view entityName, platform::ManagedObjectContext* managedObjectContext,
     platform::ErrorRef* error = nullptr);
-std::optional<std::vector<platform::ManagedObjectRef>> fetchAllWithSortDescriptors(
+[[nodiscard]] std::optional<std::vector<platform::ManagedObjectRef>> fetchAllWithSortDescriptors(
     std::string_view entityName, const QMSortDescriptors& sortDescriptors,
     platform::ManagedObjectContext* managedObjectContext, platform::ErrorRef* error = nullptr);
 // A limit of 0 is no limit.
-std::optional<std::vector<platform::ManagedObjectRef>> fetchAllWithPredicate(
+[[nodiscard]] std::optional<std::vector<platform::ManagedObjectRef>> fetchAllWithPredicate(
     std::string_view entityName, const platform::FetchRequest::PredicateRef& predicate,
     const QMSortDescriptors& sortDescriptors, std::size_t limit, platform::ManagedObjectContext* managedObjectContext,
     platform::ErrorRef* error = nullptr);
 
 // The first match in no particular order, or nothing.
-platform::ManagedObjectRef fetchFirstWithPredicate(std::string_view entityName,
-                                                   const platform::FetchRequest::PredicateRef& predicate,
-                                                   platform::ManagedObjectContext* managedObjectContext,
-                                                   platform::ErrorRef* error = nullptr);
+[[nodiscard]] platform::ManagedObjectRef fetchFirstWithPredicate(std::string_view entityName,
+                                                                 const platform::FetchRequest::PredicateRef& predicate,
+                                                                 platform::ManagedObjectContext* managedObjectContext,
+                                                                 platform::ErrorRef* error = nullptr);
 // The first object whose attribute equals the value ("%K = %@"), or nothing.
-platform::ManagedObjectRef fetchFirstByAttribute(std::string_view entityName,
-                                                 const std::optional<std::string>& attribute,
-                                                 const platform::Value& value,
-                                                 platform::ManagedObjectContext* managedObjectContext,
-                                                 platform::ErrorRef* error = nullptr);
+[[nodiscard]] platform::ManagedObjectRef fetchFirstByAttribute(std::string_view entityName,
+                                                               const std::optional<std::string>& attribute,
+                                                               const platform::Value& value,
+                                                               platform::ManagedObjectContext* managedObjectContext,
+                                                               platform::ErrorRef* error = nullptr);

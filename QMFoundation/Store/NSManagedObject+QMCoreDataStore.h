@@ -19,19 +19,21 @@ platform::ManagedObjectRef createInMemory(std::string_view entityName);
 platform::ManagedObjectRef createInMemoryWithAttributes(std::string_view entityName,
                                                         const std::optional<platform::Dictionary>& attributes);
 
-std::size_t countAll(std::string_view entityName, platform::ErrorRef* error = nullptr);
-std::size_t countAllWithPredicate(std::string_view entityName, const platform::FetchRequest::PredicateRef& predicate,
-                                  platform::ErrorRef* error = nullptr);
-std::optional<std::vector<platform::ManagedObjectRef>> fetchAll(std::string_view entityName,
-                                                                platform::ErrorRef* error = nullptr);
-std::optional<std::vector<platform::ManagedObjectRef>> fetchAllWithSortDescriptors(
+[[nodiscard]] std::size_t countAll(std::string_view entityName, platform::ErrorRef* error = nullptr);
+[[nodiscard]] std::size_t countAllWithPredicate(std::string_view entityName,
+                                                const platform::FetchRequest::PredicateRef& predicate,
+                                                platform::ErrorRef* error = nullptr);
+[[nodiscard]] std::optional<std::vector<platform::ManagedObjectRef>> fetchAll(std::string_view entityName,
+                                                                              platform::ErrorRef* error = nullptr);
+[[nodiscard]] std::optional<std::vector<platform::ManagedObjectRef>> fetchAllWithSortDescriptors(
     std::string_view entityName, const QMSortDescriptors& sortDescriptors, platform::ErrorRef* error = nullptr);
-std::optional<std::vector<platform::ManagedObjectRef>> fetchAllWithPredicate(
+[[nodiscard]] std::optional<std::vector<platform::ManagedObjectRef>> fetchAllWithPredicate(
     std::string_view entityName, const platform::FetchRequest::PredicateRef& predicate,
     const QMSortDescriptors& sortDescriptors, platform::ErrorRef* error = nullptr);
-platform::ManagedObjectRef fetchFirstWithPredicate(std::string_view entityName,
-                                                   const platform::FetchRequest::PredicateRef& predicate,
-                                                   platform::ErrorRef* error = nullptr);
-platform::ManagedObjectRef fetchFirstByAttribute(std::string_view entityName,
-                                                 const std::optional<std::string>& attribute,
-                                                 const platform::Value& value, platform::ErrorRef* error = nullptr);
+[[nodiscard]] platform::ManagedObjectRef fetchFirstWithPredicate(std::string_view entityName,
+                                                                 const platform::FetchRequest::PredicateRef& predicate,
+                                                                 platform::ErrorRef* error = nullptr);
+[[nodiscard]] platform::ManagedObjectRef fetchFirstByAttribute(std::string_view entityName,
+                                                               const std::optional<std::string>& attribute,
+                                                               const platform::Value& value,
+                                                               platform::ErrorRef* error = nullptr);

@@ -18,6 +18,7 @@
 #include <unistd.h>
 
 #include <string>
+#include <thread>
 #include <vector>
 
 using namespace platform;
@@ -294,6 +295,25 @@ TEST_F(QMHTTPClientTest, AnAsynchronousSendAnswersOnTheRunLoopAndCancelIsSilent)
     EXPECT_TRUE(slow->events.empty());
     EXPECT_FALSE(cancelled->response());
 }
+
+#ifndef NDEBUG
+TEST_F(QMHTTPClientTest, DebugBuildsRaiseWhenASecondThreadUsesIt)
+{
+    // Made on one thread, sent from another: the sending thread owns it.
+    QMHTTPClientRef client;
+    std::thread([&] { client = QMHTTPClient::clientWithRequest(QMHTTPRequest::requestWithURL(url("/echo"))); }).join();
+    const auto outcomes = std::make_shared<Outcomes>();
+    client->setDelegate(outcomes);
+    client->send();
+
+    AssertionFailure failure;
+    std::thread([&] { failure = testsupport::captureAssertion([&] { client->cancel(); }); }).join();
+    EXPECT_EQ(failure.method, "cancel");
+    // The refused cancel left the connection alone: it still answers here.
+    client->waitUntilFinished();
+    EXPECT_EQ(outcomes->events, (std::vector<std::string>{"response"}));
+}
+#endif
 
 TEST_F(QMHTTPClientTest, ADelegateThatWentAwayHearsNothing)
 {
