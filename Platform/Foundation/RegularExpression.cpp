@@ -6,7 +6,9 @@
 #include <pcre2.h>
 
 #include <algorithm>
+#include <atomic>
 #include <memory>
+#include <mutex>
 
 namespace platform {
 namespace {
@@ -78,9 +80,54 @@ pcre2_match_data* threadMatchData(std::uint32_t pairs)
 
 }  // namespace
 
+// An expression starts out interpreted: compiling to machine code costs some
+// hundred microseconds, more than a program that matches a few times ever
+// spends matching. Once it has been matched often it earns that back, and the
+// thread whose match reaches the count compiles a copy (the interpreted code
+// is never changed, so matches running meanwhile are undisturbed) and
+// publishes it whole; later matches take the copy.
+constexpr std::uint32_t kMatchesBeforeMachineCode = 64;
+
 struct RegularExpression::Code {
     pcre2_code* compiled = nullptr;
-    ~Code() { pcre2_code_free(compiled); }
+    std::atomic<pcre2_code*> machineCode{nullptr};
+    std::atomic<std::uint32_t> matches{0};
+    std::once_flag machineCodeMade;
+
+    ~Code()
+    {
+        pcre2_code_free(machineCode.load(std::memory_order_acquire));
+        pcre2_code_free(compiled);
+    }
+
+    // The code to match with now: the machine code once it is published.
+    const pcre2_code* current()
+    {
+        if (const auto* machine = machineCode.load(std::memory_order_acquire)) {
+            return machine;
+        }
+        if (matches.fetch_add(1, std::memory_order_relaxed) + 1 == kMatchesBeforeMachineCode) {
+            makeMachineCode();
+        }
+        return compiled;
+    }
+
+    void makeMachineCode()
+    {
+        std::call_once(machineCodeMade, [this] {
+            pcre2_code* copy = pcre2_code_copy(compiled);
+            if (copy == nullptr) {
+                return;
+            }
+            // Without JIT support in PCRE2 (or memory for it) the copy would
+            // only interpret again.
+            if (pcre2_jit_compile(copy, PCRE2_JIT_COMPLETE) != 0) {
+                pcre2_code_free(copy);
+                return;
+            }
+            machineCode.store(copy, std::memory_order_release);
+        });
+    }
 };
 
 std::optional<std::string> RegularExpressionMatch::substring(std::string_view subject, std::size_t group) const
@@ -131,13 +178,18 @@ std::size_t RegularExpression::numberOfCaptureGroups() const
 
 void RegularExpression::compileForRepeatedUse() const
 {
-    pcre2_jit_compile(code_->compiled, PCRE2_JIT_COMPLETE);
+    code_->makeMachineCode();
+}
+
+bool RegularExpression::runsMachineCode() const
+{
+    return code_->machineCode.load(std::memory_order_acquire) != nullptr;
 }
 
 int RegularExpression::match(std::string_view subject, std::size_t start, pcre2_real_match_data_8* data) const
 {
     const auto* bytes = reinterpret_cast<PCRE2_SPTR>(subject.data());
-    const int result = pcre2_match(code_->compiled, bytes, subject.size(), start, 0, data, nullptr);
+    const int result = pcre2_match(code_->current(), bytes, subject.size(), start, 0, data, nullptr);
     if (result != PCRE2_ERROR_JIT_STACKLIMIT) {
         return result;
     }

@@ -67,11 +67,13 @@ public:
     unsigned options() const { return options_; }
     std::size_t numberOfCaptureGroups() const;
 
-    // Also compiles the pattern to machine code, for a pattern matched very
-    // often: once some hundred microseconds, then each match several times
-    // faster, with the same results. Call it before the expression is shared
-    // between threads. Without JIT support in PCRE2 nothing changes.
+    // An expression compiles itself to machine code once it has been matched
+    // often (some hundred microseconds once, then each match several times
+    // faster, with the same results); this does so now. Safe while other
+    // threads match. Without JIT support in PCRE2 nothing changes.
     void compileForRepeatedUse() const;
+    // Whether matches run machine code yet.
+    bool runsMachineCode() const;
 
     std::optional<RegularExpressionMatch> firstMatch(std::string_view subject) const;
     std::size_t numberOfMatches(std::string_view subject) const;

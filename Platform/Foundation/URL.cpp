@@ -58,15 +58,12 @@ constexpr std::string_view kURIReferenceGrammar = R"grammar(
 
 enum URIGroup : std::size_t { kScheme = 1, kUserInformation, kHost, kPort, kQuery, kFragment };
 
-// Compiled on first use, to machine code too (every load parses its URL),
-// then shared by every thread.
+// Compiled on first use, then shared by every thread. It turns itself into
+// machine code only in a process that parses many URLs (a client parses one
+// per load); a helper that parses one or two never pays for that.
 const RegularExpression& uriReferenceGrammar()
 {
-    static const auto grammar = [] {
-        auto made = RegularExpression::create(kURIReferenceGrammar, RegularExpression::AllowCommentsAndWhitespace);
-        made->compileForRepeatedUse();
-        return made;
-    }();
+    static const auto grammar = RegularExpression::create(kURIReferenceGrammar, RegularExpression::AllowCommentsAndWhitespace);
     return *grammar;
 }
 

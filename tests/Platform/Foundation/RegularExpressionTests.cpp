@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <barrier>
 #include <string>
 #include <thread>
 #include <utility>
@@ -41,6 +42,94 @@ TEST(RegularExpressionMachineCode, MatchesAsTheInterpreterDoes)
         EXPECT_EQ(compiled->numberOfMatches(subject), interpreted->numberOfMatches(subject));
     }
     EXPECT_TRUE(compiled->firstMatch(deep));
+}
+
+bool machineCodeAvailable()
+{
+    const auto probe = RegularExpression::create("a", 0);
+    probe->compileForRepeatedUse();
+    return probe->runsMachineCode();
+}
+
+struct Outcome {
+    bool matched;
+    std::vector<std::pair<std::size_t, std::size_t>> spans;
+    std::size_t count;
+    bool operator==(const Outcome&) const = default;
+};
+
+Outcome outcome(const RegularExpression& expression, const std::string& subject)
+{
+    const auto match = expression.firstMatch(subject);
+    return {match.has_value(), match ? spans(*match) : decltype(Outcome::spans){}, expression.numberOfMatches(subject)};
+}
+
+const std::vector<std::string> kSubjects = {"k=v; key2=value2", "=v", "no pairs here", "a=\u00e9\u00e8;b=\xff\xfe;c=d"};
+constexpr const char* kPairs = "(\\w+)=(\\w*)(;)?";
+
+// A program that matches a few times never pays for machine code; one that
+// matches often gets it, and its answers do not change at the switch.
+TEST(RegularExpressionMachineCode, ComesAfterManyMatchesWithTheSameAnswers)
+{
+    if (!machineCodeAvailable()) {
+        GTEST_SKIP() << "PCRE2 without JIT support";
+    }
+    const auto expression = RegularExpression::create(kPairs, 0);
+    ASSERT_TRUE(expression);
+    std::vector<Outcome> interpreted;
+    for (const auto& subject : kSubjects) {
+        interpreted.push_back(outcome(*expression, subject));
+    }
+    EXPECT_TRUE(interpreted[0].matched && interpreted[0].count == 2);
+    EXPECT_FALSE(expression->runsMachineCode());
+
+    std::size_t rounds = 0;
+    while (!expression->runsMachineCode() && rounds < 100) {
+        for (std::size_t index = 0; index < kSubjects.size(); ++index) {
+            ASSERT_EQ(outcome(*expression, kSubjects[index]), interpreted[index]) << rounds;
+        }
+        ++rounds;
+    }
+    ASSERT_TRUE(expression->runsMachineCode());
+    // Four subjects, each matched at least twice a round: some ten rounds.
+    EXPECT_GT(rounds, 2u);
+    for (std::size_t index = 0; index < kSubjects.size(); ++index) {
+        EXPECT_EQ(outcome(*expression, kSubjects[index]), interpreted[index]) << kSubjects[index];
+    }
+}
+
+// Threads matching one expression while one of them compiles it to machine
+// code all get the interpreter's answers, and none sees half-made code.
+TEST(RegularExpressionMachineCode, ThreadsMatchAcrossTheSwitch)
+{
+    const auto reference = RegularExpression::create(kPairs, 0);
+    const auto shared = RegularExpression::create(kPairs, 0);
+    ASSERT_TRUE(reference && shared);
+    std::vector<Outcome> expected;
+    for (const auto& subject : kSubjects) {
+        expected.push_back(outcome(*reference, subject));
+    }
+    constexpr int kThreads = 4;
+    std::barrier start(kThreads);
+    std::vector<int> mismatches(kThreads, 0);
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < kThreads; ++thread) {
+        threads.emplace_back([&, thread] {
+            start.arrive_and_wait();
+            for (int round = 0; round < 50; ++round) {
+                for (std::size_t index = 0; index < kSubjects.size(); ++index) {
+                    mismatches[thread] += outcome(*shared, kSubjects[index]) == expected[index] ? 0 : 1;
+                }
+            }
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    for (int thread = 0; thread < kThreads; ++thread) {
+        EXPECT_EQ(mismatches[thread], 0) << thread;
+    }
+    EXPECT_EQ(shared->runsMachineCode(), machineCodeAvailable());
 }
 
 // Each thread matches with working memory of its own, which grows for an
