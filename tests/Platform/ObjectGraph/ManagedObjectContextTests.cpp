@@ -296,6 +296,38 @@ TEST_P(ParentAndChild, AChildSeesItsParentsUnsavedChangesAndPushesUpdatesAndDele
     EXPECT_THAT(names(fetchAll(rootContext(), "Department")), ElementsAre("Support", "Unsaved"));
 }
 
+// What the parent took becomes the child's committed state: a later edit in
+// the child is a change against the pushed values, and it reaches the parent
+// only with the next save, alone.
+TEST_P(ParentAndChild, WhatAChildPushedIsItsCommittedStateAndTheParentsOwnCopy)
+{
+    auto root = rootContext();
+    auto child = childOf(root);
+    const std::string longName = "A department name too long to be stored inside the string itself";
+    auto sales = insert(child, "Department", {{"name", longName}, {"budget", 10.0}});
+    save(child);
+    EXPECT_THAT(sales->changedValues().keys(), IsEmpty());
+
+    sales->setValueForKey(20.0, "budget");
+    EXPECT_EQ(sales->changedValues().keys(), std::vector<std::string>{"budget"});
+    EXPECT_EQ(sales->committedValuesForKeys({"budget", "name"}).get("budget"), Value(10.0));
+    EXPECT_EQ(sales->committedValuesForKeys({"budget", "name"}).get("name"), Value(longName));
+    auto parentsSales = root->objectRegisteredForID(sales->objectID());
+    ASSERT_NE(parentsSales, nullptr);
+    EXPECT_EQ(parentsSales->valueForKey("budget"), Value(10.0));
+    EXPECT_EQ(parentsSales->valueForKey("name"), Value(longName));
+
+    // The parent changes the name meanwhile; the child's update carries only
+    // the budget, so the parent's name stays.
+    parentsSales->setValueForKey("Sales EMEA", "name");
+    save(child);
+    EXPECT_EQ(parentsSales->valueForKey("budget"), Value(20.0));
+    EXPECT_EQ(parentsSales->valueForKey("name"), Value("Sales EMEA"));
+    EXPECT_THAT(sales->changedValues().keys(), IsEmpty());
+    EXPECT_EQ(sales->committedValuesForKeys({"budget"}).get("budget"), Value(20.0));
+    EXPECT_EQ(sales->valueForKey("name"), Value(longName));
+}
+
 TEST_P(ParentAndChild, ObtainingPermanentIDsEarlyKeepsThemThroughTheSave)
 {
     auto root = rootContext();
