@@ -21,6 +21,8 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -49,40 +51,45 @@ std::string titles(const std::optional<std::vector<platform::ManagedObjectRef>>&
     return text;
 }
 
-}  // namespace
-
-int main(int argc, char** argv)
+// The number of notes asked for, or nothing when the argument is not one.
+std::optional<std::int64_t> noteCount(int argc, char** argv)
 {
     std::int64_t count = 5000;
     if (argc > 1) {
         const char* end = argv[1] + std::strlen(argv[1]);
         if (std::from_chars(argv[1], end, count).ptr != end || count < 1 || count > 10'000'000) {
-            std::fprintf(stderr, "usage: notes-example [COUNT]   (1 to 10000000 notes)\n");
-            return 2;
+            return std::nullopt;
         }
     }
+    return count;
+}
 
-    // 1. The default store: model and location come from the main bundle.
+// 1. The default store: model and location come from the main bundle.
+QMCoreDataStoreRef openDefaultStore(ErrorRef* error)
+{
     const auto store = QMCoreDataStore::defaultStoreWithSqliteStoreType();
-    ErrorRef error;
-    if (!store->initialize(&error)) {
-        return fail("cannot open the store", error);
+    if (!store->initialize(error)) {
+        return nullptr;
     }
     notes::registerWellKnownContexts(*store);
     QMCoreDataStoreManager::sharedManager()->setDefaultStore(store);
     std::printf("Store:  %s\n", store->storeURL()->path().c_str());
     std::printf("        model %s\n", store->managedObjectModelURL().path().c_str());
+    return store;
+}
 
-    // 2. The import, on a thread of its own. Its save reaches the main
-    //    context as a merge queued on the main queue; a block queued after the
-    //    save therefore runs once the merge has.
-    const auto main = mainContext();
+// 2. The import, on a thread of its own. Its save reaches the main context as
+//    a merge queued on the main queue; a block queued after the save therefore
+//    runs once the merge has. Answers how many notes the main context holds.
+std::optional<std::size_t> importOnWorker(const platform::ManagedObjectContextRef& main, std::int64_t count,
+                                          ErrorRef* error)
+{
     bool imported = false;
     bool done = false;
     double importMilliseconds = 0;
     std::thread worker([&] {
         const auto start = std::chrono::steady_clock::now();
-        imported = notes::importNotes(0, count, &error);
+        imported = notes::importNotes(0, count, error);
         importMilliseconds = millisecondsSince(start);
         main->performBlock([&] { done = true; });
     });
@@ -92,15 +99,20 @@ int main(int argc, char** argv)
     }
     worker.join();
     if (!imported) {
-        return fail("the import failed", error);
+        return std::nullopt;
     }
     std::printf("Import: %lld notes inserted on a worker context and saved with saveRecursive\n"
                 "        (worker -> master background -> persistent store context -> file) in %.0f ms\n",
                 static_cast<long long>(count), importMilliseconds);
     const std::size_t merged = main->registeredObjects().size();
     std::printf("Merge:  the master background context's save brought %zu notes into the main context\n", merged);
+    return merged;
+}
 
-    // 3. Fetching on the main context (this thread) with the entity helpers.
+// 3. Fetching on the main context (this thread) with the entity helpers.
+int fetchOnMain(const platform::ManagedObjectContextRef& main, std::int64_t count, std::size_t merged)
+{
+    ErrorRef error;
     const auto pinned = platform::Predicate::predicateWithFormat("pinned == %@", {true});
     const auto byNumber = platform::SortDescriptor::create("number", false);
     const auto all = countAll("Note", &error);
@@ -119,16 +131,46 @@ int main(int argc, char** argv)
                 "        fetchFirstByAttribute(title = \"Note 42\"): %s\n",
                 all, pinnedCount, titles(lastPinned).c_str(),
                 found ? ("number " + found->valueForKey("number").description()).c_str() : "none");
+    return 0;
+}
 
-    // 4. Closing: no context or merge stays registered, the file goes.
+// 4. Closing: no context or merge stays registered, the file goes.
+int closeAndRemove(const QMCoreDataStoreRef& store)
+{
     QMCoreDataStoreManager::sharedManager()->setDefaultStore(nullptr);
     store->uninitialize();
     for (const auto& persistentStore : store->persistentStoreCoordinator()->persistentStores()) {
         (void)store->persistentStoreCoordinator()->removePersistentStore(persistentStore);
     }
+    ErrorRef error;
     if (!store->deleteStoreFile(&error)) {
         return fail("cannot remove the store file", error);
     }
     std::printf("Closed: contexts and merges unregistered, store file removed\n");
     return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    const auto count = noteCount(argc, argv);
+    if (!count) {
+        std::fprintf(stderr, "usage: notes-example [COUNT]   (1 to 10000000 notes)\n");
+        return 2;
+    }
+    ErrorRef error;
+    const auto store = openDefaultStore(&error);
+    if (!store) {
+        return fail("cannot open the store", error);
+    }
+    const auto main = mainContext();
+    const auto merged = importOnWorker(main, *count, &error);
+    if (!merged) {
+        return fail("the import failed", error);
+    }
+    if (const int status = fetchOnMain(main, *count, *merged); status != 0) {
+        return status;
+    }
+    return closeAndRemove(store);
 }
