@@ -67,22 +67,25 @@ platform::MutableURLRequestRef QMHTTPClient::URLRequestForRequest(const QMHTTPRe
     if (!request->URL()) {
         return nullptr;
     }
-    auto URL = request->URL();
+    // The request's own URL unless parameters go into the query: then the
+    // URL is made again from the text with the query appended.
+    std::optional<platform::URL> URLWithQuery;
     if (request->params() && (request->isGETRequest() || request->isDELETERequest())) {
         const auto query = URLEncodedQueryString(*request->params());
         if (!query.empty()) {
-            auto URLString = URL->absoluteString();
+            auto URLString = request->URL()->absoluteString();
             if (URLString.find('?') == std::string::npos) {
                 URLString += "?";
             }
             URLString += query;
-            URL = platform::URL::fromString(URLString);
+            URLWithQuery = platform::URL::fromString(URLString);
+            if (!URLWithQuery) {
+                return nullptr;
+            }
         }
     }
-    if (!URL) {
-        return nullptr;
-    }
-    auto URLRequest = platform::MutableURLRequest::create(*URL, platform::URLRequestCachePolicy::ReloadIgnoringLocalCacheData,
+    auto URLRequest = platform::MutableURLRequest::create(URLWithQuery ? std::move(*URLWithQuery) : *request->URL(),
+                                                          platform::URLRequestCachePolicy::ReloadIgnoringLocalCacheData,
                                                           TimeoutInterval);
     if (request->method()) {
         URLRequest->setHTTPMethod(*request->method());
@@ -108,8 +111,9 @@ platform::URLConnectionRef QMHTTPClient::URLConnectionForRequest(const QMHTTPReq
     if (!URLRequest) {
         return nullptr;
     }
-    return platform::URLConnection::create(URLRequest->copy(),
-                                           std::static_pointer_cast<QMHTTPClient>(shared_from_this()), false);
+    // Nothing else holds the request, so the connection may have it as it is:
+    // no copy is needed to keep it from changing under the load.
+    return platform::URLConnection::create(URLRequest, std::static_pointer_cast<QMHTTPClient>(shared_from_this()), false);
 }
 
 void QMHTTPClient::send()
