@@ -26,6 +26,13 @@ QMRESTAPIRequestRef QMRESTAPIRequest::create(QMRESTAPIRequestOperationRef reques
     return QMRESTAPIRequestRef(new QMRESTAPIRequest(std::move(requestOperation)), platform::ObjectDeleter());
 }
 
+void QMRESTAPIRequest::setRequestOperation(QMRESTAPIRequestOperationRef operation)
+{
+    willChangeValueForKey("requestOperation");
+    requestOperation_ = std::move(operation);
+    didChangeValueForKey("requestOperation");
+}
+
 platform::URL QMRESTAPIRequest::URL() const
 {
     return requestOperation_->request()->url();
@@ -96,4 +103,10 @@ std::vector<std::string> QMRESTAPIRequest::keyPathsForValuesAffectingValueForKey
         return {"requestOperation.executing"};
     }
     return Object::keyPathsForValuesAffectingValueForKey(key);
+}
+
+// The setter announces its own change.
+bool QMRESTAPIRequest::automaticallyNotifiesObserversForKey(std::string_view key) const
+{
+    return key != "requestOperation" && Object::automaticallyNotifiesObserversForKey(key);
 }
