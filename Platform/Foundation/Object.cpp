@@ -231,6 +231,13 @@ std::vector<std::string> keysOfPath(const std::string& keyPath)
 // the thread that made it. The owner's own key needs no observing: the owner
 // reports a change of it to the dependent key's observers itself, and then
 // has the path followed anew from the object the key now holds.
+//
+// The will is passed on at the related object's prior notification and the
+// did at its notification after the change, so observers of the dependent
+// key get its value from before and after. A follower let go between the two
+// (its last observer removed meanwhile) hears no "after" and leaves that
+// will unanswered on the changing thread, where a later pair of the same key
+// still nests correctly.
 class PathFollower final : public Object {
 public:
     PathFollower(Object& owner, PathDependency dependency)

@@ -74,11 +74,13 @@ void QMRESTAPIRequest::waitUntilFinished()
 const platform::PropertyTable& QMRESTAPIRequest::propertyTable() const
 {
     using Request = QMRESTAPIRequest;
+    // Bindings read these when the operation changes, also to nothing by
+    // key-value coding: without one the view shows nothing and is not loading.
     static const auto table = platform::PropertyTable::extending<Request>(Object::propertyTable(), {
-        {"URL", [](const Request& request) { return Value(request.URL()); }},
-        {"headers", [](const Request& request) { return Value(request.headers()); }},
-        {"body", [](const Request& request) { return Value(request.body()); }},
-        {"loading", [](const Request& request) { return Value(request.isLoading()); }},
+        {"URL", [](const Request& request) { return request.requestOperation_ ? Value(request.URL()) : Value(); }},
+        {"headers", [](const Request& request) { return request.requestOperation_ ? Value(request.headers()) : Value(); }},
+        {"body", [](const Request& request) { return request.requestOperation_ ? Value(request.body()) : Value(); }},
+        {"loading", [](const Request& request) { return request.requestOperation_ && request.isLoading(); }},
         {"cancelled", [](const Request& request) { return Value(request.isCancelled()); }},
         {"requestOperation", [](const Request& request) { return Value(request.requestOperation()); },
          [](Request& request, const Value& value) {

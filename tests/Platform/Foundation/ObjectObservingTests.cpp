@@ -559,4 +559,36 @@ TEST(KeyValueObservingThreads, ObserversComeAndGoWhileAnotherThreadChangesTheObj
     EXPECT_EQ(person->observationCount(), 0u);
 }
 
+// A dependency through a relationship while the related objects change on
+// another thread and the relationship changes here: the path is followed
+// anew under way, observers that went are never called, and nothing is left
+// on the related objects once the last observer has gone. (No old or new
+// values are asked for: the test's objects are not themselves thread-safe.)
+TEST(KeyValueObservingThreads, ARelationshipChangesHereWhileItsObjectsChangeOnAnotherThread)
+{
+    auto person = std::make_shared<Person>();
+    const std::vector<std::shared_ptr<Person>> partners{std::make_shared<Person>(), std::make_shared<Person>()};
+    std::atomic<int> callsAfterDeath = 0;
+    std::atomic<bool> stop = false;
+    std::atomic<int> writes = 0;
+    std::thread namer([&] {
+        while (!stop.load()) {
+            const int write = writes.fetch_add(1);
+            partners[write % 2]->setValueForKey(std::to_string(write), "first");
+        }
+    });
+    for (int round = 0; round < 300 || writes.load() < 2000; ++round) {
+        auto observer = std::make_shared<GuardedObserver>(callsAfterDeath);
+        person->addObserver(observer, "partnerName");
+        person->setValueForKey(Value(partners[round % 2]), "partner");
+        person->removeObserver(*observer, "partnerName");
+    }
+    stop.store(true);
+    namer.join();
+    EXPECT_EQ(callsAfterDeath.load(), 0);
+    for (const auto& partner : partners) {
+        EXPECT_EQ(partner->observationCount(), 0u);
+    }
+}
+
 }  // namespace

@@ -67,10 +67,10 @@ TEST(QMRESTAPIRequestTest, EachBoundKeyHearsOfTheOperationAndOfTheKeyItDependsOn
         operation->didChangeValueForKey(key);
     };
 
+    first->request()->setHTTPBody(Data{'o', 'n', 'e'});
     std::vector<std::string> expected;
     for (const auto& [key, operationKey] : dependencies) {
         SCOPED_TRACE(operationKey);
-        first->request()->setHTTPBody(Data{'o', 'n', 'e'});
         announce(first, operationKey);
         expected.push_back(key + "=" + request->valueForKey(key).description());
         EXPECT_EQ(recorder->seen(), expected);
@@ -88,6 +88,12 @@ TEST(QMRESTAPIRequestTest, EachBoundKeyHearsOfTheOperationAndOfTheKeyItDependsOn
     request->setValueForKey(platform::Value(first), "requestOperation");
     EXPECT_EQ(recorder->seen().back(), "loading=0");
     EXPECT_EQ(recorder->seen().size(), expected.size() + 9);
+
+    // Set to nothing, the view shows nothing.
+    request->setValueForKey(platform::Value(), "requestOperation");
+    ASSERT_EQ(recorder->seen().size(), expected.size() + 13);
+    EXPECT_EQ(recorder->seen()[expected.size() + 9], "URL=<null>");
+    EXPECT_EQ(recorder->seen().back(), "loading=0");
 
     for (const auto& [key, operationKey] : dependencies) {
         request->removeObserver(*recorder, key);
