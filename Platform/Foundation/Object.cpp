@@ -136,6 +136,44 @@ bool anyWants(const std::vector<ObservanceRef>& observances, KeyValueObservingOp
                        [option](const ObservanceRef& observance) { return observance->wants(option); });
 }
 
+// The key of the object itself that a dependency names: "operation.URL"
+// changes when "operation" does.
+std::string_view localKey(std::string_view keyPath)
+{
+    return keyPath.substr(0, keyPath.find('.'));
+}
+
+// Visits the dependencies declared for `key`, directly or through other
+// keys of the object, each key's once: `visit` is given the key that
+// declares a dependency and the dependency, and ends the walk by answering
+// true, which is then the answer.
+template <typename Visit>
+bool walkDependencies(const Object& object, const std::string& key, Visit visit)
+{
+    std::set<std::string, std::less<>> visited{key};
+    std::vector<std::string> frontier{key};
+    while (!frontier.empty()) {
+        const auto current = std::move(frontier.back());
+        frontier.pop_back();
+        for (const auto& source : object.keyPathsForValuesAffectingValueForKey(current)) {
+            if (visit(current, source)) {
+                return true;
+            }
+            if (const auto local = localKey(source); visited.insert(std::string(local)).second) {
+                frontier.emplace_back(local);
+            }
+        }
+    }
+    return false;
+}
+
+// Whether a change of `key` changes `candidate`.
+bool affects(const Object& object, const std::string& candidate, std::string_view key)
+{
+    return walkDependencies(object, candidate,
+                            [key](const std::string&, const std::string& source) { return localKey(source) == key; });
+}
+
 // The key itself, then each observed key that depends on it, directly or
 // through other keys.
 std::vector<std::string> keysAffectedBy(const Object& object, const std::string& key,
@@ -144,31 +182,182 @@ std::vector<std::string> keysAffectedBy(const Object& object, const std::string&
     std::vector<std::string> affected{key};
     for (const auto& observance : observances) {
         const auto& candidate = observance->keyPath;
-        if (std::find(affected.begin(), affected.end(), candidate) != affected.end()) {
-            continue;
-        }
-        std::set<std::string, std::less<>> visited{candidate};
-        std::vector<std::string> frontier{candidate};
-        bool depends = false;
-        while (!frontier.empty() && !depends) {
-            const auto sources = object.keyPathsForValuesAffectingValueForKey(frontier.back());
-            frontier.pop_back();
-            for (const auto& source : sources) {
-                if (source == key) {
-                    depends = true;
-                    break;
-                }
-                if (visited.insert(source).second) {
-                    frontier.push_back(source);
-                }
-            }
-        }
-        if (depends) {
+        if (std::find(affected.begin(), affected.end(), candidate) == affected.end()
+            && affects(object, candidate, key)) {
             affected.push_back(candidate);
         }
     }
     return affected;
 }
+
+// A dependency that runs through a relationship, and the key that declares it.
+struct PathDependency {
+    std::string dependentKey;
+    std::string keyPath;
+    bool operator==(const PathDependency&) const = default;
+};
+
+// The dotted dependencies behind `key`: its own, and those of the keys of
+// the object that it depends on.
+std::vector<PathDependency> pathDependencies(const Object& object, const std::string& key)
+{
+    std::vector<PathDependency> found;
+    walkDependencies(object, key, [&found](const std::string& dependentKey, const std::string& source) {
+        PathDependency dependency{dependentKey, source};
+        if (localKey(source).size() != source.size()
+            && std::find(found.begin(), found.end(), dependency) == found.end()) {
+            found.push_back(std::move(dependency));
+        }
+        return false;
+    });
+    return found;
+}
+
+std::vector<std::string> keysOfPath(const std::string& keyPath)
+{
+    std::vector<std::string> keys;
+    std::size_t start = 0;
+    for (auto dot = keyPath.find('.'); dot != std::string::npos; dot = keyPath.find('.', start)) {
+        keys.push_back(keyPath.substr(start, dot - start));
+        start = dot + 1;
+    }
+    keys.push_back(keyPath.substr(start));
+    return keys;
+}
+
+// Carries a dependency through relationships ("operation.URL" of "URL"): it
+// observes each object along the path past the owner's own key and brackets
+// every change it hears of as a change of the dependent key of its owner, on
+// the thread that made it. The owner's own key needs no observing: the owner
+// reports a change of it to the dependent key's observers itself, and then
+// has the path followed anew from the object the key now holds.
+//
+// The will is passed on at the related object's prior notification and the
+// did at its notification after the change, so observers of the dependent
+// key get its value from before and after. A follower let go between the two
+// (its last observer removed meanwhile) hears no "after" and leaves that
+// will unanswered on the changing thread, where a later pair of the same key
+// still nests correctly.
+class PathFollower final : public Object {
+public:
+    PathFollower(Object& owner, PathDependency dependency)
+        : dependency_(std::move(dependency)), keys_(keysOfPath(dependency_.keyPath)), ownerRef_(owner.weak_from_this()),
+          owner_(&owner), ownerIsShared_(!ownerRef_.expired())
+    {
+    }
+
+    const PathDependency& dependency() const { return dependency_; }
+    // The owner's own key, where the path starts.
+    const std::string& firstKey() const { return keys_.front(); }
+
+    // Observes the path again from the link at `level` on (0: from the
+    // owner's own key), where the objects along it may have changed. A link
+    // that is not an object, or a key that an object does not have, ends
+    // the path there: it is followed only as far as it resolves.
+    void relink(std::size_t level)
+    {
+        std::lock_guard lock(mutex_);
+        if (detached_) {
+            return;
+        }
+        unlinkFrom(level);
+        ObjectRef holding;
+        const Object* holder = owner_;
+        if (level > 0) {
+            holding = links_[level - 1].object.lock();
+            holder = holding.get();
+        }
+        const auto self = shared_from_this();
+        for (auto index = level; holder != nullptr && index + 1 < keys_.size(); ++index) {
+            ObjectRef next;
+            try {
+                next = holder->valueForKey(keys_[index]).object();
+            } catch (const Exception&) {
+            }
+            if (!next) {
+                break;
+            }
+            next->addObserver(self, keys_[index + 1], NSKeyValueObservingOptionPrior, this);
+            links_.push_back({next, next.get()});
+            holding = std::move(next);
+            holder = holding.get();
+        }
+    }
+
+    void detach()
+    {
+        std::lock_guard lock(mutex_);
+        detached_ = true;
+        unlinkFrom(0);
+    }
+
+    void observeValueForKeyPath(const std::string& keyPath, const ObjectRef& object, const Dictionary& change,
+                                void* context) override
+    {
+        if (context != this) {
+            Object::observeValueForKeyPath(keyPath, object, change, context);
+            return;
+        }
+        std::optional<std::size_t> level;
+        {
+            std::lock_guard lock(mutex_);
+            for (std::size_t index = 0; index < links_.size() && !detached_; ++index) {
+                if (links_[index].identity == object.get() && keys_[index + 1] == keyPath) {
+                    level = index;
+                    break;
+                }
+            }
+        }
+        const auto owner = lockedOwner();
+        if (!level || !owner) {
+            return;
+        }
+        if (change.get(NSKeyValueChangeNotificationIsPriorKey) == Value(true)) {
+            owner->willChangeValueForKey(dependency_.dependentKey);
+        } else {
+            relink(*level + 1);
+            owner->didChangeValueForKey(dependency_.dependentKey);
+        }
+    }
+
+private:
+    struct Link {
+        std::weak_ptr<Object> object;
+        const Object* identity;  // compared, never dereferenced
+    };
+
+    // The owner while it lives. One that no shared_ptr owned when the path
+    // was first followed (on the stack) is taken as it is: it outlives its
+    // own observations.
+    ObjectRef lockedOwner() const
+    {
+        if (ownerIsShared_) {
+            return ownerRef_.lock();
+        }
+        return ObjectRef(ObjectRef(), owner_);
+    }
+
+    void unlinkFrom(std::size_t level)
+    {
+        for (auto index = level; index < links_.size(); ++index) {
+            if (const auto link = links_[index].object.lock()) {
+                link->removeObserver(*this, keys_[index + 1], this);
+            }
+        }
+        links_.resize(std::min(level, links_.size()));
+    }
+
+    const PathDependency dependency_;
+    const std::vector<std::string> keys_;
+    const std::weak_ptr<Object> ownerRef_;
+    Object* const owner_;
+    const bool ownerIsShared_;
+    std::mutex mutex_;
+    // links_[i] is the object whose key keys_[i + 1] is observed.
+    std::vector<Link> links_;
+    bool detached_ = false;
+};
+using PathFollowerRef = std::shared_ptr<PathFollower>;
 
 }  // namespace
 
@@ -180,6 +369,27 @@ struct Object::SideTable {
     // The number of observances, read without the lock so that a change of
     // an object nobody observes costs two loads.
     std::atomic<std::size_t> observanceCount{0};
+    // One follower per dependency through a relationship that an observed
+    // key has; `followerCount` read as `observanceCount` is. Followers are
+    // made and let go under `followersMutex`, so that an observer that comes
+    // while another goes never loses one.
+    std::mutex followersMutex;
+    std::vector<PathFollowerRef> followers;
+    std::atomic<std::size_t> followerCount{0};
+
+    // The followers whose path starts at a key that a change of `key` changes.
+    std::vector<PathFollowerRef> followersAfterChangeOf(const Object& object, std::string_view key)
+    {
+        std::vector<PathFollowerRef> all;
+        {
+            std::lock_guard lock(mutex);
+            all = followers;
+        }
+        std::erase_if(all, [&](const PathFollowerRef& follower) {
+            return follower->firstKey() != key && !affects(object, follower->firstKey(), key);
+        });
+        return all;
+    }
 
     // The registrations whose observers are still alive; the others are
     // dropped on the way.
@@ -444,6 +654,7 @@ void Object::addObserver(const ObjectRef& observer, std::string keyPath, KeyValu
         table.observances.push_back(observance);
         table.observanceCount.store(table.observances.size(), std::memory_order_release);
     }
+    followPathDependencies(observance->keyPath);
     if (observance->wants(NSKeyValueObservingOptionInitial)) {
         Dictionary change{{NSKeyValueChangeKindKey, static_cast<std::uint32_t>(KeyValueChange::Setting)}};
         if (observance->wants(NSKeyValueObservingOptionNew)) {
@@ -475,6 +686,69 @@ void Object::removeObserver(const Object& observer, std::string_view keyPath, st
                                                + std::string(keyPath) + "\" of " + description() + ".");
     }
     removed->removed.store(true, std::memory_order_release);
+    dropUnneededFollowers();
+}
+
+void Object::followPathDependencies(const std::string& key)
+{
+    const auto dependencies = pathDependencies(*this, key);
+    if (dependencies.empty()) {
+        return;
+    }
+    auto& table = sideTable();
+    std::lock_guard guard(table.followersMutex);
+    for (const auto& dependency : dependencies) {
+        PathFollowerRef made;
+        {
+            std::lock_guard lock(table.mutex);
+            const auto existing = std::find_if(table.followers.begin(), table.followers.end(),
+                                               [&](const PathFollowerRef& follower) { return follower->dependency() == dependency; });
+            if (existing != table.followers.end()) {
+                continue;
+            }
+            made = std::make_shared<PathFollower>(*this, dependency);
+            table.followers.push_back(made);
+            table.followerCount.store(table.followers.size(), std::memory_order_release);
+        }
+        made->relink(0);
+    }
+}
+
+void Object::dropUnneededFollowers()
+{
+    auto* table = existingSideTable();
+    if (table == nullptr || table->followerCount.load(std::memory_order_acquire) == 0) {
+        return;
+    }
+    std::lock_guard guard(table->followersMutex);
+    std::set<std::string, std::less<>> observedKeys;
+    {
+        std::lock_guard lock(table->mutex);
+        for (const auto& observance : table->observances) {
+            observedKeys.insert(observance->keyPath);
+        }
+    }
+    std::vector<PathDependency> needed;
+    for (const auto& key : observedKeys) {
+        for (auto& dependency : pathDependencies(*this, key)) {
+            needed.push_back(std::move(dependency));
+        }
+    }
+    std::vector<PathFollowerRef> unneeded;
+    {
+        std::lock_guard lock(table->mutex);
+        std::erase_if(table->followers, [&](const PathFollowerRef& follower) {
+            if (std::find(needed.begin(), needed.end(), follower->dependency()) != needed.end()) {
+                return false;
+            }
+            unneeded.push_back(follower);
+            return true;
+        });
+        table->followerCount.store(table->followers.size(), std::memory_order_release);
+    }
+    for (const auto& follower : unneeded) {
+        follower->detach();
+    }
 }
 
 void Object::observeValueForKeyPath(const std::string& keyPath, const ObjectRef& object, const Dictionary& change,
@@ -603,6 +877,14 @@ void Object::endChange(std::string_view key, bool notify)
     }
     PendingChange change = std::move(*found);
     stack.erase(std::next(found).base());
+    // Paths that run through the changed key lead elsewhere now; they are
+    // followed anew before anyone hears of the change, so that an observer
+    // that changes the new object at once is heard.
+    if (auto* table = existingSideTable(); table != nullptr && table->followerCount.load(std::memory_order_acquire) > 0) {
+        for (const auto& follower : table->followersAfterChangeOf(*this, key)) {
+            follower->relink(0);
+        }
+    }
     if (!notify || change.keys.empty()) {
         return;
     }

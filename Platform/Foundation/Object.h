@@ -31,8 +31,11 @@
 //   removed on another thread while it is being called finishes that call.
 // - Observers are held weakly: an observer that is destroyed without removing
 //   itself is skipped and forgotten, never called after it is gone.
-// - A key path here is one key; dotted paths are not followed through
-//   relationships. Dependent keys come from keyPathsForValuesAffectingValueForKey.
+// - An observed key path is one key. Dependent keys come from
+//   keyPathsForValuesAffectingValueForKey, and a dependency may run through
+//   relationships ("operation.URL"): observers of the dependent key then hear
+//   of changes of "operation" and of "URL" of whatever object "operation"
+//   holds at the time, on the thread that makes them.
 // - An object that is never observed, has no associated objects and no
 //   destruction hooks pays one null pointer: the side table that holds all of
 //   it is allocated on first use.
@@ -189,8 +192,9 @@ public:
     void didChange(KeyValueChange kind, const std::set<std::size_t>& indexes, std::string_view key);
 
     // The keys whose changes also change `key` (a full name that depends on
-    // a first and a last name). Observers of `key` hear of changes of these
-    // too, transitively. Nothing by default.
+    // a first and a last name), or key paths through relationships
+    // ("partner.fullName"). Observers of `key` hear of changes of these too,
+    // transitively. Nothing by default.
     virtual std::vector<std::string> keyPathsForValuesAffectingValueForKey(std::string_view key) const;
     // Whether setValueForKey brackets the change itself; a class whose setter
     // sends will/did on its own answers false for that key.
@@ -230,6 +234,8 @@ private:
     SideTable& sideTable() const;
     SideTable* existingSideTable() const { return sideTable_.load(std::memory_order_acquire); }
     void runDestructionHooks();
+    void followPathDependencies(const std::string& key);
+    void dropUnneededFollowers();
     void beginChange(KeyValueChange kind, std::optional<std::set<std::size_t>> indexes, std::string_view key);
     void endChange(std::string_view key, bool notify);
 

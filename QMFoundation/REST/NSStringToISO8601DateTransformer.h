@@ -6,20 +6,16 @@
 // may serve several threads.
 #pragma once
 
-#include "Platform/Runtime/ValueTransformer.h"
+#include "QMFoundation/REST/QMDateStringTransformer.h"
 
 #include <memory>
 
-class NSStringToISO8601DateTransformer final : public platform::ValueTransformer {
+class NSStringToISO8601DateTransformer final : public QMDateStringTransformer {
 public:
     static std::shared_ptr<NSStringToISO8601DateTransformer> create();
-
-    const platform::Class* transformedValueClass() const override;
-    platform::Value transformedValue(const platform::Value& value) const override;
-    platform::Value reverseTransformedValue(const platform::Value& value) const override;
 
     std::string className() const override { return "NSStringToISO8601DateTransformer"; }
 
 private:
-    NSStringToISO8601DateTransformer() = default;
+    NSStringToISO8601DateTransformer();
 };

@@ -6,20 +6,16 @@
 // may serve several threads.
 #pragma once
 
-#include "Platform/Runtime/ValueTransformer.h"
+#include "QMFoundation/REST/QMDateStringTransformer.h"
 
 #include <memory>
 
-class NSStringToRFC3339DateTransformer final : public platform::ValueTransformer {
+class NSStringToRFC3339DateTransformer final : public QMDateStringTransformer {
 public:
     static std::shared_ptr<NSStringToRFC3339DateTransformer> create();
-
-    const platform::Class* transformedValueClass() const override;
-    platform::Value transformedValue(const platform::Value& value) const override;
-    platform::Value reverseTransformedValue(const platform::Value& value) const override;
 
     std::string className() const override { return "NSStringToRFC3339DateTransformer"; }
 
 private:
-    NSStringToRFC3339DateTransformer() = default;
+    NSStringToRFC3339DateTransformer();
 };

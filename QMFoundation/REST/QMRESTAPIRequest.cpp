@@ -26,6 +26,13 @@ QMRESTAPIRequestRef QMRESTAPIRequest::create(QMRESTAPIRequestOperationRef reques
     return QMRESTAPIRequestRef(new QMRESTAPIRequest(std::move(requestOperation)), platform::ObjectDeleter());
 }
 
+void QMRESTAPIRequest::setRequestOperation(QMRESTAPIRequestOperationRef operation)
+{
+    willChangeValueForKey("requestOperation");
+    requestOperation_ = std::move(operation);
+    didChangeValueForKey("requestOperation");
+}
+
 platform::URL QMRESTAPIRequest::URL() const
 {
     return requestOperation_->request()->url();
@@ -67,11 +74,13 @@ void QMRESTAPIRequest::waitUntilFinished()
 const platform::PropertyTable& QMRESTAPIRequest::propertyTable() const
 {
     using Request = QMRESTAPIRequest;
+    // Bindings read these when the operation changes, also to nothing by
+    // key-value coding: without one the view shows nothing and is not loading.
     static const auto table = platform::PropertyTable::extending<Request>(Object::propertyTable(), {
-        {"URL", [](const Request& request) { return Value(request.URL()); }},
-        {"headers", [](const Request& request) { return Value(request.headers()); }},
-        {"body", [](const Request& request) { return Value(request.body()); }},
-        {"loading", [](const Request& request) { return Value(request.isLoading()); }},
+        {"URL", [](const Request& request) { return request.requestOperation_ ? Value(request.URL()) : Value(); }},
+        {"headers", [](const Request& request) { return request.requestOperation_ ? Value(request.headers()) : Value(); }},
+        {"body", [](const Request& request) { return request.requestOperation_ ? Value(request.body()) : Value(); }},
+        {"loading", [](const Request& request) { return request.requestOperation_ && request.isLoading(); }},
         {"cancelled", [](const Request& request) { return Value(request.isCancelled()); }},
         {"requestOperation", [](const Request& request) { return Value(request.requestOperation()); },
          [](Request& request, const Value& value) {
@@ -96,4 +105,10 @@ std::vector<std::string> QMRESTAPIRequest::keyPathsForValuesAffectingValueForKey
         return {"requestOperation.executing"};
     }
     return Object::keyPathsForValuesAffectingValueForKey(key);
+}
+
+// The setter announces its own change.
+bool QMRESTAPIRequest::automaticallyNotifiesObserversForKey(std::string_view key) const
+{
+    return key != "requestOperation" && Object::automaticallyNotifiesObserversForKey(key);
 }

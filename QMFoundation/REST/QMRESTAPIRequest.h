@@ -2,11 +2,15 @@
 // user-interface bindings: its URL, header fields, body text and whether it
 // is loading.
 //
-// The dependent keys are declared as the bindings have always named them
-// ("requestOperation.URL", "requestOperation.data", "requestOperation.headers",
-// "requestOperation.executing"). The operation has no properties by those
-// names, and key paths here are single keys, so they announce nothing; they
-// are kept so that bindings written against them stay as they are.
+// The dependent keys are declared as the bindings have always named them:
+// "URL" on "requestOperation.URL", "body" on "requestOperation.data",
+// "headers" on "requestOperation.headers" and "loading" on
+// "requestOperation.executing". Observers of each hear of a new operation
+// (setRequestOperation announces itself) and of a change that the operation
+// of the moment announces under the path's last key. The operation itself
+// has no properties by those names and announces its state as
+// "executingValue" only, so a plain operation never does; a subclass that
+// announces them reaches the bindings.
 // `isCancelled` is a stored flag that nothing sets: it is always NO. Read
 // cancellation from the operation.
 //
@@ -41,7 +45,7 @@ public:
     bool isLoading() const;
     bool isCancelled() const { return cancelled_; }
     const QMRESTAPIRequestOperationRef& requestOperation() const { return requestOperation_; }
-    void setRequestOperation(QMRESTAPIRequestOperationRef operation) { requestOperation_ = std::move(operation); }
+    void setRequestOperation(QMRESTAPIRequestOperationRef operation);
 
     void cancel();
     void waitUntilFinished();
@@ -49,6 +53,7 @@ public:
     std::string className() const override { return "QMRESTAPIRequest"; }
     const platform::PropertyTable& propertyTable() const override;
     std::vector<std::string> keyPathsForValuesAffectingValueForKey(std::string_view key) const override;
+    bool automaticallyNotifiesObserversForKey(std::string_view key) const override;
 
 private:
     explicit QMRESTAPIRequest(QMRESTAPIRequestOperationRef requestOperation);

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cmath>
+#include <memory>
 #include <string_view>
 
 namespace platform::urlloading_internal {
@@ -38,6 +39,35 @@ bool isLoadableScheme(const URL& url)
 bool isFollowedRedirect(std::int64_t status)
 {
     return status == 301 || status == 302 || status == 303 || status == 307 || status == 308;
+}
+
+// Where a redirect leads: its location resolved against the URL that
+// answered and encoded as libcurl encodes a location it follows itself;
+// nothing when the location names no URL. (libcurl's own resolution,
+// CURLINFO_REDIRECT_URL, comes only once the transfer is done, too late to
+// keep the body of an answer that turns out not to be followed.)
+struct RedirectTarget {
+    std::string text;
+    URL url;
+};
+std::optional<RedirectTarget> redirectTarget(CURL* easy, const std::string& location)
+{
+    const char* answered = nullptr;
+    curl_easy_getinfo(easy, CURLINFO_EFFECTIVE_URL, &answered);
+    const std::unique_ptr<CURLU, decltype(&curl_url_cleanup)> resolver(curl_url(), curl_url_cleanup);
+    char* resolved = nullptr;
+    if (answered == nullptr || !resolver || curl_url_set(resolver.get(), CURLUPART_URL, answered, 0) != CURLUE_OK
+        || curl_url_set(resolver.get(), CURLUPART_URL, location.c_str(), CURLU_URLENCODE | CURLU_ALLOW_SPACE) != CURLUE_OK
+        || curl_url_get(resolver.get(), CURLUPART_URL, &resolved, 0) != CURLUE_OK) {
+        return std::nullopt;
+    }
+    std::string text(resolved);
+    curl_free(resolved);
+    auto url = URL::fromString(text);
+    if (!url) {
+        return std::nullopt;
+    }
+    return RedirectTarget{std::move(text), std::move(*url)};
 }
 
 // Scheme, host (without regard to case) and port, the default one spelled out.
@@ -270,7 +300,12 @@ void Transfer::readHeaderLine(std::string_view line)
         return;
     }
     if (trimmed(line).empty()) {
-        redirecting_ = isFollowedRedirect(statusCode_) && fieldIndex_.contains("location");
+        // Decided before the body comes, which is dropped only when the
+        // redirect is followed: one whose location names nowhere is the
+        // answer, delivered as it came.
+        const auto location = fieldIndex_.find("location");
+        redirecting_ = isFollowedRedirect(statusCode_) && location != fieldIndex_.end()
+            && redirectTarget(easy_, headerFields_[location->second].second);
         return;
     }
     if (line.starts_with(' ') || line.starts_with('\t')) {
@@ -341,17 +376,14 @@ void Transfer::recordResponseOnce()
 bool Transfer::finish(CURLcode result)
 {
     if (result == CURLE_OK && redirecting_) {
-        const char* target = nullptr;
-        curl_easy_getinfo(easy_, CURLINFO_REDIRECT_URL, &target);
-        if (const auto next = target != nullptr ? URL::fromString(target) : std::nullopt) {
-            if (const auto refusal = refusalToFollow(*next)) {
+        if (const auto next = redirectTarget(easy_, headerFields_[fieldIndex_.at("location")].second)) {
+            if (const auto refusal = refusalToFollow(next->url)) {
                 fail(*refusal);
                 return false;
             }
-            followRedirect(target, *next);
+            followRedirect(next->text, next->url);
             return true;
         }
-        // A location that names nowhere: the redirect is the answer.
     }
     if (result == CURLE_OK) {
         recordResponseOnce();

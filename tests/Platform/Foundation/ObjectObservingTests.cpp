@@ -19,6 +19,7 @@ public:
     std::string last = "Lovelace";
     Array items;
     std::int64_t manual = 0;
+    std::shared_ptr<Person> partner;
 
     const PropertyTable& propertyTable() const override
     {
@@ -36,6 +37,9 @@ public:
             {"failing", [](const Person&) { return Value(); },
              [](Person&, const Value&) { throw std::runtime_error("refused"); }},
             {"nothing", [](const Person&) { return Value(); }, [](Person&, const Value&) {}},
+            {"partner", [](const Person& p) { return Value(p.partner); },
+             [](Person& p, const Value& v) { p.partner = v.objectAs<Person>(); }},
+            {"partnerName", [](const Person& p) { return p.partner ? p.partner->valueForKey("fullName") : Value(); }},
         });
         return table;
     }
@@ -47,6 +51,9 @@ public:
         }
         if (key == "greeting") {
             return {"fullName"};
+        }
+        if (key == "partnerName") {
+            return {"partner.fullName"};
         }
         return {};
     }
@@ -176,6 +183,53 @@ TEST(KeyValueObserving, DependentKeysAreNotifiedTransitivelyAfterTheKeyItself)
     recorder->notices.clear();
     person->setValueForKey(Array{}, "items");  // nothing depends on it
     EXPECT_TRUE(recorder->notices.empty());
+}
+
+// "partnerName" depends on "partner.fullName": it changes with the partner,
+// and with the names of whoever is the partner at the time (fullName in turn
+// depends on them), and with no one else's.
+TEST(KeyValueObserving, ADependencyThroughARelationshipFollowsItsCurrentObject)
+{
+    auto person = std::make_shared<Person>();
+    auto grace = std::make_shared<Person>();
+    grace->first = "Grace";
+    grace->last = "Hopper";
+    auto alan = std::make_shared<Person>();
+    alan->first = "Alan";
+    alan->last = "Turing";
+    auto recorder = std::make_shared<Recorder>();
+    person->addObserver(recorder, "partnerName", kNewOld);
+    const auto changes = [&] {
+        std::vector<std::string> seen;
+        for (const auto& notice : recorder->notices) {
+            EXPECT_EQ(notice.object, person.get());
+            seen.push_back(notice.keyPath + ": " + notice.change.get(NSKeyValueChangeOldKey).description() + " -> "
+                           + notice.change.get(NSKeyValueChangeNewKey).description());
+        }
+        recorder->notices.clear();
+        return seen;
+    };
+
+    person->setValueForKey(Value(grace), "partner");
+    grace->setValueForKey("Amazing", "first");
+    grace->setValueForKey("Grace", "first");
+    EXPECT_EQ(changes(), (std::vector<std::string>{"partnerName: <null> -> Grace Hopper",
+                                                   "partnerName: Grace Hopper -> Amazing Hopper",
+                                                   "partnerName: Amazing Hopper -> Grace Hopper"}));
+
+    // The former partner's changes no longer count; the new one's do.
+    person->setValueForKey(Value(alan), "partner");
+    grace->setValueForKey("Ada", "first");
+    alan->setValueForKey("Alonzo", "first");
+    EXPECT_EQ(changes(), (std::vector<std::string>{"partnerName: Grace Hopper -> Alan Turing",
+                                                   "partnerName: Alan Turing -> Alonzo Turing"}));
+    EXPECT_EQ(grace->observationCount(), 0u);
+
+    // With no one observing the dependent key, nothing is left on the partner.
+    person->removeObserver(*recorder, "partnerName");
+    EXPECT_EQ(alan->observationCount(), 0u);
+    alan->setValueForKey("Alan", "first");
+    EXPECT_TRUE(changes().empty());
 }
 
 TEST(KeyValueObserving, RemovalMatchesObserverKeyAndContextAndTakesTheMostRecent)
@@ -503,6 +557,38 @@ TEST(KeyValueObservingThreads, ObserversComeAndGoWhileAnotherThreadChangesTheObj
     EXPECT_EQ(callsAfterDeath.load(), 0);
     person->setValueForKey("x", "first");
     EXPECT_EQ(person->observationCount(), 0u);
+}
+
+// A dependency through a relationship while the related objects change on
+// another thread and the relationship changes here: the path is followed
+// anew under way, observers that went are never called, and nothing is left
+// on the related objects once the last observer has gone. (No old or new
+// values are asked for: the test's objects are not themselves thread-safe.)
+TEST(KeyValueObservingThreads, ARelationshipChangesHereWhileItsObjectsChangeOnAnotherThread)
+{
+    auto person = std::make_shared<Person>();
+    const std::vector<std::shared_ptr<Person>> partners{std::make_shared<Person>(), std::make_shared<Person>()};
+    std::atomic<int> callsAfterDeath = 0;
+    std::atomic<bool> stop = false;
+    std::atomic<int> writes = 0;
+    std::thread namer([&] {
+        while (!stop.load()) {
+            const int write = writes.fetch_add(1);
+            partners[write % 2]->setValueForKey(std::to_string(write), "first");
+        }
+    });
+    for (int round = 0; round < 300 || writes.load() < 2000; ++round) {
+        auto observer = std::make_shared<GuardedObserver>(callsAfterDeath);
+        person->addObserver(observer, "partnerName");
+        person->setValueForKey(Value(partners[round % 2]), "partner");
+        person->removeObserver(*observer, "partnerName");
+    }
+    stop.store(true);
+    namer.join();
+    EXPECT_EQ(callsAfterDeath.load(), 0);
+    for (const auto& partner : partners) {
+        EXPECT_EQ(partner->observationCount(), 0u);
+    }
 }
 
 }  // namespace

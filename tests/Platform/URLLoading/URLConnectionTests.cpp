@@ -256,6 +256,22 @@ TEST_F(URLConnectionTest, ARedirectResendsABodyOnlyWhenItsStatusSaysSo)
     }
 }
 
+// A redirect whose location names nowhere cannot be followed, so it is the
+// answer, delivered as it came: status, fields and body.
+TEST_F(URLConnectionTest, ARedirectThatCannotBeFollowedIsTheAnswerBodyIncluded)
+{
+    for (const auto& [location, escaped] : {std::pair{"http://[bad", "http%3A%2F%2F%5Bbad"},
+                                            std::pair{"http://a b/", "http%3A%2F%2Fa%20b%2F"}}) {
+        SCOPED_TRACE(location);
+        const auto recorder = load(request(server_.url("/redirect?status=301&to=" + std::string(escaped))));
+        EXPECT_EQ(recorder->events, (std::vector<std::string>{"response", "data", "finish"}));
+        ASSERT_TRUE(recorder->response);
+        EXPECT_EQ(recorder->response->statusCode(), 301);
+        EXPECT_EQ(recorder->response->valueForHTTPHeaderField("Location"), location);
+        EXPECT_EQ(recorder->text(), "moved");
+    }
+}
+
 TEST_F(URLConnectionTest, GivesUpOnARedirectLoop)
 {
     const auto recorder = load(request(server_.url("/loop")));

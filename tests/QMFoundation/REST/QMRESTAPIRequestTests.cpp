@@ -2,6 +2,7 @@
 #include "QMFoundation/REST/QMRESTAPIRequest.h"
 
 #include "tests/Support/AssertionCapture.h"
+#include "tests/Support/ChangeRecorder.h"
 
 #include <gtest/gtest.h>
 
@@ -46,6 +47,59 @@ TEST(QMRESTAPIRequestTest, CancelReachesTheOperationButTheViewNeverReadsCancelle
     EXPECT_FALSE(request->isCancelled());
     EXPECT_FALSE(request->isLoading());
     request->waitUntilFinished();  // returns: the operation has finished
+}
+
+// Bindings observe the view's keys. Each depends on a key path through the
+// operation: it changes with a new operation, and with a change that the
+// operation of the moment announces under the path's last key.
+TEST(QMRESTAPIRequestTest, EachBoundKeyHearsOfTheOperationAndOfTheKeyItDependsOn)
+{
+    const auto first = operationFor("https://example.com/first");
+    const auto request = QMRESTAPIRequest::create(first);
+    const auto recorder = testsupport::ChangeRecorder::create();
+    const std::pair<std::string, std::string> dependencies[] = {
+        {"URL", "URL"}, {"body", "data"}, {"headers", "headers"}, {"loading", "executing"}};
+    for (const auto& [key, operationKey] : dependencies) {
+        request->addObserver(recorder, key, platform::NSKeyValueObservingOptionNew);
+    }
+    const auto announce = [](const QMRESTAPIRequestOperationRef& operation, const std::string& key) {
+        operation->willChangeValueForKey(key);
+        operation->didChangeValueForKey(key);
+    };
+
+    first->request()->setHTTPBody(Data{'o', 'n', 'e'});
+    std::vector<std::string> expected;
+    for (const auto& [key, operationKey] : dependencies) {
+        SCOPED_TRACE(operationKey);
+        announce(first, operationKey);
+        expected.push_back(key + "=" + request->valueForKey(key).description());
+        EXPECT_EQ(recorder->seen(), expected);
+    }
+
+    const auto second = operationFor("https://example.com/second");
+    request->setRequestOperation(second);
+    ASSERT_EQ(recorder->seen().size(), expected.size() + 4);
+    EXPECT_EQ(recorder->seen()[expected.size()], "URL=https://example.com/second");
+    announce(first, "URL");  // no longer the view's operation
+    announce(second, "URL");
+    EXPECT_EQ(recorder->seen().size(), expected.size() + 5);
+
+    // Set by key-value coding, the operation is announced the same way.
+    request->setValueForKey(platform::Value(first), "requestOperation");
+    EXPECT_EQ(recorder->seen().back(), "loading=0");
+    EXPECT_EQ(recorder->seen().size(), expected.size() + 9);
+
+    // Set to nothing, the view shows nothing.
+    request->setValueForKey(platform::Value(), "requestOperation");
+    ASSERT_EQ(recorder->seen().size(), expected.size() + 13);
+    EXPECT_EQ(recorder->seen()[expected.size() + 9], "URL=<null>");
+    EXPECT_EQ(recorder->seen().back(), "loading=0");
+
+    for (const auto& [key, operationKey] : dependencies) {
+        request->removeObserver(*recorder, key);
+    }
+    EXPECT_EQ(first->observationCount(), 0u);
+    EXPECT_EQ(second->observationCount(), 0u);
 }
 
 TEST(QMRESTAPIRequestTest, AMissingOperationFailsItsAssertion)

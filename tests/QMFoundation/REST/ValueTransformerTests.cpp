@@ -138,11 +138,13 @@ TEST(ValueTransformerTest, TheSixTransformersAreFoundByNameWithTheirKindsAndDire
 
 TEST(ValueTransformerTest, TimestampTransformersTakeOnlyTextForwardAndOnlyDatesBack)
 {
-    for (const char* name : {"NSStringToRFC3339DateTransformer", "NSStringToISO8601DateTransformer"}) {
+    const std::pair<const char*, std::string> formats[] = {{"NSStringToRFC3339DateTransformer", rfc3339DateString(kSample)},
+                                                           {"NSStringToISO8601DateTransformer", iso8601DateString(kSample)}};
+    for (const auto& [name, sampleText] : formats) {
         SCOPED_TRACE(name);
         const auto dates = transformer(name);
         const Value text = dates->reverseTransformedValue(kSample);
-        ASSERT_TRUE(text.isString());
+        EXPECT_EQ(text, Value(sampleText));  // each in its own format
         EXPECT_EQ(dates->transformedValue(text), Value(kSample));
         for (const Value& other : {Value(), Value::null(), Value(1394014272), Value("yesterday")}) {
             EXPECT_TRUE(dates->transformedValue(other).isNothing()) << other.description();
