@@ -93,6 +93,10 @@ const PropertyTable& EntityDescription::objectPropertyTable() const
     return table_;
 }
 
+// A fault stays under 200 bytes only while the object fits a 128-byte block
+// with its control block (see the members).
+static_assert(sizeof(void*) != 8 || sizeof(ManagedObject) <= 104, "a fault would outgrow its allocation block");
+
 ManagedObject::~ManagedObject() = default;
 
 ManagedObjectRef ManagedObject::create(const EntityDescription& entity, ManagedObjectContext* context)
@@ -161,7 +165,7 @@ ManagedObjectIDRef ManagedObject::objectID() const
     std::lock_guard lock(idLock());
     if (!objectID_ && partsKey_ != 0) {
         // Kept, so that the ID stays one object however often it is asked for.
-        objectID_ = ManagedObjectID::permanentID(*entity_, partsStore_, partsKey_);
+        objectID_ = ManagedObjectID::fromParts(*entity_, partsStore_, partsKey_);
     }
     return objectID_;
 }
@@ -178,7 +182,7 @@ void ManagedObject::setObjectID(ManagedObjectIDRef id)
 ManagedObjectIDKey ManagedObject::idKey() const
 {
     if (idInParts_) {
-        return {entity_, partsStore_.get(), partsKey_, false};
+        return {entity_, partsStore_, partsKey_, false};
     }
     // Only this thread replaces objectID_, so the ID outlives the key.
     std::lock_guard lock(idLock());

@@ -184,13 +184,15 @@ private:
 
     // A fault costs what these members take (with the control block of its
     // shared_ptr and the context's registration): keep them few and small.
+    // 104 bytes here make a 128-byte block with the control block, the
+    // allocator's header and its rounding; 8 more would make it 144.
     const EntityDescription* entity_ = nullptr;
     ManagedObjectContext* context_ = nullptr;  // the context that holds this object registered
     // A fault's ID in parts (with entity_): most faults are never asked for
     // an ID object, and one would cost as much again as the fault. Written
     // once, before the object is shared, and never changed: a later ID goes
     // into objectID_, which readers look at first.
-    std::shared_ptr<const std::string> partsStore_;
+    const std::string* partsStore_ = nullptr;  // interned (ManagedObjectID::permanentID)
     std::int64_t partsKey_ = 0;
     // The ID object, when one was set or made from the parts (idLock()).
     mutable ManagedObjectIDRef objectID_;
@@ -198,16 +200,20 @@ private:
     // nothing, to-many an Array of objects. Empty while a fault.
     mutable ValueSlots values_;
     // The values as last fetched or saved (relationships as object IDs), for
-    // changedValues and merging; the store version they came with.
+    // changedValues and merging.
     mutable ValueSlots committed_;
-    mutable std::int64_t version_ = 0;
-    mutable bool fault_ = false;
-    bool inserted_ = false;
-    bool updated_ = false;
-    bool deleted_ = false;
-    // Whether the parts are the current ID (on the context's thread only;
-    // other threads go by objectID_ first).
-    bool idInParts_ = false;
+    // The store version the committed values came with, and the state, in
+    // one word. A version counts the saves of one row: 56 bits do not run
+    // out. All of these are read and written on the context's thread only,
+    // as they share a memory location.
+    mutable std::int64_t version_ : 56 = 0;
+    mutable bool fault_ : 1 = false;
+    bool inserted_ : 1 = false;
+    bool updated_ : 1 = false;
+    bool deleted_ : 1 = false;
+    // Whether the parts are the current ID (other threads go by objectID_
+    // first).
+    bool idInParts_ : 1 = false;
 };
 
 }  // namespace platform

@@ -1036,11 +1036,12 @@ SaveChanges ManagedObjectContext::changesToSave(const std::vector<ManagedObjectR
         changes.inserted.push_back({object->objectID(), snapshotOf(*object), std::nullopt});
     }
     for (const auto& object : updated) {
-        changes.updated.push_back(
-            {object->objectID(), snapshotOf(*object), checkVersions ? std::optional(object->version_) : std::nullopt});
+        changes.updated.push_back({object->objectID(), snapshotOf(*object),
+                                   checkVersions ? std::optional(std::int64_t{object->version_}) : std::nullopt});
     }
     for (const auto& object : deleted) {
-        changes.deleted.push_back({object->objectID(), {}, checkVersions ? std::optional(object->version_) : std::nullopt});
+        changes.deleted.push_back(
+            {object->objectID(), {}, checkVersions ? std::optional(std::int64_t{object->version_}) : std::nullopt});
     }
     return changes;
 }

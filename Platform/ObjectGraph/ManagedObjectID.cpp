@@ -8,6 +8,8 @@
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
+#include <mutex>
+#include <unordered_set>
 
 namespace platform {
 namespace {
@@ -30,18 +32,37 @@ const std::string& processTag()
 
 std::atomic<std::int64_t> nextTemporaryKey{1};
 
-const std::string& emptyString()
+}  // namespace
+
+ManagedObjectID::ManagedObjectID(Passkey, const EntityDescription& entity, const std::string* store, std::int64_t key,
+                                 bool temporary)
+    : entity_(&entity), store_(store), key_(key), temporary_(temporary)
+{
+}
+
+const std::string& ManagedObjectID::emptyStoreIdentifier()
 {
     static const std::string empty;
     return empty;
 }
 
-}  // namespace
-
-ManagedObjectID::ManagedObjectID(Passkey, const EntityDescription& entity, std::shared_ptr<const std::string> store,
-                                 std::int64_t key, bool temporary)
-    : entity_(&entity), store_(std::move(store)), key_(key), temporary_(temporary)
+const std::string* ManagedObjectID::internedStoreIdentifier(const std::string& identifier)
 {
+    // Nearly every call names the store of the call before (a fetch makes
+    // its IDs in a row): that needs no lock.
+    thread_local const std::string* last = nullptr;
+    if (last != nullptr && *last == identifier) {
+        return last;
+    }
+    struct Interned {
+        std::mutex lock;
+        std::unordered_set<std::string> identifiers;  // nodes: the strings never move
+    };
+    // Never destroyed: IDs may be made and compared while statics are torn down.
+    static auto* interned = new Interned;
+    std::lock_guard guard(interned->lock);
+    last = &*interned->identifiers.insert(identifier).first;
+    return last;
 }
 
 ManagedObjectIDRef ManagedObjectID::temporaryID(const EntityDescription& entity)
@@ -51,15 +72,18 @@ ManagedObjectIDRef ManagedObjectID::temporaryID(const EntityDescription& entity)
 }
 
 ManagedObjectIDRef ManagedObjectID::permanentID(const EntityDescription& entity,
-                                                std::shared_ptr<const std::string> storeIdentifier,
+                                                const std::shared_ptr<const std::string>& storeIdentifier,
                                                 std::int64_t primaryKey)
 {
-    return std::make_shared<ManagedObjectID>(Passkey(), entity, std::move(storeIdentifier), primaryKey, false);
+    // An absent and an empty identifier both mean no store: one key for both.
+    const bool named = storeIdentifier && !storeIdentifier->empty();
+    return fromParts(entity, named ? internedStoreIdentifier(*storeIdentifier) : nullptr, primaryKey);
 }
 
-const std::string& ManagedObjectID::storeIdentifier() const
+ManagedObjectIDRef ManagedObjectID::fromParts(const EntityDescription& entity, const std::string* store,
+                                              std::int64_t primaryKey)
 {
-    return store_ ? *store_ : emptyString();
+    return std::make_shared<ManagedObjectID>(Passkey(), entity, store, primaryKey, false);
 }
 
 URL ManagedObjectID::URIRepresentation() const
@@ -121,12 +145,8 @@ bool operator==(const ManagedObjectIDKey& left, const ManagedObjectIDKey& right)
     if (left.primaryKey != right.primaryKey || left.entity != right.entity || left.temporary != right.temporary) {
         return false;
     }
-    if (left.store == right.store) {
-        return true;
-    }
-    const std::string& leftStore = left.store != nullptr ? *left.store : emptyString();
-    const std::string& rightStore = right.store != nullptr ? *right.store : emptyString();
-    return leftStore == rightStore;
+    // Store identifiers are interned: one text, one address.
+    return left.store == right.store;
 }
 
 bool ManagedObjectID::isEqual(const Object& other) const

@@ -35,7 +35,8 @@ class ManagedObjectID;
 // What an ID's equality and hash look at, as a small value: the registration
 // table of a context and a fault's own ID (kept in parts until someone asks
 // for the ID object) compare these without an ID object. `store` is null for
-// a temporary ID; stores compare by their identifier's text.
+// a temporary ID; stores compare by address, as their identifiers are
+// interned (ManagedObjectID::permanentID).
 struct ManagedObjectIDKey {
     const EntityDescription* entity = nullptr;
     const std::string* store = nullptr;
@@ -53,20 +54,23 @@ inline constexpr std::string_view kManagedObjectURIScheme = "x-zarvo-object";
 class ManagedObjectID final : public Object {
 public:
     static ManagedObjectIDRef temporaryID(const EntityDescription& entity);
-    // `storeIdentifier` is shared by every ID of one store.
+    // The ID keeps a pointer to one copy of the store identifier's text,
+    // kept for the rest of the process (a process sees a few stores, 32
+    // digits each), so that equal stores are one address: an ID spends 8
+    // bytes on its store rather than a shared_ptr's 16, and so does a fault.
     static ManagedObjectIDRef permanentID(const EntityDescription& entity,
-                                          std::shared_ptr<const std::string> storeIdentifier,
+                                          const std::shared_ptr<const std::string>& storeIdentifier,
                                           std::int64_t primaryKey);
 
     const EntityDescription& entity() const { return *entity_; }
     bool isTemporaryID() const { return temporary_; }
     // Empty for a temporary ID.
-    const std::string& storeIdentifier() const;
+    const std::string& storeIdentifier() const { return store_ != nullptr ? *store_ : emptyStoreIdentifier(); }
     // The store's key of the object; for a temporary ID, a number unique in
     // this process.
     std::int64_t primaryKey() const { return key_; }
     // Valid while this ID lives.
-    ManagedObjectIDKey key() const { return {entity_, store_.get(), key_, temporary_}; }
+    ManagedObjectIDKey key() const { return {entity_, store_, key_, temporary_}; }
 
     URL URIRepresentation() const;
     // The parts of a URI made by URIRepresentation: nothing for anything
@@ -91,14 +95,21 @@ public:
         friend class ManagedObjectID;
         Passkey() = default;
     };
-    ManagedObjectID(Passkey, const EntityDescription& entity, std::shared_ptr<const std::string> store,
-                    std::int64_t key, bool temporary);
+    ManagedObjectID(Passkey, const EntityDescription& entity, const std::string* store, std::int64_t key,
+                    bool temporary);
 
 private:
     friend class ManagedObject;  // keeps a fault's ID in parts
 
+    static const std::string& emptyStoreIdentifier();
+    // The one copy of `identifier` that IDs point at.
+    static const std::string* internedStoreIdentifier(const std::string& identifier);
+    // A permanent ID from the parts of another one (`store` interned).
+    static ManagedObjectIDRef fromParts(const EntityDescription& entity, const std::string* store,
+                                        std::int64_t primaryKey);
+
     const EntityDescription* entity_;
-    std::shared_ptr<const std::string> store_;
+    const std::string* store_;  // interned; null for a temporary ID
     std::int64_t key_;
     bool temporary_;
 };

@@ -5,8 +5,8 @@
 // strong references alone. Each object carries its ID, so a registration
 // costs one slot of 20 bytes (the reference, and 31 bits of the ID's hash, so
 // that probes and moves rarely have to look at an object's ID: each look is
-// a cache miss or two) at a load of at most 80%, where a node of an
-// unordered map with the ID beside the object cost about 70 bytes.
+// a cache miss or two) at a load of 53% to 80% (it grows by half), where a
+// node of an unordered map with the ID beside the object cost about 70 bytes.
 //
 // An object is found under the ID it had when it was inserted: change an ID
 // by erasing, changing and inserting again. Used on the owning context's
@@ -58,7 +58,7 @@ private:
     std::size_t slotOf(const ManagedObjectIDKey& key, std::size_t hash) const;
     void grow();
 
-    std::vector<ManagedObjectRef> slots_;  // a power of two of them, or none
+    std::vector<ManagedObjectRef> slots_;  // none until the first insert
     // Per slot: 0 when empty, else the low 31 bits of the hash and the top bit.
     std::vector<std::uint32_t> hashes_;
     std::size_t size_ = 0;

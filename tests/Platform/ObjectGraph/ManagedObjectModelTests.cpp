@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <thread>
 #include <string>
 
 using namespace platform;
@@ -304,6 +305,21 @@ TEST(ManagedObjectIDTest, PermanentURIsNameStoreEntityAndKeyAndParseBack)
     EXPECT_TRUE(id->isEqual(*ManagedObjectID::permanentID(employee, std::make_shared<const std::string>(*store), 42)));
     EXPECT_FALSE(id->isEqual(*ManagedObjectID::permanentID(employee, store, 43)));
     EXPECT_FALSE(id->isEqual(*ManagedObjectID::permanentID(*model->entityNamed("Department"), store, 42)));
+
+    // IDs keep one process-wide copy of each store identifier and compare
+    // stores by it: another store's ID differs, whichever was made last, and
+    // an ID made on another thread (as merges see them) equals this one.
+    const auto otherStore = std::make_shared<const std::string>("FEDCBA9876543210FEDCBA9876543210");
+    const auto ofOtherStore = ManagedObjectID::permanentID(employee, otherStore, 42);
+    EXPECT_FALSE(id->isEqual(*ofOtherStore));
+    EXPECT_EQ(ofOtherStore->storeIdentifier(), *otherStore);
+    EXPECT_EQ(ManagedObjectID::permanentID(employee, store, 42)->storeIdentifier(), *store);
+    ManagedObjectIDRef fromThread;
+    std::thread([&] {
+        fromThread = ManagedObjectID::permanentID(employee, std::make_shared<const std::string>(*store), 42);
+    }).join();
+    EXPECT_TRUE(id->isEqual(*fromThread));
+    EXPECT_EQ(id->hash(), fromThread->hash());
 
     const auto temporary = ManagedObjectID::temporaryID(employee);
     EXPECT_TRUE(temporary->isTemporaryID());

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <random>
 
 using namespace platform;
@@ -64,6 +65,47 @@ TEST(RegisteredObjectsTest, EveryObjectIsFoundThroughGrowthAndRemovalsInAnyOrder
         }
     }
     EXPECT_TRUE(table.empty());
+}
+
+// A table's home slots follow the hash's bits in order, so objects whose
+// hashes lie at the top of the range all start at the last slot and their
+// run wraps round to the first ones, where objects at the bottom of the range
+// start. Removals in any order must keep every other object reachable across
+// the wrap.
+TEST(RegisteredObjectsTest, RunsThatWrapPastTheLastSlotSurviveRemovals)
+{
+    // Eleven objects stay within the smallest table (sixteen slots); a
+    // sixteenth of the range at either end is one slot there.
+    constexpr std::uint32_t kRange = 0x80000000U;
+    std::vector<ManagedObjectRef> top;
+    std::vector<ManagedObjectRef> bottom;
+    for (const auto& object : makeObjects(2000)) {
+        const auto bits = static_cast<std::uint32_t>(object->objectID()->key().hash()) & (kRange - 1);
+        if (bits >= kRange - kRange / 16 && top.size() < 8) {
+            top.push_back(object);
+        } else if (bits < kRange / 16 && bottom.size() < 3) {
+            bottom.push_back(object);
+        }
+    }
+    ASSERT_EQ(top.size(), 8u);
+    ASSERT_EQ(bottom.size(), 3u);
+
+    std::mt19937 random(11);
+    for (int round = 0; round < 20; ++round) {
+        std::vector<ManagedObjectRef> objects = top;
+        objects.insert(round % 2 == 0 ? objects.end() : objects.begin(), bottom.begin(), bottom.end());
+        RegisteredObjects table;
+        for (const auto& object : objects) {
+            table.insert(object);
+        }
+        std::shuffle(objects.begin(), objects.end(), random);
+        for (std::size_t index = 0; index < objects.size(); ++index) {
+            ASSERT_EQ(table.erase(objects[index]->objectID()->key()), objects[index]) << round << " " << index;
+            for (std::size_t later = index + 1; later < objects.size(); ++later) {
+                ASSERT_EQ(found(table, objects[later]), objects[later].get()) << round << " " << later;
+            }
+        }
+    }
 }
 
 TEST(RegisteredObjectsTest, HoldsItsObjectsUntilErasedOrCleared)
