@@ -139,6 +139,18 @@ TEST_F(URLConnectionTest, SendsTheRequestAsGivenAndReportsTheAnswerInOrder)
     EXPECT_TRUE(wire.field("User-Agent"));
 }
 
+TEST_F(URLConnectionTest, ACallersUserAgentInAnySpellingReplacesTheTransports)
+{
+    const auto plain = seen(*load(request(server_.url("/echo"))));
+    EXPECT_EQ(plain.field("User-Agent"), "Zarvo-URLLoading/1 (Linux)");
+
+    auto request = MutableURLRequest::create(*URL::fromString(server_.url("/echo")));
+    request->setValueForHTTPHeaderField("mine/2", "user-agent");
+    const auto wire = seen(*load(request->copy()));
+    EXPECT_EQ(wire.field("user-agent"), "mine/2");
+    EXPECT_FALSE(wire.field("User-Agent"));
+}
+
 TEST_F(URLConnectionTest, SendsEachMethodWithOrWithoutABody)
 {
     for (const char* method : {"GET", "POST", "DELETE", "PATCH"}) {
