@@ -77,7 +77,9 @@ struct RunLoop::State {
     bool hasAnythingLocked(std::string_view mode) const
     {
         return blockPendingLocked(mode) || anyValid(timers, mode) || anyValid(sources, mode)
-            || anyValid(descriptors, mode);
+            || std::any_of(descriptors.begin(), descriptors.end(), [&](const Scheduled<FileDescriptorSource>& entry) {
+                   return inMode(entry.mode, mode) && entry.item->isValid() && entry.item->keepsLoopRunning();
+               });
     }
 
     // Makes epoll watch `fd` for what its valid sources in the armed mode want.
@@ -563,8 +565,17 @@ void FileDescriptorSource::markChanged()
 
 void FileDescriptorSource::setEvents(unsigned events)
 {
-    events_.store(events);
-    markChanged();
+    // Unchanged, there is nothing to re-arm (and a re-arm takes the loop's lock).
+    if (events_.exchange(events) != events) {
+        markChanged();
+    }
+}
+
+void FileDescriptorSource::setKeepsLoopRunning(bool keeps)
+{
+    if (keepsLoopRunning_.exchange(keeps) != keeps) {
+        markChanged();  // a loop that now holds nothing looks again
+    }
 }
 
 void FileDescriptorSource::invalidate()

@@ -121,6 +121,12 @@ private:
 // the source watches, so that its next read or write sees the condition.
 // Readiness is level-triggered: a callback that neither reads nor stops
 // watching keeps being called.
+//
+// A source that does not keep its loop running is watched and called like
+// any other, but does not count as something to run: a mode that holds only
+// such sources is empty, and `runModeBeforeDate` returns false for it at once.
+// For descriptors kept between uses (an idle keep-alive connection), where
+// taking them out of the loop and back would cost two system calls per use.
 class FileDescriptorSource final : public Object {
 public:
     enum Events : unsigned { None = 0, Readable = 1, Writable = 2 };
@@ -133,6 +139,9 @@ public:
     unsigned events() const { return events_.load(); }
     // Changes what is watched, from any thread.
     void setEvents(unsigned events);
+    // True from the start; changes from any thread.
+    bool keepsLoopRunning() const { return keepsLoopRunning_.load(); }
+    void setKeepsLoopRunning(bool keeps);
     void invalidate();
     bool isValid() const { return valid_.load(); }
 
@@ -143,6 +152,7 @@ private:
 
     const int fd_;
     std::atomic<unsigned> events_;
+    std::atomic<bool> keepsLoopRunning_{true};
     Callback callback_;
     std::atomic<bool> valid_{true};
     std::mutex loopMutex_;  // guards `runLoop_`

@@ -4,6 +4,8 @@
 #include "Platform/URLLoading/internal/Transfer.h"
 
 #include <pthread.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <future>
@@ -94,6 +96,11 @@ void CurlDriver::add(const URLConnectionRef& connection)
         return;
     }
     CURL* easy = connection->transfer_->handle();
+    // A connection keeps the socket functions of the handle that opened it.
+    curl_easy_setopt(easy, CURLOPT_OPENSOCKETFUNCTION, &CurlDriver::onOpenSocket);
+    curl_easy_setopt(easy, CURLOPT_OPENSOCKETDATA, this);
+    curl_easy_setopt(easy, CURLOPT_CLOSESOCKETFUNCTION, &CurlDriver::onCloseSocket);
+    curl_easy_setopt(easy, CURLOPT_CLOSESOCKETDATA, this);
     running_.emplace(easy, connection);
     markBusy(true);
     enterCurl();
@@ -142,10 +149,36 @@ int CurlDriver::onTimer(CURLM*, long milliseconds, void* driver)
     return 0;
 }
 
+curl_socket_t CurlDriver::onOpenSocket(void* driver, curlsocktype, curl_sockaddr* address)
+{
+    const int socket = ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+    if (socket < 0) {
+        return CURL_SOCKET_BAD;
+    }
+    static_cast<CurlDriver*>(driver)->connectionSockets_.insert(socket);
+    return socket;
+}
+
+// Unwatched before it is closed: once closed, its number may be given to
+// another thread's descriptor at once.
+int CurlDriver::onCloseSocket(void* driver, curl_socket_t socket)
+{
+    auto& self = *static_cast<CurlDriver*>(driver);
+    self.connectionSockets_.erase(socket);
+    self.stopWatching(socket);
+    return ::close(socket);
+}
+
 void CurlDriver::watchSocket(CURL* easy, curl_socket_t socket, int what)
 {
     if (what == CURL_POLL_REMOVE) {
-        stopWatching(socket);
+        // curl lets go of a kept-alive connection's socket when its transfer
+        // ends, and asks for it again when the next one reuses it.
+        if (connectionSockets_.contains(socket)) {
+            park(socket);
+        } else {
+            stopWatching(socket);
+        }
         return;
     }
     socketOwners_[socket] = easy;
@@ -159,6 +192,7 @@ void CurlDriver::watchSocket(CURL* easy, curl_socket_t socket, int what)
     }
     auto source = FileDescriptorSource::create(socket, watchedEvents(what),
                                                [this](int fd, unsigned ready) { act(fd, curlEvents(ready)); });
+    source->setKeepsLoopRunning(false);  // the busy marker does, while transfers run
     loop_->addFileDescriptorSource(source, NSDefaultRunLoopMode);
     sockets_.emplace(socket, std::move(source));
 }
@@ -172,6 +206,16 @@ void CurlDriver::stopWatching(curl_socket_t socket)
         loop_->removeFileDescriptorSource(found->second, NSDefaultRunLoopMode);
         sockets_.erase(found);
     }
+}
+
+// The socket stays in the loop's epoll set with what it was watched for. It
+// is not curl's to act on while parked; should it become ready (the server
+// closed the connection), it is watched for nothing until curl takes it up
+// again, and curl finds the connection dead then.
+void CurlDriver::park(curl_socket_t socket)
+{
+    socketOwners_.erase(socket);
+    muted_.erase(socket);
 }
 
 void CurlDriver::stopWatchingSocketsOf(CURL* easy)
@@ -229,6 +273,12 @@ void CurlDriver::rearmIfCurlStillWaits()
 
 void CurlDriver::act(curl_socket_t socket, int events)
 {
+    if (socket != CURL_SOCKET_TIMEOUT && !socketOwners_.contains(socket)) {
+        if (const auto found = sockets_.find(socket); found != sockets_.end()) {
+            found->second->setEvents(FileDescriptorSource::None);  // parked
+        }
+        return;
+    }
     if (insideCurl_ > 0) {
         // A loop run from inside a challenge: curl takes no nested calls. A
         // ready socket would stay ready and the loop spin on it, so it is not

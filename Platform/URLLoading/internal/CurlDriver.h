@@ -9,7 +9,12 @@
 //
 // One driver per thread, made on first use and used only on that thread.
 // While it has transfers it keeps a source in the loop, so the loop does not
-// look empty between curl's own sockets and timers. Easy handles of ended
+// look empty between curl's own sockets and timers; curl's sockets themselves
+// never keep the loop running. The driver opens and closes the sockets of
+// curl's connections itself, so it knows when one is really gone: a kept-alive
+// connection's socket stays watched between the transfers that use it (parked,
+// its readiness ignored) instead of leaving the loop's epoll set and coming
+// back for every request. Easy handles of ended
 // transfers are reset and kept for the next ones: making one costs more
 // than the rest of a small request's own work.
 #pragma once
@@ -21,6 +26,7 @@
 
 #include <functional>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 namespace platform::urlloading_internal {
@@ -41,8 +47,11 @@ private:
 
     static int onSocket(CURL* easy, curl_socket_t socket, int what, void* driver, void* socketData);
     static int onTimer(CURLM* multi, long milliseconds, void* driver);
+    static curl_socket_t onOpenSocket(void* driver, curlsocktype purpose, curl_sockaddr* address);
+    static int onCloseSocket(void* driver, curl_socket_t socket);
     void watchSocket(CURL* easy, curl_socket_t socket, int what);
     void stopWatching(curl_socket_t socket);
+    void park(curl_socket_t socket);
     void stopWatchingSocketsOf(CURL* easy);
     void armTimer(long milliseconds);
     void rearmIfCurlStillWaits();
@@ -63,8 +72,11 @@ private:
     CURLM* multi_;
     RunLoopRef loop_;
     std::unordered_map<curl_socket_t, FileDescriptorSourceRef> sockets_;
-    // The transfer each watched socket was last reported for.
+    // The transfer each watched socket was last reported for; a watched
+    // socket without one is a parked connection.
     std::unordered_map<curl_socket_t, CURL*> socketOwners_;
+    // The connections' sockets, opened here, open until curl closes them here.
+    std::unordered_set<curl_socket_t> connectionSockets_;
     TimerRef timer_;
     RunLoopSourceRef busyMarker_;
     bool busy_ = false;

@@ -21,7 +21,12 @@ constexpr long kMaximumRedirects = 16;
 // with more (libcurl itself gives up on 300 KiB, and on a single line of
 // 100 KiB); the bound keeps what a hostile server makes us store small.
 constexpr std::size_t kMaximumHeaderBytes = 256 * 1024;
-constexpr const char* kDefaultUserAgent = "Zarvo-URLLoading/1 (Linux)";
+// Sent as a field of our own rather than through libcurl's option, which
+// formats the line anew for every request.
+constexpr const char* kDefaultUserAgentLine = "User-Agent: Zarvo-URLLoading/1 (Linux)";
+// Up to this many fields, a received field's name is found by a scan of the
+// others; past it, through an index of folded names.
+constexpr std::size_t kScannedFields = 32;
 
 // A method is an HTTP token; anything else could split the request line.
 bool isToken(std::string_view method)
@@ -180,7 +185,6 @@ void Transfer::configure(const URLRequest& request)
 
     configureMethodAndBody(request);
     configureHeaderFields(request, true, true);
-    curl_easy_setopt(easy_, CURLOPT_USERAGENT, kDefaultUserAgent);  // a caller's "User-Agent" field wins
     if (connection_.delegate_ && connection_.delegate_->handlesAuthenticationChallenges() && request.url().scheme() == "https") {
         configureServerTrustChallenge();
     }
@@ -246,15 +250,23 @@ void Transfer::configureMethodAndBody(const URLRequest& request)
 
 void Transfer::configureHeaderFields(const URLRequest& request, bool callerFields, bool bodyFields)
 {
-    // A body goes out at once: no waiting for "100 Continue".
-    curl_slist* list = curl_slist_append(nullptr, "Expect:");
+    curl_slist* list = nullptr;
+    if (bodyFields && request.httpBody()) {
+        // A body goes out at once: no waiting for "100 Continue".
+        list = curl_slist_append(list, "Expect:");
+    }
+    bool callerAgent = false;
     for (const auto& [name, value] : request.headerFields()) {
         if (!callerFields || !isSendable(name, value) || (!bodyFields && describesBody(name))) {
             continue;
         }
+        callerAgent = callerAgent || sameFieldName(name, "User-Agent");
         // "Name;" is how libcurl is told to send a field with an empty value.
         const auto line = value.empty() ? name + ";" : name + ": " + value;
         list = curl_slist_append(list, line.c_str());
+    }
+    if (!callerAgent) {
+        list = curl_slist_append(list, kDefaultUserAgentLine);  // a caller's own wins
     }
     curl_easy_setopt(easy_, CURLOPT_HTTPHEADER, list);
     curl_slist_free_all(std::exchange(headerList_, list));
@@ -303,9 +315,9 @@ void Transfer::readHeaderLine(std::string_view line)
         // Decided before the body comes, which is dropped only when the
         // redirect is followed: one whose location names nowhere is the
         // answer, delivered as it came.
-        const auto location = fieldIndex_.find("location");
-        redirecting_ = isFollowedRedirect(statusCode_) && location != fieldIndex_.end()
-            && redirectTarget(easy_, headerFields_[location->second].second);
+        const auto location = findField("Location");
+        redirecting_ = isFollowedRedirect(statusCode_) && location
+            && redirectTarget(easy_, headerFields_[*location].second);
         return;
     }
     if (line.starts_with(' ') || line.starts_with('\t')) {
@@ -320,16 +332,42 @@ void Transfer::readHeaderLine(std::string_view line)
     }
     const auto name = line.substr(0, colon);
     auto value = std::string(trimmed(line.substr(colon + 1)));
-    // Found through the index: a block of many thousand small fields would
-    // otherwise cost a scan of all the others for each (seconds of CPU for
-    // a block under the bound, long enough for the load to time out).
-    const auto [known, isNew] = fieldIndex_.try_emplace(foldedFieldName(name), headerFields_.size());
-    lastField_ = known->second;
-    if (isNew) {
+    const auto known = findField(name);
+    if (!known) {
+        if (!fieldIndex_.empty()) {
+            fieldIndex_.emplace(foldedFieldName(name), headerFields_.size());
+        }
+        lastField_ = headerFields_.size();
         headerFields_.emplace_back(std::string(name), std::move(value));
-    } else {
-        headerFields_[known->second].second += ", " + value;
+        return;
     }
+    lastField_ = *known;
+    headerFields_[*known].second += ", " + value;
+}
+
+// A scan while the block is small, as an API's answers are; past that the
+// index: a block of many thousand small fields would otherwise cost a scan
+// of all the others for each (seconds of CPU for a block under the bound,
+// long enough for the load to time out).
+std::optional<std::size_t> Transfer::findField(std::string_view name)
+{
+    if (fieldIndex_.empty() && headerFields_.size() < kScannedFields) {
+        const auto found = std::find_if(headerFields_.begin(), headerFields_.end(),
+                                        [name](const auto& field) { return sameFieldName(field.first, name); });
+        if (found == headerFields_.end()) {
+            return std::nullopt;
+        }
+        return static_cast<std::size_t>(found - headerFields_.begin());
+    }
+    if (fieldIndex_.empty()) {
+        for (std::size_t place = 0; place < headerFields_.size(); ++place) {
+            fieldIndex_.emplace(foldedFieldName(headerFields_[place].first), place);
+        }
+    }
+    if (const auto found = fieldIndex_.find(foldedFieldName(name)); found != fieldIndex_.end()) {
+        return found->second;
+    }
+    return std::nullopt;
 }
 
 void Transfer::startHeaderBlock()
@@ -375,8 +413,9 @@ void Transfer::recordResponseOnce()
 
 bool Transfer::finish(CURLcode result)
 {
-    if (result == CURLE_OK && redirecting_) {
-        if (const auto next = redirectTarget(easy_, headerFields_[fieldIndex_.at("location")].second)) {
+    const auto location = redirecting_ ? findField("Location") : std::nullopt;
+    if (result == CURLE_OK && location) {
+        if (const auto next = redirectTarget(easy_, headerFields_[*location].second)) {
             if (const auto refusal = refusalToFollow(next->url)) {
                 fail(*refusal);
                 return false;

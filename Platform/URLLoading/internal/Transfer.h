@@ -65,6 +65,8 @@ private:
     void followRedirect(const std::string& target, const URL& next);
     void configureServerTrustChallenge();
     void readHeaderLine(std::string_view line);
+    // The place in `headerFields_` of the field named `name`, in any case.
+    std::optional<std::size_t> findField(std::string_view name);
     void startHeaderBlock();
     void recordResponseOnce();
 
@@ -80,7 +82,8 @@ private:
     // The fields in the order their names first came, each name spelled as
     // it first came; repeated ones joined with ", ".
     std::vector<std::pair<std::string, std::string>> headerFields_;
-    // Each received name, folded, to its place in `headerFields_`.
+    // Each received name, folded, to its place in `headerFields_`; made
+    // only for a block of many fields.
     std::unordered_map<std::string, std::size_t> fieldIndex_;
     // The field a continuation line would extend.
     std::optional<std::size_t> lastField_;

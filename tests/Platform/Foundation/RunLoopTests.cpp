@@ -263,6 +263,40 @@ TEST(RunLoop, AWritableSourceFiresAndCanChangeWhatItWatches)
     });
 }
 
+TEST(RunLoop, ADescriptorSourceThatDoesNotKeepTheLoopRunningStillFires)
+{
+    onFreshThread([] {
+        const auto loop = RunLoop::currentRunLoop();
+        PipeEnds pipe;
+        std::string received;
+        const auto source = FileDescriptorSource::create(pipe.read, FileDescriptorSource::Readable, [&](int fd, unsigned) {
+            char buffer[16];
+            const auto count = ::read(fd, buffer, sizeof buffer);
+            if (count > 0) {
+                received.append(buffer, static_cast<std::size_t>(count));
+            }
+        });
+        source->setKeepsLoopRunning(false);
+        loop->addFileDescriptorSource(source, NSDefaultRunLoopMode);
+        ASSERT_EQ(::write(pipe.write, "a", 1), 1);
+        // Ready, but alone in the mode: the mode counts as empty.
+        EXPECT_FALSE(loop->runModeBeforeDate(NSDefaultRunLoopMode, secondsFromNow(5)));
+        EXPECT_EQ(received, "");
+
+        const auto keeper = RunLoopSource::create([] {});
+        loop->addSource(keeper, NSDefaultRunLoopMode);
+        while (received.empty() && loop->runModeBeforeDate(NSDefaultRunLoopMode, secondsFromNow(5))) {
+        }
+        EXPECT_EQ(received, "a");
+        loop->removeSource(keeper, NSDefaultRunLoopMode);
+        EXPECT_FALSE(loop->runModeBeforeDate(NSDefaultRunLoopMode, secondsFromNow(5)));
+
+        source->setKeepsLoopRunning(true);
+        EXPECT_TRUE(loop->runModeBeforeDate(NSDefaultRunLoopMode, secondsFromNow(0.02)));
+        source->invalidate();
+    });
+}
+
 TEST(RunLoop, SignalsToASourceAreMergedAndPerformedOnTheLoopThread)
 {
     onFreshThread([] {

@@ -139,6 +139,18 @@ TEST_F(URLConnectionTest, SendsTheRequestAsGivenAndReportsTheAnswerInOrder)
     EXPECT_TRUE(wire.field("User-Agent"));
 }
 
+TEST_F(URLConnectionTest, ACallersUserAgentInAnySpellingReplacesTheTransports)
+{
+    const auto plain = seen(*load(request(server_.url("/echo"))));
+    EXPECT_EQ(plain.field("User-Agent"), "Zarvo-URLLoading/1 (Linux)");
+
+    auto request = MutableURLRequest::create(*URL::fromString(server_.url("/echo")));
+    request->setValueForHTTPHeaderField("mine/2", "user-agent");
+    const auto wire = seen(*load(request->copy()));
+    EXPECT_EQ(wire.field("user-agent"), "mine/2");
+    EXPECT_FALSE(wire.field("User-Agent"));
+}
+
 TEST_F(URLConnectionTest, SendsEachMethodWithOrWithoutABody)
 {
     for (const char* method : {"GET", "POST", "DELETE", "PATCH"}) {
@@ -403,6 +415,31 @@ TEST_F(URLConnectionTest, ReusesOneConnectionForLoadsOneAfterAnother)
         load(request(server_.url("/echo")));
     }
     EXPECT_EQ(load(request(server_.url("/connections")))->text(), "1");
+    // The kept connection stays watched, but keeps nothing running.
+    EXPECT_FALSE(RunLoop::currentRunLoop()->runModeBeforeDate(NSDefaultRunLoopMode, Date::now().dateByAddingTimeInterval(5)));
+}
+
+TEST_F(URLConnectionTest, AKeptConnectionThatTheServerClosesIsLeftAloneAndReplaced)
+{
+    EXPECT_EQ(load(request(server_.url("/hang-up")))->text(), "bye");
+    // The closed connection is ready to read for good; while it waits for
+    // curl it must not wake the loop again and again. A repeating timer
+    // keeps the loop running meanwhile, and each pass that it does not end
+    // was woken by something else.
+    const auto loop = RunLoop::currentRunLoop();
+    int ticks = 0;
+    const auto ticker = Timer::create(0.01, true, [&](Timer&) { ++ticks; });
+    loop->addTimer(ticker, NSDefaultRunLoopMode);
+    int passes = 0;
+    while (ticks < 20 && loop->runModeBeforeDate(NSDefaultRunLoopMode, Date::now().dateByAddingTimeInterval(5))) {
+        ++passes;
+    }
+    ticker->invalidate();
+    EXPECT_LT(passes, 40);
+
+    const auto next = load(request(server_.url("/echo")));
+    EXPECT_EQ(next->events.back(), "finish");
+    EXPECT_EQ(load(request(server_.url("/connections")))->text(), "2");
 }
 
 TEST_F(URLConnectionTest, NothingIsSaidAfterCancelAndTheLoopFallsEmpty)

@@ -85,6 +85,12 @@ class Handler(BaseHTTPRequestHandler):
             self.wfile.write(b"x" * 10)
             self.wfile.flush()
             self.close_connection = True
+        elif path == "/hang-up":
+            # A whole answer that promises to keep the connection, then the
+            # server closes it anyway, as an idle keep-alive time-out does.
+            self.reply(200, b"bye")
+            self.wfile.flush()
+            self.close_connection = True
         elif path == "/big":
             size = int(query["bytes"][0])
             block = bytes(range(256)) * 4096
