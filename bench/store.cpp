@@ -69,9 +69,11 @@ double elapsedMicroseconds(std::chrono::steady_clock::time_point start)
 
 // Bytes the allocator has handed out and not taken back: unlike the resident
 // size, not hidden by memory that earlier phases freed and this one reuses.
+// Large blocks (a grown object table) are mapped on their own and counted apart.
 std::size_t allocatedBytes()
 {
-    return mallinfo2().uordblks;
+    const struct mallinfo2 info = mallinfo2();
+    return info.uordblks + info.hblkhd;
 }
 
 struct Stack {
