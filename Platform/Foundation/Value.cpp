@@ -118,9 +118,10 @@ Value::Value(ErrorRef error)
         storage_ = std::move(error);
     }
 }
-Value::Value(ObjectRef object, ObjectTag)
+Value::Value(ObjectRef object, ObjectTag tag)
 {
-    if (auto error = std::dynamic_pointer_cast<Error>(object)) {
+    static_assert(std::is_final_v<Error>, "a pointer typed as a subclass of Object may hold an Error");
+    if (auto error = tag.mayBeError ? std::dynamic_pointer_cast<Error>(object) : nullptr) {
         storage_ = std::move(error);
     } else if (object) {
         storage_ = std::move(object);

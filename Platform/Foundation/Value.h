@@ -73,8 +73,13 @@ public:
     Value(Set set);
     Value(OrderedSet orderedSet);
     Value(ErrorRef error);
+    // Error is final and derives from Object alone, so only a pointer typed
+    // Object may hold one and needs looking at when the value is made.
     template <typename T, std::enable_if_t<std::is_base_of_v<Object, T> && !std::is_base_of_v<Error, T>, int> = 0>
-    Value(std::shared_ptr<T> object) : Value(std::static_pointer_cast<Object>(std::move(object)), ObjectTag{}) {}
+    Value(std::shared_ptr<T> object)
+        : Value(std::static_pointer_cast<Object>(std::move(object)), ObjectTag{std::is_same_v<T, Object>})
+    {
+    }
     template <typename T>
     Value(std::optional<T> optional) : Value(optional ? Value(std::move(*optional)) : Value()) {}
 
@@ -118,7 +123,9 @@ public:
     friend bool operator==(const Value& left, const Value& right);
 
 private:
-    struct ObjectTag {};
+    struct ObjectTag {
+        bool mayBeError;
+    };
     Value(ObjectRef object, ObjectTag);
 
     // A string is held in place while std::string keeps it in its own

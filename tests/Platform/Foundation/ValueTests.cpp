@@ -1,5 +1,8 @@
 #include "Platform/Foundation/Value.h"
 
+#include "Platform/Foundation/Error.h"
+#include "Platform/Foundation/Object.h"
+
 #include <gtest/gtest.h>
 
 #include <thread>
@@ -89,6 +92,16 @@ TEST(Value, CopiesOfALongStringShareItsText)
         thread.join();
     }
     EXPECT_EQ(*survivor.string(), std::string(100, 'b'));
+}
+
+TEST(Value, KnowsAnErrorHoweverThePointerIsTyped)
+{
+    const ErrorRef error = Error::create("Domain", 7);
+    EXPECT_EQ(Value(error).kind(), Value::Kind::Error);
+    EXPECT_EQ(Value(ObjectRef(error)).kind(), Value::Kind::Error);
+    EXPECT_EQ(Value(ObjectRef(error)).error(), error);
+    EXPECT_EQ(Value(ErrorRef()).kind(), Value::Kind::Nothing);
+    EXPECT_EQ(Value(ObjectRef()).kind(), Value::Kind::Nothing);
 }
 
 TEST(Dictionary, KeepsInsertionOrderAndReplacesInPlace)
