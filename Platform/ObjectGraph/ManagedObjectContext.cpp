@@ -923,6 +923,7 @@ void ManagedObjectContext::takeChildChanges(const std::vector<PushedChange>& ins
     // Every new object first, so that relationships among them find each
     // other.
     std::vector<ManagedObjectRef> made;
+    made.reserve(insertions.size());
     for (const auto& insertion : insertions) {
         auto object = objectRegisteredForID(insertion.id);
         if (!object) {
@@ -944,9 +945,17 @@ void ManagedObjectContext::takeChildChanges(const std::vector<PushedChange>& ins
         inserted_->insert(object);
         made.push_back(object);
     }
+    // Attributes are taken as they are; relationships name their targets by
+    // ID and become this context's objects.
     for (std::size_t index = 0; index < insertions.size(); ++index) {
-        for (const auto* property : made[index]->entity().properties()) {
-            setValueFromChild(*made[index], *property, insertions[index].snapshot.values[property->index()]);
+        ManagedObject& object = *made[index];
+        const auto& values = insertions[index].snapshot.values;
+        for (const auto& attribute : object.entity().attributes()) {
+            object.values_[attribute->index()] = values[attribute->index()];
+        }
+        for (const auto& relationship : object.entity().relationships()) {
+            object.values_[relationship->index()] =
+                relationshipValueFromSnapshot(*relationship, values[relationship->index()]);
         }
     }
     for (const auto& update : updates) {
