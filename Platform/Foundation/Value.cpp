@@ -89,6 +89,24 @@ std::string describeDouble(double number)
 
 }  // namespace
 
+Value::Value(std::string_view string)
+{
+    if (string.size() <= inlineStringLimit) {
+        storage_.emplace<std::string>(string);
+    } else {
+        storage_ = std::make_shared<const std::string>(string);
+    }
+}
+
+Value::Value(std::string string)
+{
+    if (string.size() <= inlineStringLimit) {
+        storage_ = std::move(string);
+    } else {
+        storage_ = std::make_shared<const std::string>(std::move(string));
+    }
+}
+
 Value::Value(Array array) : storage_(std::make_shared<const platform::Array>(std::move(array))) {}
 Value::Value(Dictionary dictionary) : storage_(std::make_shared<const platform::Dictionary>(std::move(dictionary))) {}
 Value::Value(Set set) : storage_(std::make_shared<const platform::Set>(std::move(set))) {}
@@ -100,9 +118,10 @@ Value::Value(ErrorRef error)
         storage_ = std::move(error);
     }
 }
-Value::Value(ObjectRef object, ObjectTag)
+Value::Value(ObjectRef object, ObjectTag tag)
 {
-    if (auto error = std::dynamic_pointer_cast<Error>(object)) {
+    static_assert(std::is_final_v<Error>, "a pointer typed as a subclass of Object may hold an Error");
+    if (auto error = tag.mayBeError ? std::dynamic_pointer_cast<Error>(object) : nullptr) {
         storage_ = std::move(error);
     } else if (object) {
         storage_ = std::move(object);
@@ -115,7 +134,13 @@ bool Value::isNumber() const
     return current == Kind::Boolean || current == Kind::Integer || current == Kind::Double;
 }
 
-const std::string* Value::string() const { return std::get_if<std::string>(&storage_); }
+const std::string* Value::string() const
+{
+    if (const auto* inlined = std::get_if<std::string>(&storage_)) {
+        return inlined;
+    }
+    return pointerTo<std::string>(storage_);
+}
 const Data* Value::data() const { return pointerTo<platform::Data>(storage_); }
 const Date* Value::date() const { return std::get_if<platform::Date>(&storage_); }
 const URL* Value::url() const { return pointerTo<platform::URL>(storage_); }

@@ -4,8 +4,9 @@
 // is a boolean, an integer or a double, a string, data, a date, a URL, an
 // array, an insertion-ordered dictionary, a set, an ordered set
 // (Platform/Foundation/OrderedSet.h), an error or an object.
-// Collections are immutable once wrapped and shared by reference, so copying
-// a Value is cheap.
+// Collections are immutable once wrapped and shared by reference, and so are
+// strings too long to sit inside a std::string, so copying a Value never
+// allocates: a copy of a long string or a collection is a count increment.
 //
 //   Dictionary attributes;
 //   attributes.set("acct", "jo");
@@ -61,9 +62,9 @@ public:
               std::enable_if_t<std::is_integral_v<Integer> && !std::is_same_v<Integer, bool>, int> = 0>
     Value(Integer integer) : storage_(static_cast<std::int64_t>(integer)) {}
     Value(double number) : storage_(number) {}
-    Value(const char* string) : storage_(std::string(string)) {}
-    Value(std::string_view string) : storage_(std::string(string)) {}
-    Value(std::string string) : storage_(std::move(string)) {}
+    Value(const char* string) : Value(std::string_view(string)) {}
+    Value(std::string_view string);
+    Value(std::string string);
     Value(Data data) : storage_(std::make_shared<const platform::Data>(std::move(data))) {}
     Value(Date date) : storage_(date) {}
     Value(URL url) : storage_(std::make_shared<const platform::URL>(std::move(url))) {}
@@ -72,14 +73,23 @@ public:
     Value(Set set);
     Value(OrderedSet orderedSet);
     Value(ErrorRef error);
+    // Error is final and derives from Object alone, so only a pointer typed
+    // Object may hold one and needs looking at when the value is made.
     template <typename T, std::enable_if_t<std::is_base_of_v<Object, T> && !std::is_base_of_v<Error, T>, int> = 0>
-    Value(std::shared_ptr<T> object) : Value(std::static_pointer_cast<Object>(std::move(object)), ObjectTag{}) {}
+    Value(std::shared_ptr<T> object)
+        : Value(std::static_pointer_cast<Object>(std::move(object)), ObjectTag{std::is_same_v<T, Object>})
+    {
+    }
     template <typename T>
     Value(std::optional<T> optional) : Value(optional ? Value(std::move(*optional)) : Value()) {}
 
     static Value null() { return Value(Null{}); }
 
-    Kind kind() const { return static_cast<Kind>(storage_.index()); }
+    Kind kind() const
+    {
+        const auto index = storage_.index();
+        return static_cast<Kind>(index < sharedStringIndex ? index : index - 1);
+    }
     bool isNothing() const { return kind() == Kind::Nothing; }
     bool isNull() const { return kind() == Kind::Null; }
     bool isNumber() const;
@@ -113,10 +123,19 @@ public:
     friend bool operator==(const Value& left, const Value& right);
 
 private:
-    struct ObjectTag {};
+    struct ObjectTag {
+        bool mayBeError;
+    };
     Value(ObjectRef object, ObjectTag);
 
-    std::variant<std::monostate, Null, bool, std::int64_t, double, std::string,
+    // A string is held in place while std::string keeps it in its own
+    // buffer, and shared beyond that: the shared one is never changed, so
+    // copies on any thread may read it while the atomic count keeps it alive.
+    // Both alternatives are Kind::String, hence the shift in kind().
+    static constexpr std::size_t inlineStringLimit = std::string().capacity();
+    static constexpr std::size_t sharedStringIndex = 6;
+
+    std::variant<std::monostate, Null, bool, std::int64_t, double, std::string, std::shared_ptr<const std::string>,
                  std::shared_ptr<const platform::Data>, platform::Date,
                  std::shared_ptr<const platform::URL>,
                  std::shared_ptr<const platform::Array>,
@@ -124,6 +143,9 @@ private:
                  std::shared_ptr<const platform::Set>,
                  std::shared_ptr<const platform::OrderedSet>, ErrorRef, ObjectRef>
         storage_;
+    static_assert(std::is_same_v<std::variant_alternative_t<sharedStringIndex, decltype(storage_)>,
+                                 std::shared_ptr<const std::string>>);
+    static_assert(std::variant_size_v<decltype(storage_)> == static_cast<std::size_t>(Kind::Object) + 2);
 };
 
 // A dictionary with string keys that keeps the order in which keys were first

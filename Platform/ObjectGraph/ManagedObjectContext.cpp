@@ -867,8 +867,8 @@ bool ManagedObjectContext::pushToParent(ErrorRef* error)
     const auto inserted = inserted_->ordered();
     const auto updated = updated_->ordered();
     const auto deleted = deleted_->ordered();
-    const auto insertions = insertionsToPush(inserted);
-    const auto updates = updatesToPush(updated);
+    auto insertions = insertionsToPush(inserted);
+    auto updates = updatesToPush(updated);
 
     bool pushed = false;
     ManagedObjectContext& parent = *parent_;
@@ -885,7 +885,7 @@ bool ManagedObjectContext::pushToParent(ErrorRef* error)
     if (!pushed) {
         return false;
     }
-    settlePushedChanges(inserted, insertions, updated, updates, deleted);
+    settlePushedChanges(inserted, std::move(insertions), updated, std::move(updates), deleted);
     postDidSave(inserted, updated, deleted);
     return true;
 }
@@ -923,6 +923,7 @@ void ManagedObjectContext::takeChildChanges(const std::vector<PushedChange>& ins
     // Every new object first, so that relationships among them find each
     // other.
     std::vector<ManagedObjectRef> made;
+    made.reserve(insertions.size());
     for (const auto& insertion : insertions) {
         auto object = objectRegisteredForID(insertion.id);
         if (!object) {
@@ -944,9 +945,17 @@ void ManagedObjectContext::takeChildChanges(const std::vector<PushedChange>& ins
         inserted_->insert(object);
         made.push_back(object);
     }
+    // Attributes are taken as they are; relationships name their targets by
+    // ID and become this context's objects.
     for (std::size_t index = 0; index < insertions.size(); ++index) {
-        for (const auto* property : made[index]->entity().properties()) {
-            setValueFromChild(*made[index], *property, insertions[index].snapshot.values[property->index()]);
+        ManagedObject& object = *made[index];
+        const auto& values = insertions[index].snapshot.values;
+        for (const auto& attribute : object.entity().attributes()) {
+            object.values_[attribute->index()] = values[attribute->index()];
+        }
+        for (const auto& relationship : object.entity().relationships()) {
+            object.values_[relationship->index()] =
+                relationshipValueFromSnapshot(*relationship, values[relationship->index()]);
         }
     }
     for (const auto& update : updates) {
@@ -975,18 +984,30 @@ void ManagedObjectContext::setValueFromChild(ManagedObject& object, const Proper
 
 // What the parent took is this context's committed state now.
 void ManagedObjectContext::settlePushedChanges(const std::vector<ManagedObjectRef>& inserted,
-                                               const std::vector<PushedChange>& insertions,
+                                               std::vector<PushedChange>&& insertions,
                                                const std::vector<ManagedObjectRef>& updated,
-                                               const std::vector<PushedChange>& updates,
+                                               std::vector<PushedChange>&& updates,
                                                const std::vector<ManagedObjectRef>& deleted)
 {
+    // An object that has its committed values (every inserted one has, as
+    // nothing) takes the new ones into the slots it has, sparing an
+    // allocation per object and level of a context chain.
+    const auto commit = [](ManagedObject& object, std::vector<Value>& values) {
+        if (object.committed_.size() != values.size()) {
+            object.committed_ = std::move(values);
+            return;
+        }
+        for (std::size_t index = 0; index < values.size(); ++index) {
+            object.committed_[index] = std::move(values[index]);
+        }
+    };
     for (std::size_t index = 0; index < inserted.size(); ++index) {
         inserted[index]->inserted_ = false;
-        inserted[index]->committed_ = std::move(insertions[index].snapshot.values);
+        commit(*inserted[index], insertions[index].snapshot.values);
     }
     for (std::size_t index = 0; index < updated.size(); ++index) {
         updated[index]->updated_ = false;
-        updated[index]->committed_ = std::move(updates[index].snapshot.values);
+        commit(*updated[index], updates[index].snapshot.values);
     }
     inserted_->clear();
     updated_->clear();

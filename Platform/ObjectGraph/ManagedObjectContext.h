@@ -243,9 +243,9 @@ private:
     void takeChildChanges(const std::vector<PushedChange>& insertions, const std::vector<PushedChange>& updates,
                           const std::vector<ManagedObjectRef>& deleted);
     void setValueFromChild(ManagedObject& object, const PropertyDescription& property, const Value& stored);
-    void settlePushedChanges(const std::vector<ManagedObjectRef>& inserted,
-                             const std::vector<PushedChange>& insertions,
-                             const std::vector<ManagedObjectRef>& updated, const std::vector<PushedChange>& updates,
+    // Takes the snapshots pushed, which become the committed values.
+    void settlePushedChanges(const std::vector<ManagedObjectRef>& inserted, std::vector<PushedChange>&& insertions,
+                             const std::vector<ManagedObjectRef>& updated, std::vector<PushedChange>&& updates,
                              const std::vector<ManagedObjectRef>& deleted);
 
     // The steps of saveToStore.
