@@ -32,7 +32,8 @@ public:
     PerformingScope& operator=(const PerformingScope&) = delete;
 };
 
-std::shared_ptr<FetchRequest> copyOfRequest(const FetchRequest& request, bool keepLimit)
+// The request without its limit and offset.
+std::shared_ptr<FetchRequest> unlimitedCopyOf(const FetchRequest& request)
 {
     auto copy = FetchRequest::fetchRequestWithEntityName(request.entityName());
     copy->setPredicate(request.predicate());
@@ -40,10 +41,6 @@ std::shared_ptr<FetchRequest> copyOfRequest(const FetchRequest& request, bool ke
     copy->setResultType(request.resultType());
     copy->setIncludesPendingChanges(request.includesPendingChanges());
     copy->setReturnsObjectsAsFaults(request.returnsObjectsAsFaults());
-    if (keepLimit) {
-        copy->setFetchLimit(request.fetchLimit());
-        copy->setFetchOffset(request.fetchOffset());
-    }
     return copy;
 }
 
@@ -641,14 +638,16 @@ std::optional<std::vector<ManagedObjectIDRef>> ManagedObjectContext::fetchIDs(co
     }
     const bool ownChanges = request.includesPendingChanges() && hasChangesOfEntity(*entity);
     // With changes of our own, the limit and offset can only be applied once
-    // they are folded in.
-    const auto upstream = copyOfRequest(request, !ownChanges);
+    // they are folded in: the request goes on without them. Otherwise it goes
+    // on as it is.
+    const auto unlimited = ownChanges ? unlimitedCopyOf(request) : nullptr;
+    const FetchRequest& upstream = unlimited ? *unlimited : request;
     std::optional<std::vector<ManagedObjectIDRef>> ids;
     if (parent_) {
         ManagedObjectContext& parent = *parent_;
-        parent.performBlockAndWait([&] { ids = parent.fetchIDs(*upstream, error); });
+        parent.performBlockAndWait([&] { ids = parent.fetchIDs(upstream, error); });
     } else {
-        ids = coordinator_->fetchObjectIDs(*upstream, error);
+        ids = coordinator_->fetchObjectIDs(upstream, error);
     }
     if (!ids || !ownChanges) {
         return ids;
@@ -751,10 +750,12 @@ bool ManagedObjectContext::obtainPermanentIDsForObjects(const std::vector<Manage
 {
     checkAccess(__func__);
     const auto coordinator = persistentStoreCoordinator();
-    std::map<const EntityDescription*, std::vector<ManagedObjectRef>> byEntity;
-    for (const auto& object : objects) {
+    // By position in `objects`: a save passes every inserted object here.
+    std::map<const EntityDescription*, std::vector<std::size_t>> byEntity;
+    for (std::size_t index = 0; index < objects.size(); ++index) {
+        const auto& object = objects[index];
         if (object && object->objectID()->isTemporaryID()) {
-            byEntity[&object->entity()].push_back(object);
+            byEntity[&object->entity()].push_back(index);
         }
     }
     for (auto& [entity, group] : byEntity) {
@@ -762,14 +763,26 @@ bool ManagedObjectContext::obtainPermanentIDsForObjects(const std::vector<Manage
         if (!ids) {
             return false;
         }
+        // A save's new objects are often most of the table: then all change
+        // their IDs first and the table is refiled once.
+        const bool refile = group.size() * 4 >= registered_.size();
         for (std::size_t index = 0; index < group.size(); ++index) {
-            ManagedObject& object = *group[index];
-            if (object.context_ == this) {
-                registered_.erase(object.idKey());
-                registerObject(group[index], (*ids)[index]);
-            } else {
+            ManagedObject& object = *objects[group[index]];
+            if (object.context_ != this || refile) {
                 object.setObjectID((*ids)[index]);
+                continue;
             }
+            // The table gives back its reference, which goes in again under
+            // the new ID.
+            auto registered = registered_.erase(object.idKey());
+            if (registered.get() != &object) {
+                registered = objects[group[index]];
+            }
+            object.setObjectID((*ids)[index]);
+            registered_.insert(std::move(registered));
+        }
+        if (refile) {
+            registered_.refile();
         }
     }
     return true;
@@ -791,7 +804,12 @@ bool ManagedObjectContext::validate(ErrorRef* error) const
         return false;
     };
     for (const auto* set : {inserted_.get(), updated_.get()}) {
-        for (const auto& object : set->ordered()) {
+        // In place: a save validates every changed object, and a copy of
+        // the set would cost a reference count per object.
+        for (const auto& object : set->order) {
+            if (!object) {
+                continue;
+            }
             for (const auto& attribute : object->entity().attributes()) {
                 const Value& value = object->values_[attribute->index()];
                 if (!value) {
@@ -1018,21 +1036,23 @@ void ManagedObjectContext::settlePushedChanges(const std::vector<ManagedObjectRe
 
 bool ManagedObjectContext::saveToStore(ErrorRef* error)
 {
-    if (!obtainPermanentIDsForObjects(inserted_->ordered(), error)) {
+    auto inserted = inserted_->ordered();
+    if (!obtainPermanentIDsForObjects(inserted, error)) {
         return false;
     }
     const bool checkVersions = mergePolicy_ != MergePolicy::Overwrite;
-    auto inserted = inserted_->ordered();
     auto updated = updated_->ordered();
     auto deleted = deleted_->ordered();
 
     // A conflict is resolved by the merge policy and the save tried again;
     // each round settles the conflicts it met, so a few rounds suffice unless
     // other writers keep changing the same objects.
+    SaveChanges changes;
     for (int attempt = 0;; ++attempt) {
         std::vector<ManagedObjectIDRef> conflicts;
         ErrorRef saveError;
-        if (coordinator_->save(changesToSave(inserted, updated, deleted, checkVersions), &conflicts, &saveError)) {
+        changes = changesToSave(inserted, updated, deleted, checkVersions);
+        if (coordinator_->save(changes, &conflicts, &saveError)) {
             break;
         }
         if (saveError->code() != NSManagedObjectMergeError || mergePolicy_ == MergePolicy::Error || attempt >= 8) {
@@ -1043,7 +1063,7 @@ bool ManagedObjectContext::saveToStore(ErrorRef* error)
             resolveConflict(id, updated, deleted);
         }
     }
-    settleSavedChanges(inserted, updated, deleted, checkVersions);
+    settleSavedChanges(inserted, updated, deleted, std::move(changes), checkVersions);
     postDidSave(inserted, updated, deleted);
     return true;
 }
@@ -1145,21 +1165,26 @@ void ManagedObjectContext::mergeStoredSnapshot(ManagedObject& object, const Obje
 
 void ManagedObjectContext::settleSavedChanges(const std::vector<ManagedObjectRef>& inserted,
                                               const std::vector<ManagedObjectRef>& updated,
-                                              const std::vector<ManagedObjectRef>& deleted, bool checkVersions)
+                                              const std::vector<ManagedObjectRef>& deleted, SaveChanges saved,
+                                              bool checkVersions)
 {
-    for (const auto& object : inserted) {
-        object->inserted_ = false;
-        object->version_ = 1;
-        object->committed_ = snapshotOf(*object).values;
+    // What was written is what is committed now: the snapshots the store
+    // took, one per object in the same order, become the committed values.
+    for (std::size_t index = 0; index < inserted.size(); ++index) {
+        ManagedObject& object = *inserted[index];
+        object.inserted_ = false;
+        object.version_ = 1;
+        object.committed_ = std::move(saved.inserted[index].snapshot.values);
     }
-    for (const auto& object : updated) {
+    for (std::size_t index = 0; index < updated.size(); ++index) {
+        const auto& object = updated[index];
         object->updated_ = false;
         if (checkVersions) {
             object->version_ += 1;
         } else if (auto current = coordinator_->snapshotForObjectWithID(*object->objectID(), nullptr)) {
             object->version_ = current->version;
         }
-        object->committed_ = snapshotOf(*object).values;
+        object->committed_ = std::move(saved.updated[index].snapshot.values);
     }
     inserted_->clear();
     updated_->clear();

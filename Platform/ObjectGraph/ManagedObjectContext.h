@@ -257,7 +257,7 @@ private:
                          std::vector<ManagedObjectRef>& deleted);
     void mergeStoredSnapshot(ManagedObject& object, const ObjectSnapshot& current);
     void settleSavedChanges(const std::vector<ManagedObjectRef>& inserted, const std::vector<ManagedObjectRef>& updated,
-                            const std::vector<ManagedObjectRef>& deleted, bool checkVersions);
+                            const std::vector<ManagedObjectRef>& deleted, SaveChanges saved, bool checkVersions);
     void applyDeleteRules(ManagedObject& object);
     void postDidSave(const std::vector<ManagedObjectRef>& inserted, const std::vector<ManagedObjectRef>& updated,
                      const std::vector<ManagedObjectRef>& deleted);

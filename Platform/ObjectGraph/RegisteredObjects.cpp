@@ -137,6 +137,20 @@ void RegisteredObjects::clear()
     size_ = 0;
 }
 
+void RegisteredObjects::refile()
+{
+    auto old = std::move(slots_);
+    const auto oldHashes = std::move(hashes_);
+    slots_ = std::vector<ManagedObjectRef>(old.size());
+    hashes_ = std::vector<std::uint32_t>(old.size(), 0);
+    size_ = 0;
+    for (std::size_t index = 0; index < old.size(); ++index) {
+        if (oldHashes[index] != 0) {
+            insert(std::move(old[index]));
+        }
+    }
+}
+
 void RegisteredObjects::grow()
 {
     auto old = std::move(slots_);

@@ -9,7 +9,7 @@
 // node of an unordered map with the ID beside the object cost about 70 bytes.
 //
 // An object is found under the ID it had when it was inserted: change an ID
-// by erasing, changing and inserting again. Used on the owning context's
+// by erasing, changing and inserting again, or change many and refile. Used on the owning context's
 // thread only.
 #pragma once
 
@@ -36,6 +36,12 @@ public:
     // Takes out the object registered under `key` and returns it (nothing
     // when there is none).
     ManagedObjectRef erase(const ManagedObjectIDKey& key);
+
+    // Files every object again under the ID it has now. When many objects
+    // changed their IDs at once (a save's new objects), one pass costs less
+    // than an erase and an insert for each; until it runs, the changed ones
+    // are not found.
+    void refile();
 
     std::size_t size() const { return size_; }
     bool empty() const { return size_ == 0; }

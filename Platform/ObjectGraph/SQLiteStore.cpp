@@ -59,38 +59,15 @@ public:
     bool prepared() const { return result_ == SQLITE_OK && statement_ != nullptr; }
 
     // Values are always bound, never written into the SQL text.
-    void bind(int index, const Value& value)
-    {
-        switch (value.kind()) {
-        case Value::Kind::Boolean:
-        case Value::Kind::Integer:
-            sqlite3_bind_int64(statement_, index, *value.integerValue());
-            break;
-        case Value::Kind::Double:
-            sqlite3_bind_double(statement_, index, *value.doubleValue());
-            break;
-        case Value::Kind::String:
-            sqlite3_bind_text64(statement_, index, value.string()->data(), value.string()->size(), SQLITE_TRANSIENT,
-                                SQLITE_UTF8);
-            break;
-        case Value::Kind::Data: {
-            const Data& data = *value.data();
-            sqlite3_bind_blob64(statement_, index, data.empty() ? "" : static_cast<const void*>(data.data()),
-                                data.size(), SQLITE_TRANSIENT);
-            break;
-        }
-        case Value::Kind::Date:
-            sqlite3_bind_double(statement_, index, value.date()->timeIntervalSince1970());
-            break;
-        default:
-            sqlite3_bind_null(statement_, index);
-            break;
-        }
-    }
+    void bind(int index, const Value& value) { bind(index, value, SQLITE_TRANSIENT); }
+    // Binds text and bytes where they lie instead of copying them: `value`
+    // must stay alive and unchanged until the statement is reset. Saves and
+    // fetches bind from snapshots and plans that outlive their statement use.
+    void bindInPlace(int index, const Value& value) { bind(index, value, SQLITE_STATIC); }
     void bindAll(const Array& values)
     {
         for (std::size_t index = 0; index < values.size(); ++index) {
-            bind(static_cast<int>(index + 1), values[index]);
+            bindInPlace(static_cast<int>(index + 1), values[index]);
         }
     }
     void bind(int index, std::int64_t integer) { sqlite3_bind_int64(statement_, index, integer); }
@@ -143,6 +120,35 @@ public:
     }
 
 private:
+    void bind(int index, const Value& value, sqlite3_destructor_type lifetime)
+    {
+        switch (value.kind()) {
+        case Value::Kind::Boolean:
+        case Value::Kind::Integer:
+            sqlite3_bind_int64(statement_, index, *value.integerValue());
+            break;
+        case Value::Kind::Double:
+            sqlite3_bind_double(statement_, index, *value.doubleValue());
+            break;
+        case Value::Kind::String:
+            sqlite3_bind_text64(statement_, index, value.string()->data(), value.string()->size(), lifetime,
+                                SQLITE_UTF8);
+            break;
+        case Value::Kind::Data: {
+            const Data& data = *value.data();
+            sqlite3_bind_blob64(statement_, index, data.empty() ? "" : static_cast<const void*>(data.data()),
+                                data.size(), lifetime);
+            break;
+        }
+        case Value::Kind::Date:
+            sqlite3_bind_double(statement_, index, value.date()->timeIntervalSince1970());
+            break;
+        default:
+            sqlite3_bind_null(statement_, index);
+            break;
+        }
+    }
+
     sqlite3_stmt* statement_ = nullptr;
     int result_ = SQLITE_ERROR;
 };
@@ -243,6 +249,7 @@ SQLiteStore::SQLiteStore(Configuration configuration) : PersistentStore(std::mov
 
 SQLiteStore::~SQLiteStore()
 {
+    queries_.clear();
     statements_.clear();
     writers_.clear();
     if (database_ != nullptr) {
@@ -278,6 +285,7 @@ bool SQLiteStore::isStoredByInverse(const RelationshipDescription& relationship)
 SQLiteStore::Statement& SQLiteStore::statement(const std::string& sql)
 {
     if (statements_.size() >= kMaximumCachedStatements && statements_.find(sql) == statements_.end()) {
+        queries_.clear();
         statements_.clear();
     }
     auto& slot = statements_[sql];
@@ -540,7 +548,7 @@ bool SQLiteStore::writeRow(const SaveChanges::Change& change, bool insert, Error
             const auto target = value.objectAs<ManagedObjectID>();
             write.bind(index++, target ? Value(target->primaryKey()) : Value());
         } else {
-            write.bind(index++, value);
+            write.bindInPlace(index++, value);
         }
     }
     if (!insert) {
@@ -697,6 +705,37 @@ std::optional<SQLiteStore::Query> SQLiteStore::query(const FetchRequest& request
     }
     Query query;
     query.entity = entity;
+    const bool limited = request.fetchLimit() != 0 || request.fetchOffset() != 0;
+    auto appendLimit = [&] {
+        if (limited) {
+            query.bindings.push_back(Value(request.fetchLimit() != 0 ? static_cast<std::int64_t>(request.fetchLimit())
+                                                                     : std::int64_t{-1}));
+            query.bindings.push_back(Value(static_cast<std::int64_t>(request.fetchOffset())));
+        }
+    };
+
+    // Translating costs more than running a fetch by an index, and programs
+    // fetch with few shapes of predicate: the statement is kept per shape.
+    std::optional<PredicateSQLShape> shape =
+        request.predicate() ? predicateSQLShape(*request.predicate()) : PredicateSQLShape{};
+    std::string key;
+    if (shape) {
+        key = std::string(counting ? "c" : "f") + (limited ? "l" : "a") + std::to_string(entity->name().size()) + ":" +
+              entity->name() + std::to_string(request.sortDescriptors().size());
+        for (const auto& descriptor : request.sortDescriptors()) {
+            key += descriptor->ascending() ? '+' : '-';
+            key += descriptor->comparison() == SortDescriptor::CaseInsensitive ? 'i' : 's';
+            key += std::to_string(descriptor->key().size()) + ":" + descriptor->key();
+        }
+        key += request.predicate() ? shape->key : std::string();
+        if (const auto found = queries_.find(key); found != queries_.end()) {
+            query.statement = found->second;
+            query.bindings = std::move(shape->constants);
+            appendLimit();
+            return query;
+        }
+    }
+
     const Mapping mapping(*this);
     PredicateSQLTranslator translator(mapping, entity->name());
     std::string where;
@@ -710,7 +749,6 @@ std::optional<SQLiteStore::Query> SQLiteStore::query(const FetchRequest& request
         query.inMemory = true;
         return query;
     }
-    const bool limited = request.fetchLimit() != 0 || request.fetchOffset() != 0;
     std::string sql = "SELECT t0.Z_PK FROM " + quoted(entity->name()) + " AS t0" + translator.joins();
     if (!where.empty()) {
         sql += " WHERE " + where;
@@ -719,14 +757,17 @@ std::optional<SQLiteStore::Query> SQLiteStore::query(const FetchRequest& request
         // Z_PK last, so that equal sort keys come back in one order on every run.
         sql += " ORDER BY " + (order.empty() ? std::string() : order + ", ") + "t0.Z_PK";
     }
-    query.bindings = translator.bindings();
     if (limited) {
         sql += " LIMIT ? OFFSET ?";
-        query.bindings.push_back(Value(request.fetchLimit() != 0 ? static_cast<std::int64_t>(request.fetchLimit())
-                                                                 : std::int64_t{-1}));
-        query.bindings.push_back(Value(static_cast<std::int64_t>(request.fetchOffset())));
     }
-    query.sql = counting ? "SELECT count(*) FROM (" + sql + ")" : sql;
+    query.bindings = translator.bindings();
+    appendLimit();
+    query.statement = &statement(counting ? "SELECT count(*) FROM (" + sql + ")" : sql);
+    // Kept only when the translation bound exactly the shape's constants,
+    // so that a predicate of the same shape can bind its own in their place.
+    if (shape && query.statement->prepared() && translator.bindings() == shape->constants) {
+        queries_.emplace(std::move(key), query.statement);
+    }
     return query;
 }
 
@@ -816,7 +857,7 @@ std::optional<std::vector<ManagedObjectIDRef>> SQLiteStore::fetchObjectIDs(const
     if (plan->inMemory) {
         return fetchInMemory(*plan->entity, request, error);
     }
-    auto& select = statement(plan->sql);
+    auto& select = *plan->statement;
     StatementUse use(select);
     select.bindAll(plan->bindings);
     std::vector<ManagedObjectIDRef> ids;
@@ -841,7 +882,7 @@ std::optional<std::size_t> SQLiteStore::count(const FetchRequest& request, Error
         const auto ids = fetchInMemory(*plan->entity, request, error);
         return ids ? std::optional<std::size_t>(ids->size()) : std::nullopt;
     }
-    auto& select = statement(plan->sql);
+    auto& select = *plan->statement;
     StatementUse use(select);
     select.bindAll(plan->bindings);
     if (select.step() != SQLITE_ROW) {

@@ -39,6 +39,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <unordered_map>
 
 struct sqlite3;
 struct sqlite3_stmt;
@@ -80,7 +81,7 @@ private:
     struct Query {
         const EntityDescription* entity = nullptr;
         bool inMemory = false;
-        std::string sql;
+        Statement* statement = nullptr;  // one of statements_; use it before asking for another
         Array bindings;
     };
     [[nodiscard]] std::optional<Query> query(const FetchRequest& request, bool counting, ErrorRef* error);
@@ -112,6 +113,9 @@ private:
 
     sqlite3* database_ = nullptr;
     std::map<std::string, std::unique_ptr<Statement>> statements_;
+    // The statement of each fetch or count shape translated so far (see
+    // predicateSQLShape), emptied with statements_.
+    std::unordered_map<std::string, Statement*> queries_;
     std::map<const EntityDescription*, std::unique_ptr<EntityWriter>> writers_;
 };
 

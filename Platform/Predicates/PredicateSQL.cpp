@@ -614,6 +614,84 @@ std::string PredicateSQLTranslator::orderBy(const std::vector<std::shared_ptr<co
     return orderBy(plain);
 }
 
+namespace {
+
+// Strings go in with their length, so that no key path can pass for the
+// rest of the shape.
+void appendPart(std::string& key, std::string_view part)
+{
+    key += std::to_string(part.size());
+    key += ':';
+    key += part;
+}
+
+bool appendShape(const Predicate& predicate, std::string& key, Array& constants)
+{
+    if (const auto* constant = dynamic_cast<const ConstantPredicate*>(&predicate)) {
+        key += constant->value() ? 'T' : 'F';
+        return true;
+    }
+    if (const auto* compound = dynamic_cast<const CompoundPredicate*>(&predicate)) {
+        switch (compound->compoundPredicateType()) {
+        case CompoundPredicate::Type::Not: key += '!'; break;
+        case CompoundPredicate::Type::And: key += '&'; break;
+        case CompoundPredicate::Type::Or: key += '|'; break;
+        }
+        key += std::to_string(compound->subpredicates().size());
+        for (const auto& part : compound->subpredicates()) {
+            if (!appendShape(*part, key, constants)) {
+                return false;
+            }
+        }
+        return true;
+    }
+    const auto& comparison = dynamic_cast<const ComparisonPredicate&>(predicate);
+    const Op type = comparison.predicateOperatorType();
+    if (comparison.comparisonPredicateModifier() != Modifier::Direct || comparison.options() != 0 ||
+        !(isOrdering(type) || type == Op::EqualTo || type == Op::NotEqualTo)) {
+        return false;
+    }
+    const Expression* path = &comparison.leftExpression();
+    const Expression* constant = &comparison.rightExpression();
+    const bool constantFirst = path->type() == Expression::Type::ConstantValue;
+    if (constantFirst) {
+        std::swap(path, constant);
+    }
+    if (path->type() != Expression::Type::KeyPath || constant->type() != Expression::Type::ConstantValue) {
+        return false;
+    }
+    const Value& value = constant->constantValue();
+    switch (value.kind()) {
+    case Value::Kind::Boolean:
+    case Value::Kind::Integer:
+    case Value::Kind::Double:
+    case Value::Kind::String:
+    case Value::Kind::Date: break;
+    default: return false;
+    }
+    key += 'C';
+    key += static_cast<char>('a' + static_cast<int>(type));
+    key += constantFirst ? '<' : '>';
+    key += static_cast<char>('a' + static_cast<int>(value.kind()));
+    key += std::to_string(path->keyPathComponents().size());
+    for (const auto& component : path->keyPathComponents()) {
+        appendPart(key, component);
+    }
+    constants.push_back(value);
+    return true;
+}
+
+}  // namespace
+
+std::optional<PredicateSQLShape> predicateSQLShape(const Predicate& predicate)
+{
+    PredicateSQLShape shape;
+    if (!appendShape(predicate, shape.key, shape.constants)) {
+        return std::nullopt;
+    }
+    return shape;
+}
+
 bool registerPredicateFunctions(sqlite3* connection)
 {
     constexpr int flags = SQLITE_UTF8 | SQLITE_DETERMINISTIC;

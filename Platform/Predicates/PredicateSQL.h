@@ -149,6 +149,20 @@ private:
     int nextAlias_ = 1;
 };
 
+// What a predicate's translation depends on apart from the values of its
+// constants, for a store that keeps the SQL it made: a predicate of the same
+// shape translates to the same SQL, with `constants` bound to its "?" in
+// order. Only predicates whose constants are bound as they are have a shape:
+// every comparison is ==, !=, <, <=, > or >= without options or modifier,
+// between a key path and a number, boolean, string or date. Others (objects,
+// nil, collections, string operators, [c]) have none and are translated each
+// time.
+struct PredicateSQLShape {
+    std::string key;
+    Array constants;
+};
+std::optional<PredicateSQLShape> predicateSQLShape(const Predicate& predicate);
+
 // Registers on `connection` the functions that translated SQL calls:
 // regexp(pattern, subject[, options]) (so "x REGEXP y" works too) and
 // zarvo_fold(value, options). False when SQLite refuses.

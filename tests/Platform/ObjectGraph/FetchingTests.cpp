@@ -10,6 +10,7 @@ using namespace platform;
 using objectgraphtest::StoreTest;
 using testing::ElementsAre;
 using testing::ElementsAreArray;
+using testing::IsEmpty;
 
 namespace {
 
@@ -140,6 +141,39 @@ TEST_P(Fetching, SortDescriptorsOrderAndLimitsCut)
     request->setFetchLimit(2);
     request->setFetchOffset(4);
     EXPECT_EQ(context->countForFetchRequest(*request), 1u);
+}
+
+// Requests that differ only in their values, sort direction, limit or in
+// counting: a store that reuses its work for requests of one form must still
+// answer each for its own.
+TEST_P(Fetching, RequestsOfOneFormGetAnswersOfTheirOwn)
+{
+    auto context = rootContext();
+    for (const std::string name : {"Cy", "Ada", "Cy", "Eve"}) {
+        EXPECT_THAT(fetchNames(context, "Employee", Predicate::predicateWithFormat("name == %@", {name})),
+                    ElementsAre(name));
+    }
+    for (const auto& [level, expected] : std::vector<std::pair<int, std::size_t>>{{0, 5}, {3, 2}, {5, 1}, {9, 0}}) {
+        SCOPED_TRACE(level);
+        auto request = FetchRequest::fetchRequestWithEntityName("Employee");
+        request->setPredicate(Predicate::predicateWithFormat("level > %@", {level}));
+        EXPECT_EQ(context->countForFetchRequest(*request), expected);
+        EXPECT_EQ(fetchNames(context, "Employee", request->predicate()).size(), expected);
+    }
+    const auto byName = std::vector<std::shared_ptr<const SortDescriptor>>{SortDescriptor::create("name")};
+    const auto byNameDown = std::vector<std::shared_ptr<const SortDescriptor>>{SortDescriptor::create("name", false)};
+    const auto format = "level >= %@ AND department.name == %@";
+    const auto sales = Predicate::predicateWithFormat(format, {3, "Sales"});
+    EXPECT_THAT(fetchNames(context, "Employee", sales, byName), ElementsAre("Ada", "Bob"));
+    EXPECT_THAT(fetchNames(context, "Employee", sales, byNameDown), ElementsAre("Bob", "Ada"));
+    EXPECT_THAT(fetchNames(context, "Employee", sales, byName, 1, 1), ElementsAre("Bob"));
+    EXPECT_THAT(fetchNames(context, "Employee", sales, byName, 1), ElementsAre("Ada"));
+    EXPECT_THAT(fetchNames(context, "Employee", Predicate::predicateWithFormat(format, {1, "Support"}), byName),
+                ElementsAre("Cy"));
+    // The same form with a value of another kind: a string is never a number.
+    EXPECT_THAT(fetchNames(context, "Employee", Predicate::predicateWithFormat("level == %@", {3}), byName),
+                ElementsAre("Bob", "Eve"));
+    EXPECT_THAT(fetchNames(context, "Employee", Predicate::predicateWithFormat("level == %@", {"3"})), IsEmpty());
 }
 
 TEST_P(Fetching, UnsavedChangesTakePartInPredicatesSortsAndLimits)

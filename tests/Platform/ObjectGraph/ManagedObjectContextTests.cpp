@@ -218,6 +218,54 @@ TEST_P(SavingAndFetching, FaultsAreFoundByEqualIDsAndKeepOneIDObject)
     EXPECT_EQ(left, stored);
 }
 
+// A save gives new objects their permanent IDs and files them under those,
+// whether they are most of what the context holds or a few beside many
+// faults; what it wrote is each object's committed state.
+TEST_P(SavingAndFetching, SavedObjectsAreFoundUnderTheirPermanentIDsWithWhatWasWrittenCommitted)
+{
+    auto writer = rootContext();
+    std::vector<ManagedObjectRef> made;
+    std::vector<ManagedObjectIDRef> temporary;
+    for (int index = 0; index < 40; ++index) {
+        made.push_back(insert(writer, "Department", {{"name", "D" + std::to_string(index)}, {"budget", index * 1.5}}));
+        temporary.push_back(made.back()->objectID());
+    }
+    save(writer);
+    EXPECT_EQ(writer->registeredObjects().size(), made.size());
+    for (std::size_t index = 0; index < made.size(); ++index) {
+        SCOPED_TRACE(index);
+        const auto& object = made[index];
+        EXPECT_FALSE(object->objectID()->isTemporaryID());
+        EXPECT_EQ(writer->objectRegisteredForID(object->objectID()), object);
+        EXPECT_EQ(writer->objectRegisteredForID(temporary[index]), nullptr);
+        EXPECT_THAT(object->changedValues().keys(), IsEmpty());
+        EXPECT_EQ(object->committedValuesForKeys({"name"}).get("name"), Value("D" + std::to_string(index)));
+    }
+    made[7]->setValueForKey("Seven", "name");
+    save(writer);
+    EXPECT_EQ(made[7]->committedValuesForKeys({"name"}).get("name"), Value("Seven"));
+    EXPECT_EQ(made[8]->committedValuesForKeys({"name"}).get("name"), Value("D8"));
+
+    auto reader = rootContext();
+    const auto faults = fetchAll(reader, "Department");
+    auto first = insert(reader, "Department", {{"name", "New"}});
+    auto second = insert(reader, "Department", {{"name", "Newer"}});
+    save(reader);
+    EXPECT_EQ(reader->registeredObjects().size(), faults.size() + 2);
+    EXPECT_EQ(reader->objectRegisteredForID(first->objectID()), first);
+    EXPECT_EQ(reader->objectRegisteredForID(second->objectID()), second);
+    for (const auto& fault : faults) {
+        EXPECT_EQ(reader->objectRegisteredForID(fault->objectID()), fault);
+    }
+    std::set<std::string> stored;
+    auto check = rootContext();
+    for (const auto& object : fetchAll(check, "Department")) {
+        stored.insert(*object->valueForKey("name").string());
+    }
+    EXPECT_EQ(stored.size(), made.size() + 2);
+    EXPECT_EQ(stored.count("Seven") + stored.count("D7") + stored.count("New") + stored.count("Newer"), 3u);
+}
+
 TEST_P(SavingAndFetching, ExistingObjectOfAnIDWhoseObjectIsGoneIsReferentialIntegrityError)
 {
     auto context = rootContext();

@@ -448,6 +448,72 @@ TEST_F(PredicateSQLTest, KeysAreCheckedAgainstTheMappingAndValuesAreNeverInTheTe
     EXPECT_EQ(select("Tag", nullptr, {}, &sql)->size(), 4u);
 }
 
+// A store keeps the SQL made for a shape and binds the next predicate's
+// constants to it: one shape must mean one text that binds exactly the
+// shape's constants, in order.
+TEST_F(PredicateSQLTest, PredicatesOfOneShapeTranslateToOneTextBindingTheirConstants)
+{
+    const std::vector<std::pair<std::string, Array>> predicates = {
+        {"name == %@", {"Ada"}},
+        {"name == %@", {"x' OR 1=1 --"}},
+        {"name == %@", {42}},
+        {"name != %@", {"Ada"}},
+        {"age > %@", {30}},
+        {"age > %@", {30.5}},
+        {"age > %@", {true}},
+        {"%@ < age", {30}},
+        {"%@ > age", {30}},
+        {"age <= %@ AND name = %@", {1, "x"}},
+        {"age <= %@ AND name = %@", {2, "y"}},
+        {"age <= %@ OR name = %@", {2, "y"}},
+        {"(age <= %@ AND name = %@) OR active == %@", {2, "y", false}},
+        {"NOT (active == %@)", {true}},
+        {"department.name == %@", {"R&D"}},
+        {"department.name == %@", {"Ops"}},
+        {"manager.name == %@", {"Ops"}},
+        {"manager.department.name == %@", {"Ops"}},
+        {"department == %@", {7}},
+        {"salary >= %@", {Date(5)}},
+        {"salary >= %@", {Date(-5)}},
+        {"TRUEPREDICATE", {}},
+        {"FALSEPREDICATE AND name == %@", {"z"}},
+    };
+    std::map<std::string, std::string> textOfShape;
+    for (const auto& [format, arguments] : predicates) {
+        SCOPED_TRACE(format);
+        const auto predicate = Predicate::predicateWithFormat(format, arguments);
+        const auto shape = predicateSQLShape(*predicate);
+        ASSERT_TRUE(shape);
+        PredicateSQLTranslator translator(mapping_, "Employee");
+        const std::string text = translator.where(*predicate);
+        EXPECT_EQ(translator.bindings(), shape->constants);
+        const auto [known, added] = textOfShape.emplace(shape->key, text);
+        EXPECT_EQ(known->second, text);
+    }
+    // Different forms do not share a shape (the list above repeats a few).
+    EXPECT_EQ(textOfShape.size(), predicates.size() - 4);
+
+    // What binds something other than the constant as it is (folded or
+    // escaped text, primary keys of objects), or no constant at all, has no
+    // shape, and neither has a comparison of two key paths.
+    for (const auto& [format, arguments] : std::vector<std::pair<std::string, Array>>{
+             {"name ==[c] %@", {"Ada"}},
+             {"name BEGINSWITH %@", {"A"}},
+             {"name LIKE %@", {"A*"}},
+             {"name IN %@", {Array{"Ada", "Bob"}}},
+             {"age BETWEEN {1, 2}", {}},
+             {"name == nil", {}},
+             {"department == %@", {Value(Record::create(1))}},
+             {"ANY tags.name == %@", {"work"}},
+             {"name == nickname", {}},
+             {"1 == 1", {}},
+             {"age > 3 AND name CONTAINS %@", {"d"}},
+         }) {
+        SCOPED_TRACE(format);
+        EXPECT_FALSE(predicateSQLShape(*Predicate::predicateWithFormat(format, arguments)));
+    }
+}
+
 TEST_F(PredicateSQLTest, WhatSQLCannotSayIsRefusedAndBadPatternsFailOnBothPaths)
 {
     for (const std::string format : {"name BEGINSWITH nickname", "'Ada' BEGINSWITH name", "age IN {age, 1}",
