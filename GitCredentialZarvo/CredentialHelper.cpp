@@ -10,8 +10,8 @@
 #include "Platform/Foundation/URL.h"
 #include "Platform/Security/SecItem.h"
 #include "Platform/Security/SecKeychain.h"
+#include "Platform/Security/Wipe.h"
 
-#include <cstring>
 #include <filesystem>
 #include <optional>
 #include <string_view>
@@ -84,9 +84,29 @@ bool holdsLineBreakOrNul(std::string_view text)
 // and an empty user name names nobody.
 std::optional<std::string> given(const CredentialRequest& request, std::string_view key)
 {
-    auto value = request.value(key);
-    return value && !value->empty() ? value : std::nullopt;
+    const auto value = request.value(key);
+    return value && !value->empty() ? std::optional<std::string>(*value) : std::nullopt;
 }
+
+// Our copy of a secret (a password, the kept attributes with their refresh
+// token), wiped when the scope that made it ends, however it ends. Secrets
+// stay in std::optional<std::string> because the keychain classes take them
+// so: anything else would make them a temporary copy that nothing wipes.
+class WipedWhenDone {
+public:
+    explicit WipedWhenDone(std::optional<std::string>& secret) : secret_(secret) {}
+    ~WipedWhenDone()
+    {
+        if (secret_) {
+            security::wipe(*secret_);
+        }
+    }
+    WipedWhenDone(const WipedWhenDone&) = delete;
+    WipedWhenDone& operator=(const WipedWhenDone&) = delete;
+
+private:
+    std::optional<std::string>& secret_;
+};
 
 // What the request is about, as a URL the responder could have been asked
 // about. Nothing with `problem` empty when there is nothing to do here (no
@@ -138,13 +158,16 @@ std::string keptAttributesAccount(const QMInternetPasswordKeychainItem& item)
 }
 
 // The kept attributes of the request, one "key=value" line each, in a fixed
-// order so that equal sets compare equal.
-std::string keptAttributesOf(const CredentialRequest& request)
+// order so that equal sets compare equal. A secret for the caller to wipe.
+std::optional<std::string> keptAttributesOf(const CredentialRequest& request)
 {
     std::string text;
     for (const auto key : kKeptAttributes) {
         if (const auto value = request.value(key)) {
-            text += std::string(key) + "=" + *value + "\n";
+            security::appendToSecret(text, key);
+            security::appendToSecret(text, "=");
+            security::appendToSecret(text, *value);
+            security::appendToSecret(text, "\n");
         }
     }
     return text;
@@ -164,43 +187,49 @@ public:
         if (!item) {
             return outcome(error);
         }
-        const auto password = item->password();
+        auto password = item->password();
+        WipedWhenDone passwordWiped(password);
         const auto account = item->account().value_or("");
         // A value with a line break cannot be said in git's protocol: the
         // rest would be read as further attributes.
         if (!password || holdsLineBreakOrNul(*password) || holdsLineBreakOrNul(account)) {
             return kExitDone;
         }
-        std::string answer;
+        auto kept = keptAttributesText(*item);
+        WipedWhenDone keptWiped(kept);
+        // Written straight into the output, whose room is made first: a
+        // string that grows frees its old buffer with the password in it.
+        constexpr std::size_t kLabelsLength = 32;
+        output_->reserve(output_->size() + account.size() + password->size() + kept->size() + kLabelsLength);
         if (!account.empty()) {
-            answer += "username=" + account + "\n";
+            output_->append("username=").append(account).append("\n");
         }
-        answer += "password=" + *password + "\n";
-        if (const auto kept = keptAttributesItem(*item)) {
-            const auto text = kept->password().value_or("");
-            std::string_view rest = text;
-            while (!rest.empty()) {
-                const auto end = rest.find('\n');
-                const auto line = rest.substr(0, end);
-                rest = end == std::string_view::npos ? std::string_view() : rest.substr(end + 1);
-                for (const auto key : kKeptAttributes) {
-                    if (line.size() > key.size() && line.substr(0, key.size()) == key && line[key.size()] == '=') {
-                        answer += std::string(line) + "\n";
-                    }
+        output_->append("password=").append(*password).append("\n");
+        std::string_view rest = *kept;
+        while (!rest.empty()) {
+            const auto end = rest.find('\n');
+            const auto line = rest.substr(0, end);
+            rest = end == std::string_view::npos ? std::string_view() : rest.substr(end + 1);
+            for (const auto key : kKeptAttributes) {
+                if (line.size() > key.size() && line.substr(0, key.size()) == key && line[key.size()] == '=') {
+                    output_->append(line).append("\n");
                 }
             }
         }
-        *output_ += answer;
         return kExitDone;
     }
 
     int store(const URL& url, const CredentialRequest& request)
     {
-        const auto password = request.value("password");
-        if (!given(request, "username") || !password) {
+        const auto givenPassword = request.value("password");
+        if (!given(request, "username") || !givenPassword) {
             return kExitDone;  // git stores only a complete credential
         }
-        const std::string kept = keptAttributesOf(request);
+        // The one copy of the password that goes to the keychain.
+        std::optional<std::string> password(std::in_place, *givenPassword);
+        WipedWhenDone passwordWiped(password);
+        auto kept = keptAttributesOf(request);
+        WipedWhenDone keptWiped(kept);
         // Two helpers storing the same new item at once: the one that loses
         // the race finds the other's item and updates it.
         for (int attempt = 0; attempt < 2; ++attempt) {
@@ -210,17 +239,21 @@ public:
                 return outcome(error);
             }
             if (item) {
-                if (item->password() == *password && keptAttributesText(*item) == kept) {
+                auto stored = item->password();
+                WipedWhenDone storedWiped(stored);
+                auto storedKept = keptAttributesText(*item);
+                WipedWhenDone storedKeptWiped(storedKept);
+                if (stored == password && storedKept == kept) {
                     return kExitDone;  // git stores after every success; most change nothing
                 }
-                if (item->password() != *password) {
-                    item->setPassword(*password);
+                if (stored != password) {
+                    item->setPassword(password);
                     if (!item->save(&error)) {
                         return outcome(error);
                     }
                 }
             } else {
-                item = QMInternetPasswordKeychainItem::internetPasswordWithKeychain(keychain_, url, *password);
+                item = QMInternetPasswordKeychainItem::internetPasswordWithKeychain(keychain_, url, password);
                 if (!item->save(&error)) {
                     if (error && error->code() == errSecDuplicateItem) {
                         continue;
@@ -254,7 +287,9 @@ public:
                     continue;  // gone meanwhile
                 }
                 item = QMInternetPasswordKeychainItem::create(keychain_, *withSecret);
-                if (item->password() != *password) {
+                auto stored = item->password();
+                WipedWhenDone storedWiped(stored);
+                if (stored != *password) {
                     continue;
                 }
             }
@@ -308,17 +343,19 @@ private:
             keptAttributesAccount(item), std::string(kKeptAttributesService), keychain_);
     }
 
-    std::string keptAttributesText(const QMInternetPasswordKeychainItem& item)
+    // The stored kept attributes: a secret for the caller to wipe.
+    std::optional<std::string> keptAttributesText(const QMInternetPasswordKeychainItem& item)
     {
         const auto kept = keptAttributesItem(item);
-        return kept ? kept->password().value_or("") : std::string();
+        auto text = kept ? kept->password() : std::nullopt;
+        return text ? std::move(text) : std::optional<std::string>(std::in_place);
     }
 
-    int storeKeptAttributes(QMInternetPasswordKeychainItem& item, const std::string& kept)
+    int storeKeptAttributes(QMInternetPasswordKeychainItem& item, const std::optional<std::string>& kept)
     {
         ErrorRef error;
         const bool marked = item.comment() == kKeptAttributesMark;
-        if (kept.empty()) {
+        if (kept->empty()) {
             if (!marked) {
                 return kExitDone;
             }
@@ -377,7 +414,7 @@ int runCredentialHelper(const std::vector<std::string>& arguments, const std::fu
     std::string problem;
     const auto request = readCredentialRequest(input, &problem);
     // The request may hold a password; what is needed of it is copied out.
-    explicit_bzero(input.data(), input.size());
+    security::wipe(input);
     if (!request) {
         return complain("unreadable request: " + problem + "; nothing done");
     }

@@ -1,11 +1,19 @@
 #include "GitCredentialZarvo/CredentialRequest.h"
 
 #include "Platform/Foundation/Unicode.h"
+#include "Platform/Security/Wipe.h"
 
-std::optional<std::string> CredentialRequest::value(std::string_view key) const
+CredentialRequest::~CredentialRequest()
+{
+    for (auto& [key, value] : attributes) {
+        platform::security::wipe(value);
+    }
+}
+
+std::optional<std::string_view> CredentialRequest::value(std::string_view key) const
 {
     const auto found = attributes.find(key);
-    return found == attributes.end() ? std::nullopt : std::optional<std::string>(found->second);
+    return found == attributes.end() ? std::nullopt : std::optional<std::string_view>(found->second);
 }
 
 std::optional<CredentialRequest> readCredentialRequest(std::string_view input, std::string* problem)
@@ -42,8 +50,11 @@ std::optional<CredentialRequest> readCredentialRequest(std::string_view input, s
             *problem = where + " has no '=' (expected key=value)";
             return std::nullopt;
         }
-        request.attributes.insert_or_assign(std::string(line.substr(0, separator)),
-                                            std::string(line.substr(separator + 1)));
+        // Written in place: a temporary would leave a copy of a password
+        // behind, and so would the value a repeated key replaces.
+        auto& value = request.attributes[std::string(line.substr(0, separator))];
+        platform::security::wipe(value);
+        value.append(line.substr(separator + 1));
     }
     return request;
 }

@@ -15,11 +15,21 @@
 #include <string>
 #include <string_view>
 
+// A request may carry a password (and newer versions of git a refresh
+// token): its values are wiped when it goes, and it moves but never copies.
 struct CredentialRequest {
+    CredentialRequest() = default;
+    CredentialRequest(CredentialRequest&&) = default;
+    CredentialRequest& operator=(CredentialRequest&&) = default;
+    CredentialRequest(const CredentialRequest&) = delete;
+    CredentialRequest& operator=(const CredentialRequest&) = delete;
+    ~CredentialRequest();
+
     // A key given twice keeps its last value, as git itself reads them.
     std::map<std::string, std::string, std::less<>> attributes;
 
-    std::optional<std::string> value(std::string_view key) const;
+    // A view into the request, valid while it lives; no copy of a secret.
+    std::optional<std::string_view> value(std::string_view key) const;
 };
 
 inline constexpr std::size_t kMaximumLineLength = 65536;

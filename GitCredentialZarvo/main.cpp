@@ -5,6 +5,7 @@
 
 #include "Platform/Foundation/Exception.h"
 #include "Platform/Security/SecKeychain.h"
+#include "Platform/Security/Wipe.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -15,7 +16,8 @@
 namespace {
 
 // Standard input up to one byte more than a request may hold, so that a
-// longer one is seen as such without reading an endless stream.
+// longer one is seen as such without reading an endless stream. It may hold
+// a password: the buffers it outgrows are wiped.
 std::string readRequest()
 {
     std::string input;
@@ -28,7 +30,7 @@ std::string readRequest()
         if (count <= 0) {
             break;
         }
-        input.append(buffer, static_cast<std::size_t>(count));
+        platform::security::appendToSecret(input, std::string_view(buffer, static_cast<std::size_t>(count)));
     }
     explicit_bzero(buffer, sizeof buffer);
     return input;
@@ -63,6 +65,6 @@ int main(int argc, char** argv)
     writeAll(STDOUT_FILENO, output);
     writeAll(STDERR_FILENO, errors);
     // The answer may hold a password.
-    explicit_bzero(output.data(), output.size());
+    platform::security::wipe(output);
     return status;
 }

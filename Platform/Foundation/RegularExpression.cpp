@@ -2,6 +2,7 @@
 #include "Platform/Foundation/RegularExpression.h"
 
 #include "Platform/Foundation/Error.h"
+#include "Platform/Foundation/RegularExpressionOptions.h"
 
 #include <pcre2.h>
 
@@ -16,29 +17,6 @@ namespace {
 constexpr std::string_view kErrorDomain = "NSCocoaErrorDomain";
 constexpr std::int64_t kPatternErrorCode = 2048;  // the platform's "invalid pattern" code
 
-std::uint32_t compileOptions(unsigned options)
-{
-    std::uint32_t flags = PCRE2_UTF | PCRE2_UCP | PCRE2_MATCH_INVALID_UTF;
-    if (options & RegularExpression::CaseInsensitive) {
-        flags |= PCRE2_CASELESS;
-    }
-    if (options & RegularExpression::AllowCommentsAndWhitespace) {
-        flags |= PCRE2_EXTENDED;
-    }
-    if (options & RegularExpression::IgnoreMetacharacters) {
-        // A literal pattern takes no syntax options; in UTF mode its caseless
-        // matching still folds every Unicode letter.
-        return (flags & ~(PCRE2_UCP | PCRE2_EXTENDED)) | PCRE2_LITERAL;
-    }
-    if (options & RegularExpression::DotMatchesLineSeparators) {
-        flags |= PCRE2_DOTALL;
-    }
-    if (options & RegularExpression::AnchorsMatchLines) {
-        flags |= PCRE2_MULTILINE;
-    }
-    return flags;
-}
-
 std::string compilerMessage(int code)
 {
     PCRE2_UCHAR buffer[256];
@@ -46,14 +24,11 @@ std::string compilerMessage(int code)
     return length < 0 ? "unknown error" : std::string(reinterpret_cast<const char*>(buffer), static_cast<std::size_t>(length));
 }
 
-// Every Unicode line break ends a line, as the platform's expressions treat
-// them: "." crosses none of CR, LF, CRLF, VT, FF, NEL, LS and PS, and "$" and
-// multi-line anchors stop at each. PCRE2 alone would know only LF.
 pcre2_compile_context* compileContext()
 {
     static pcre2_compile_context* const context = [] {
         auto* made = pcre2_compile_context_create(nullptr);
-        pcre2_set_newline(made, PCRE2_NEWLINE_ANY);
+        pcre2_set_newline(made, internal::kPCRE2Newline);
         return made;
     }();
     return context;
@@ -151,7 +126,7 @@ RegularExpressionRef RegularExpression::create(std::string_view pattern, unsigne
     PCRE2_SIZE errorOffset = 0;
     auto code = std::make_unique<Code>();
     code->compiled = pcre2_compile(reinterpret_cast<PCRE2_SPTR>(pattern.data()), pattern.size(),
-                                   compileOptions(options), &errorCode, &errorOffset, compileContext());
+                                   internal::pcre2CompileOptions(options), &errorCode, &errorOffset, compileContext());
     if (code->compiled == nullptr) {
         if (error != nullptr) {
             const auto description = "The value \u201c" + std::string(pattern) + "\u201d is invalid: "
@@ -162,6 +137,30 @@ RegularExpressionRef RegularExpression::create(std::string_view pattern, unsigne
         return nullptr;
     }
     return RegularExpressionRef(new RegularExpression(std::string(pattern), options, std::move(code)));
+}
+
+RegularExpressionRef RegularExpression::createFromCode(std::string_view pattern, unsigned options,
+                                                       std::span<const std::uint8_t> code, bool* decoded)
+{
+    auto made = std::make_unique<Code>();
+    pcre2_code* decodedCode = nullptr;
+    const int count = pcre2_serialize_get_number_of_codes(code.data());
+    if (count == 1 && pcre2_serialize_decode(&decodedCode, 1, code.data(), nullptr) == 1) {
+        made->compiled = decodedCode;
+    }
+    std::uint32_t argumentOptions = 0;
+    std::uint32_t newline = 0;
+    const bool asCompiled = made->compiled != nullptr &&
+                            pcre2_pattern_info(made->compiled, PCRE2_INFO_ARGOPTIONS, &argumentOptions) == 0 &&
+                            pcre2_pattern_info(made->compiled, PCRE2_INFO_NEWLINE, &newline) == 0 &&
+                            argumentOptions == internal::pcre2CompileOptions(options) && newline == internal::kPCRE2Newline;
+    if (decoded != nullptr) {
+        *decoded = asCompiled;
+    }
+    if (!asCompiled) {
+        return create(pattern, options);
+    }
+    return RegularExpressionRef(new RegularExpression(std::string(pattern), options, std::move(made)));
 }
 
 RegularExpressionRef RegularExpression::literal(std::string_view text, unsigned options)

@@ -16,8 +16,10 @@
 #include "Platform/Foundation/Value.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -58,6 +60,17 @@ public:
     [[nodiscard]] static RegularExpressionRef create(std::string_view pattern, unsigned options, ErrorRef* error = nullptr);
     // The pattern taken as literal text.
     static RegularExpressionRef literal(std::string_view text, unsigned options = 0);
+    // As create() for a pattern known to compile, from `code`: what
+    // pcre2_serialize_encode made of that one expression at build time.
+    // Decoding costs a few microseconds where compiling a large grammar costs
+    // a hundred and more. PCRE2 trusts the bytes, so they must come from an
+    // encoding and never from outside. Nothing checks that `code` was made
+    // from `pattern`; what is checked is that it decodes under the PCRE2 this
+    // program runs with (another version refuses it) to one expression
+    // compiled with `options`. When it does not, the pattern is compiled
+    // instead; `*decoded` says which happened.
+    static RegularExpressionRef createFromCode(std::string_view pattern, unsigned options,
+                                               std::span<const std::uint8_t> code, bool* decoded = nullptr);
 
     ~RegularExpression();
     RegularExpression(const RegularExpression&) = delete;

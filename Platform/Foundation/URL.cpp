@@ -1,6 +1,7 @@
 #include "Platform/Foundation/URL.h"
 
 #include "Platform/Foundation/RegularExpression.h"
+#include "Platform/Foundation/URIReferenceGrammar.h"
 #include "Platform/Foundation/Unicode.h"
 
 #include <algorithm>
@@ -12,58 +13,19 @@
 namespace platform {
 namespace {
 
-// RFC 3986's grammar of a URI reference (section 4.1, with the rules of
-// appendix A), written out for PCRE2. Every component the URL keeps has its own
-// group, present exactly when its delimiter is: 1 scheme, 2 user information,
-// 3 host (the text inside the brackets of an IP literal), 4 port, 5 query,
-// 6 fragment. The host of an IPv4 address is read as a registered name, which
-// takes the same text. The named rules come last, so that they take no group
-// numbers before the components.
-constexpr std::string_view kURIReferenceGrammar = R"grammar(
-\A
-(?: ( [A-Za-z] [A-Za-z0-9+.\-]* ) : )?                                             # scheme
-(?: // (?: ( (?: (?&unreserved) | (?&pct) | (?&subdelims) | : )*+ ) @ )?           # authority: user information,
-       (?| \[ ( (?&ipv6) | (?&ipvfuture) ) \] | ( (?: (?&unreserved) | (?&pct) | (?&subdelims) )*+ ) )  # host,
-       (?: : ( [0-9]*+ ) )?                                                        # port,
-       (?: / (?&segment) )*+                                                       # then path-abempty
-  |    / (?: (?&pchar)++ (?: / (?&segment) )*+ )?                                  # path-absolute
-  |    (?(1) (?&pchar)++ | (?: (?&unreserved) | (?&pct) | (?&subdelims) | @ )++ )  # path-rootless, or without a
-       (?: / (?&segment) )*+                                                       #   scheme path-noscheme (no colon)
-  |    )                                                                           # path-empty
-(?: \? ( (?: (?&pchar) | [/?] )*+ ) )?                                             # query
-(?: \# ( (?: (?&pchar) | [/?] )*+ ) )?                                             # fragment
-\z
-(?(DEFINE)
-  (?<unreserved>  [A-Za-z0-9\-._~] )
-  (?<pct>         %[0-9A-Fa-f]{2} )
-  (?<subdelims>   [!$&'()*+,;=] )
-  (?<pchar>       (?&unreserved) | (?&pct) | (?&subdelims) | [:@] )
-  (?<segment>     (?&pchar)*+ )
-  (?<h16>         [0-9A-Fa-f]{1,4} )
-  (?<decoctet>    25[0-5] | 2[0-4][0-9] | 1[0-9]{2} | [1-9]?[0-9] )
-  (?<ipv4>        (?&decoctet) (?: \. (?&decoctet) ){3} )
-  (?<ls32>        (?&h16) : (?&h16) | (?&ipv4) )
-  (?<ipv6>                                       (?: (?&h16) : ){6} (?&ls32)
-          |                                   :: (?: (?&h16) : ){5} (?&ls32)
-          | (?:                     (?&h16) )? :: (?: (?&h16) : ){4} (?&ls32)
-          | (?: (?: (?&h16) : ){0,1} (?&h16) )? :: (?: (?&h16) : ){3} (?&ls32)
-          | (?: (?: (?&h16) : ){0,2} (?&h16) )? :: (?: (?&h16) : ){2} (?&ls32)
-          | (?: (?: (?&h16) : ){0,3} (?&h16) )? ::     (?&h16) :      (?&ls32)
-          | (?: (?: (?&h16) : ){0,4} (?&h16) )? ::                    (?&ls32)
-          | (?: (?: (?&h16) : ){0,5} (?&h16) )? ::     (?&h16)
-          | (?: (?: (?&h16) : ){0,6} (?&h16) )? :: )
-  (?<ipvfuture>   v [0-9A-Fa-f]+ \. (?: (?&unreserved) | (?&subdelims) | : )+ )
-)
-)grammar";
-
+// The components' groups in the grammar, in its order.
 enum URIGroup : std::size_t { kScheme = 1, kUserInformation, kHost, kPort, kQuery, kFragment };
 
-// Compiled on first use, then shared by every thread. It turns itself into
-// machine code only in a process that parses many URLs (a client parses one
-// per load); a helper that parses one or two never pays for that.
+// Decoded from the code the build made of it on first use, then shared by
+// every thread: a program that parses one URL (the credential helper, the
+// responder) would otherwise spend more time compiling the grammar than on
+// anything else it does. It turns itself into machine code only in a process
+// that parses many URLs (a client parses one per load).
 const RegularExpression& uriReferenceGrammar()
 {
-    static const auto grammar = RegularExpression::create(kURIReferenceGrammar, RegularExpression::AllowCommentsAndWhitespace);
+    static const auto grammar = RegularExpression::createFromCode(
+        internal::kURIReferenceGrammar, internal::kURIReferenceGrammarOptions,
+        {internal::kURIReferenceGrammarCode, internal::kURIReferenceGrammarCodeSize});
     return *grammar;
 }
 

@@ -149,16 +149,4 @@ void forgetKey(const std::string& fileIdentity)
     keys.keys.erase(fileIdentity);
 }
 
-void wipe(Data& data)
-{
-    sodium_memzero(data.data(), data.size());
-    data.clear();
-}
-
-void wipe(std::string& text)
-{
-    sodium_memzero(text.data(), text.size());
-    text.clear();
-}
-
 }  // namespace platform::security

@@ -12,6 +12,7 @@
 
 #include "Platform/Foundation/Value.h"
 #include "Platform/Security/SecBase.h"
+#include "Platform/Security/Wipe.h"
 
 #include <cstdint>
 #include <memory>
@@ -61,9 +62,5 @@ std::string randomIdentity();
 void rememberKey(const std::string& fileIdentity, SecretKeyRef key);
 SecretKeyRef rememberedKey(const std::string& fileIdentity);
 void forgetKey(const std::string& fileIdentity);
-
-// Wipes a buffer that held a secret.
-void wipe(Data& data);
-void wipe(std::string& text);
 
 }  // namespace platform::security

@@ -749,8 +749,13 @@ OSStatus KeychainFile::open(const std::string& path, OpenMode mode, KeychainFile
     // A read sees the file through one snapshot, taken under one shared
     // lock with its first page. The schema and the metadata are read each
     // time: another process may have given an empty file its tables since.
+    // Reading the header's schema version first takes that lock before
+    // anything needs the schema, so SQLite parses it inside this snapshot;
+    // otherwise the first prepare would take and drop a lock of its own to
+    // parse it (looking for a hot journal each time) and the first step
+    // would take another. The version touches no table.
     if (mode == OpenMode::Read || mode == OpenMode::Examine) {
-        status = statusForSQLite(execute(opened->database_, "BEGIN"));
+        status = statusForSQLite(execute(opened->database_, "BEGIN; PRAGMA schema_version"));
     }
     if (status == errSecSuccess) {
         status = opened->readHeaderAndMetadata();
@@ -875,9 +880,10 @@ OSStatus KeychainFile::configureForWriting()
 
 OSStatus KeychainFile::checkSchema(bool* isEmpty)
 {
-    // The first statement of an open, so it takes the read lock, and any
-    // statement that follows touches only tables known to be ours: an items
-    // "table" that is really an endless view never runs.
+    // The first statement of an open that reads a table (a read has only
+    // read the header before), so any statement that follows touches only
+    // tables known to be ours: an items "table" that is really an endless
+    // view never runs.
     Statement schema(database_, "SELECT type, name, tbl_name, sql FROM sqlite_schema");
     std::array<bool, std::size(kSchema)> seen{};
     std::size_t rows = 0;

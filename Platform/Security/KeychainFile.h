@@ -9,9 +9,10 @@
 // operations it waits in a per-file pool of this process, and it never
 // crosses a fork.
 //
-// Opening for reading begins a read transaction and runs two statements in
-// it: one that compares the schema with ours, one that reads the few rows of
-// metadata; the settings that only writes need are made by the first write
+// Opening for reading begins a read transaction, reads the header's schema
+// version in it (which takes the lock the schema is then parsed under) and
+// runs two statements: one that compares the schema with ours, one that
+// reads the few rows of metadata; the settings that only writes need are made by the first write
 // on a connection. Opening for writing creates the file and its tables when
 // asked to. Every open first checks that no other user could read or
 // replace the file (see SecKeychain.h); SQLite is then given the file's real

@@ -1,8 +1,11 @@
 #include "Platform/Foundation/RegularExpression.h"
+#include "Platform/Foundation/RegularExpressionOptions.h"
+#include "Platform/Foundation/URIReferenceGrammar.h"
 
 #include <gtest/gtest.h>
 
 #include <barrier>
+#include <cstdint>
 #include <string>
 #include <thread>
 #include <utility>
@@ -154,6 +157,88 @@ TEST(RegularExpressionMatchData, GroupsAreThoseOfTheMatchAtHand)
             EXPECT_FALSE(partial->ranges[group]) << group;
         }
     }).join();
+}
+
+// What pcre2_serialize_encode makes of `pattern` compiled with `options`.
+std::vector<std::uint8_t> encoded(std::string_view pattern, unsigned options)
+{
+    int errorCode = 0;
+    PCRE2_SIZE errorOffset = 0;
+    pcre2_compile_context* context = pcre2_compile_context_create(nullptr);
+    pcre2_set_newline(context, platform::internal::kPCRE2Newline);
+    pcre2_code* code = pcre2_compile(reinterpret_cast<PCRE2_SPTR>(pattern.data()), pattern.size(),
+                                     platform::internal::pcre2CompileOptions(options), &errorCode, &errorOffset, context);
+    pcre2_compile_context_free(context);
+    EXPECT_NE(code, nullptr);
+    const pcre2_code* codes[] = {code};
+    std::uint8_t* bytes = nullptr;
+    PCRE2_SIZE size = 0;
+    EXPECT_EQ(pcre2_serialize_encode(codes, 1, &bytes, &size, nullptr), 1);
+    std::vector<std::uint8_t> result(bytes, bytes + size);
+    pcre2_serialize_free(bytes);
+    pcre2_code_free(code);
+    return result;
+}
+
+// The URL grammar the build embeds decodes (a build whose encoder and library
+// disagree would quietly compile at every start) and parses as the compiled
+// grammar does, groups and all.
+TEST(RegularExpressionFromCode, TheEmbeddedURLGrammarDecodesAndMatchesAsCompiled)
+{
+    using namespace platform::internal;
+    bool decoded = false;
+    const auto fromCode = RegularExpression::createFromCode(
+        kURIReferenceGrammar, kURIReferenceGrammarOptions, {kURIReferenceGrammarCode, kURIReferenceGrammarCodeSize},
+        &decoded);
+    const auto compiled = RegularExpression::create(kURIReferenceGrammar, kURIReferenceGrammarOptions);
+    ASSERT_TRUE(fromCode && compiled);
+    EXPECT_TRUE(decoded);
+    EXPECT_EQ(fromCode->pattern(), kURIReferenceGrammar);
+    EXPECT_EQ(fromCode->numberOfCaptureGroups(), compiled->numberOfCaptureGroups());
+    for (const std::string_view text :
+         {"https://user:secret@[::1]:8080/a/b?q=1#f", "ssh://git@host.example/repo.git", "mailto:someone@example.org",
+          "//host", "relative/path?x", "http://[v7.fe80::1]/", "http://exa mple.org/", "http://host:80x/",
+          "line\nbreak", "http://host/%zz", ""}) {
+        SCOPED_TRACE(text);
+        const auto expected = compiled->firstMatch(text);
+        const auto actual = fromCode->firstMatch(text);
+        ASSERT_EQ(actual.has_value(), expected.has_value());
+        if (expected) {
+            EXPECT_EQ(spans(*actual), spans(*expected));
+        }
+    }
+}
+
+// Code that does not fit is compiled over: from another PCRE2 version (here
+// a version field changed), or compiled with other options than asked for.
+TEST(RegularExpressionFromCode, CompilesThePatternWhenTheCodeDoesNotFit)
+{
+    auto otherVersion = encoded("(a+)b", 0);
+    ASSERT_GT(otherVersion.size(), 8u);
+    otherVersion[4] ^= 0x7f;  // the major version, after the 4-byte magic number
+    bool decoded = true;
+    const auto fromOtherVersion = RegularExpression::createFromCode("(a+)b", 0, otherVersion, &decoded);
+    ASSERT_TRUE(fromOtherVersion);
+    EXPECT_FALSE(decoded);
+    const auto match = fromOtherVersion->firstMatch("xaab");
+    ASSERT_TRUE(match);
+    EXPECT_EQ(match->substring("xaab", 1), "aa");
+
+    // Caseless code asked for as case-sensitive: "A" must not match.
+    decoded = true;
+    const auto caseSensitive =
+        RegularExpression::createFromCode("a", 0, encoded("a", RegularExpression::CaseInsensitive), &decoded);
+    ASSERT_TRUE(caseSensitive);
+    EXPECT_FALSE(decoded);
+    EXPECT_FALSE(caseSensitive->firstMatch("A"));
+    EXPECT_EQ(caseSensitive->options(), 0u);
+
+    decoded = false;
+    const auto caseless = RegularExpression::createFromCode("a", RegularExpression::CaseInsensitive,
+                                                            encoded("a", RegularExpression::CaseInsensitive), &decoded);
+    ASSERT_TRUE(caseless);
+    EXPECT_TRUE(decoded);
+    EXPECT_TRUE(caseless->firstMatch("A"));
 }
 
 }  // namespace
