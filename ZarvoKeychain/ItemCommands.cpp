@@ -1,5 +1,6 @@
 #include "ZarvoKeychain/ItemCommands.h"
 
+#include "Platform/Security/Wipe.h"
 #include "ZarvoKeychain/CommandOptions.h"
 #include "ZarvoKeychain/KeychainAccess.h"
 #include "ZarvoKeychain/KeychainTool.h"
@@ -187,7 +188,7 @@ int addPassword(ItemKind kind, const Command& command, const Options& options)
                                             : "no password given: type it at the prompt or pipe it to standard input");
     }
     attributes.set(kSecValueData, Data(password->begin(), password->end()));
-    wipeSecret(*password);
+    platform::security::wipe(*password);
     Dictionary added = attributes;
     restrictTo(added, keychain, isExplicit);
     added.remove(kSecMatchSearchList);

@@ -1,5 +1,6 @@
 #include "ZarvoKeychain/KeychainAccess.h"
 
+#include "Platform/Security/Wipe.h"
 #include "ZarvoKeychain/CommandOptions.h"
 #include "ZarvoKeychain/KeychainTool.h"
 #include "ZarvoKeychain/PasswordInput.h"
@@ -56,7 +57,7 @@ int ensureUnlocked(const Command& command, const SecKeychainRef& keychain, Passw
     }
     const OSStatus unlocked =
         SecKeychainUnlock(keychain, static_cast<std::uint32_t>(password->size()), password->data(), true);
-    wipeSecret(*password);
+    platform::security::wipe(*password);
     return report(command, unlocked);
 }
 

@@ -1,5 +1,6 @@
 #include "ZarvoKeychain/KeychainCommands.h"
 
+#include "Platform/Security/Wipe.h"
 #include "ZarvoKeychain/CommandOptions.h"
 #include "ZarvoKeychain/KeychainAccess.h"
 #include "ZarvoKeychain/KeychainTool.h"
@@ -33,7 +34,7 @@ int createKeychain(const Command& command, const Options& options)
     const OSStatus status =
         SecKeychainCreate(path.c_str(), static_cast<std::uint32_t>(password->size()), password->data(), false, nullptr,
                           nullptr);
-    wipeSecret(*password);
+    platform::security::wipe(*password);
     return report(command, status);
 }
 

@@ -1,5 +1,6 @@
 #include "ZarvoKeychain/PasswordInput.h"
 
+#include "Platform/Security/Wipe.h"
 #include "ZarvoKeychain/EchoOff.h"
 
 #include <sodium.h>
@@ -7,17 +8,11 @@
 #include <cstdio>
 #include <unistd.h>
 
-void wipeSecret(std::string& secret)
-{
-    sodium_memzero(secret.data(), secret.size());
-    secret.clear();
-}
-
 PasswordInput::PasswordInput() : interactive_(::isatty(STDIN_FILENO) == 1) {}
 
 PasswordInput::~PasswordInput()
 {
-    wipeSecret(pending_);
+    platform::security::wipe(pending_);
 }
 
 std::optional<std::string> PasswordInput::prompt(const std::string& text)
@@ -75,7 +70,7 @@ std::optional<std::string> PasswordInput::takeTheRest()
         return std::nullopt;
     }
     std::string secret = pending_;
-    wipeSecret(pending_);
+    platform::security::wipe(pending_);
     if (!secret.empty() && secret.back() == '\n') {
         secret.pop_back();
         if (!secret.empty() && secret.back() == '\r') {
@@ -94,13 +89,13 @@ std::optional<std::string> PasswordInput::promptTwice(const std::string& text, b
     auto second = prompt("retype " + text + ": ");
     if (!second || *second != *first) {
         *mismatch = second.has_value();
-        wipeSecret(*first);
+        platform::security::wipe(*first);
         if (second) {
-            wipeSecret(*second);
+            platform::security::wipe(*second);
         }
         return std::nullopt;
     }
-    wipeSecret(*second);
+    platform::security::wipe(*second);
     return first;
 }
 

@@ -12,10 +12,6 @@
 #include <optional>
 #include <string>
 
-// Overwrites a secret's bytes before emptying it, so that no copy of it is
-// left in freed memory.
-void wipeSecret(std::string& secret);
-
 class PasswordInput {
 public:
     PasswordInput();
