@@ -721,13 +721,7 @@ std::optional<SQLiteStore::Query> SQLiteStore::query(const FetchRequest& request
     std::string key;
     if (shape) {
         key = std::string(counting ? "c" : "f") + (limited ? "l" : "a") + std::to_string(entity->name().size()) + ":" +
-              entity->name() + std::to_string(request.sortDescriptors().size());
-        for (const auto& descriptor : request.sortDescriptors()) {
-            key += descriptor->ascending() ? '+' : '-';
-            key += descriptor->comparison() == SortDescriptor::CaseInsensitive ? 'i' : 's';
-            key += std::to_string(descriptor->key().size()) + ":" + descriptor->key();
-        }
-        key += request.predicate() ? shape->key : std::string();
+              entity->name() + sortSQLShape(request.sortDescriptors()) + shape->key;
         if (const auto found = queries_.find(key); found != queries_.end()) {
             query.statement = found->second;
             query.bindings = std::move(shape->constants);

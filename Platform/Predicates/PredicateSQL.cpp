@@ -692,6 +692,17 @@ std::optional<PredicateSQLShape> predicateSQLShape(const Predicate& predicate)
     return shape;
 }
 
+std::string sortSQLShape(const std::vector<std::shared_ptr<const SortDescriptor>>& descriptors)
+{
+    std::string key = std::to_string(descriptors.size());
+    for (const auto& descriptor : descriptors) {
+        key += descriptor->ascending() ? '+' : '-';
+        key += descriptor->comparison() == SortDescriptor::CaseInsensitive ? 'i' : 's';
+        appendPart(key, descriptor->key());
+    }
+    return key;
+}
+
 bool registerPredicateFunctions(sqlite3* connection)
 {
     constexpr int flags = SQLITE_UTF8 | SQLITE_DETERMINISTIC;

@@ -162,6 +162,9 @@ struct PredicateSQLShape {
     Array constants;
 };
 std::optional<PredicateSQLShape> predicateSQLShape(const Predicate& predicate);
+// The shape of an ORDER BY, in the same form: descriptors that sort alike
+// give the same text.
+std::string sortSQLShape(const std::vector<std::shared_ptr<const SortDescriptor>>& descriptors);
 
 // Registers on `connection` the functions that translated SQL calls:
 // regexp(pattern, subject[, options]) (so "x REGEXP y" works too) and
