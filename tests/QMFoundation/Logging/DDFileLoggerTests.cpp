@@ -149,7 +149,9 @@ TEST_F(DDFileLoggerTest, AFullOrOldFileIsArchivedBeforeTheFirstWrite)
         testsupport::TemporaryDirectory rowDirectory;
         const std::string existing = rowDirectory.path() + "/log-AAAAAA.txt";
         testsupport::writeWholeFile(existing, row.content);
-        testsupport::waitForNewerFileTime(existing);
+        // Past the millisecond's age limit for sure: one tick of the file
+        // clock can be a millisecond itself.
+        testsupport::waitForNewerFileTime(existing, 0.002);
         const auto logger = DDFileLogger::create(testsupport::RollRecordingManager::make(rowDirectory.path()));
         writeRawLines(logger);
         row.limit(logger);

@@ -61,9 +61,9 @@ private:
 
 // File times come from the kernel's coarse clock, which moves every few
 // milliseconds: files made within one tick share their birth time. Waits
-// until the clock has moved past the birth time of `path`, so a file made
-// next is newer.
-inline void waitForNewerFileTime(const std::string& path)
+// until the clock has moved past the birth time of `path` (by more than
+// `atLeast` seconds), so a file made next is newer.
+inline void waitForNewerFileTime(const std::string& path, double atLeast = 0)
 {
     const auto attributes = platform::FileManager::attributesOfItemAtPath(path);
     if (!attributes) {
@@ -74,7 +74,7 @@ inline void waitForNewerFileTime(const std::string& path)
     timespec now{};
     do {
         ::clock_gettime(CLOCK_REALTIME_COARSE, &now);
-    } while (static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9 <= made
+    } while (static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9 <= made + atLeast
              && std::chrono::steady_clock::now() < giveUp);
 }
 
