@@ -176,7 +176,11 @@ void OperationQueue::cancelAllOperations()
 
 void OperationQueue::schedule()
 {
-    std::vector<OperationRef> startable;
+    // Mostly one operation becomes startable at a time (one ended, or one was
+    // added): it is kept apart from the rest, so that an ending operation's
+    // thread takes its successor without a list being made for it.
+    OperationRef first;
+    std::vector<OperationRef> more;
     std::shared_ptr<OperationQueue> self;
     std::function<void()> servicing;
     bool handedOut = false;
@@ -195,24 +199,31 @@ void OperationQueue::schedule()
                 continue;
             }
             started_.push_back(operation.get());
-            startable.push_back(operation);
+            if (!first) {
+                first = operation;
+            } else {
+                more.push_back(operation);
+            }
             ++running;
         }
-        if (startable.empty()) {
+        if (!first) {
             return;
         }
         self = keepAlive_;
         Continuation* continuation = currentContinuation;
         if (continuation != nullptr && continuation->queue == this && continuation->accepting && !continuation->next) {
-            continuation->next = std::move(startable.front());
-            startable.erase(startable.begin());
+            continuation->next = std::move(first);
+            first = nullptr;
         }
         if (!isMain_) {
-            for (const auto& operation : startable) {
+            if (first) {
+                dispatched_.push_back(first.get());
+            }
+            for (const auto& operation : more) {
                 dispatched_.push_back(operation.get());
             }
         }
-        handedOut = !isMain_ && !startable.empty();
+        handedOut = !isMain_ && (first || !more.empty());
         servicing = servicingWaker_;
     }
     // A thread that waits for the queue may take these on itself. An
@@ -224,13 +235,19 @@ void OperationQueue::schedule()
         servicing();  // the servicing thread runs them; no worker is woken
         return;
     }
-    for (auto& operation : startable) {
+    const auto hand = [this, &self](OperationRef operation) {
         auto job = [self, operation = std::move(operation)] { self->run(operation); };
         if (isMain_) {
             RunLoop::mainRunLoop()->performBlock(std::move(job));
         } else {
             internal::WorkerPool::shared().submit(std::move(job));
         }
+    };
+    if (first) {
+        hand(std::move(first));
+    }
+    for (auto& operation : more) {
+        hand(std::move(operation));
     }
 }
 

@@ -21,15 +21,24 @@ constexpr const char* kAssertionSourceFile = "Platform/Foundation/RunLoop";
 // A repeating timer never fires more often than this.
 constexpr double kMinimumInterval = 0.0001;
 
+// A mode by its number in the loop's table of the mode names it has met (a
+// loop meets a handful, and the table only grows). Items and runs refer to
+// modes by number, so that adding a source or running the loop once copies
+// no name and compares no text.
+using ModeId = std::size_t;
+constexpr ModeId kCommonModesId = 0;
+constexpr ModeId kDefaultModeId = 1;
+constexpr ModeId kUnknownMode = static_cast<ModeId>(-1);
+
 struct PendingBlock {
-    std::vector<std::string> modes;
+    std::vector<ModeId> modes;
     std::function<void()> block;
 };
 
 template <typename Entry>
 struct Scheduled {
     std::shared_ptr<Entry> item;
-    std::string mode;
+    ModeId mode;
 };
 
 }  // namespace
@@ -38,43 +47,58 @@ struct RunLoop::State {
     internal::WakeableEpoll poll;
 
     mutable std::mutex mutex;  // guards everything below
-    std::vector<std::string> commonModes{std::string(NSDefaultRunLoopMode)};
+    std::vector<std::string> modeNames{std::string(NSRunLoopCommonModes), std::string(NSDefaultRunLoopMode)};
+    std::vector<bool> common{false, true};  // by mode: marked common (the default mode is from the start)
     std::deque<PendingBlock> blocks;
     std::vector<Scheduled<Timer>> timers;
     std::vector<Scheduled<RunLoopSource>> sources;
     std::vector<Scheduled<FileDescriptorSource>> descriptors;
     std::map<int, std::uint32_t> armed;  // what epoll watches per descriptor
-    std::string armedMode{NSDefaultRunLoopMode};
-    std::vector<std::string> modeStack;  // the runs in progress, innermost last
+    ModeId armedMode = kDefaultModeId;
+    std::vector<ModeId> modeStack;  // the runs in progress, innermost last
     bool sleeping = false;
     int stopRequests = 0;
 
-    bool inMode(const std::string& itemMode, std::string_view mode) const
+    // A mode that nothing was ever added to, run or marked common is unknown:
+    // nothing can be in it.
+    ModeId findModeLocked(std::string_view name) const
     {
-        if (itemMode == mode) {
-            return true;
-        }
-        return itemMode == NSRunLoopCommonModes
-            && std::find(commonModes.begin(), commonModes.end(), mode) != commonModes.end();
+        const auto found = std::find(modeNames.begin(), modeNames.end(), name);
+        return found != modeNames.end() ? static_cast<ModeId>(found - modeNames.begin()) : kUnknownMode;
     }
 
-    bool blockPendingLocked(std::string_view mode) const
+    ModeId internModeLocked(std::string_view name)
+    {
+        if (const ModeId known = findModeLocked(name); known != kUnknownMode) {
+            return known;
+        }
+        modeNames.emplace_back(name);
+        common.push_back(false);
+        return modeNames.size() - 1;
+    }
+
+    bool inMode(ModeId itemMode, ModeId mode) const
+    {
+        return itemMode == mode || (itemMode == kCommonModesId && common[mode]);
+    }
+
+    bool blockPendingLocked(ModeId mode) const
     {
         return std::any_of(blocks.begin(), blocks.end(), [&](const PendingBlock& pending) {
             return std::any_of(pending.modes.begin(), pending.modes.end(),
-                               [&](const std::string& blockMode) { return inMode(blockMode, mode); });
+                               [&](ModeId blockMode) { return inMode(blockMode, mode); });
         });
     }
 
     template <typename Entry>
-    bool anyValid(const std::vector<Scheduled<Entry>>& entries, std::string_view mode) const
+    bool anyValid(const std::vector<Scheduled<Entry>>& entries, ModeId mode) const
     {
         return std::any_of(entries.begin(), entries.end(), [&](const Scheduled<Entry>& entry) {
             return inMode(entry.mode, mode) && entry.item->isValid();
         });
     }
 
-    bool hasAnythingLocked(std::string_view mode) const
+    bool hasAnythingLocked(ModeId mode) const
     {
         return blockPendingLocked(mode) || anyValid(timers, mode) || anyValid(sources, mode)
             || std::any_of(descriptors.begin(), descriptors.end(), [&](const Scheduled<FileDescriptorSource>& entry) {
@@ -122,12 +146,12 @@ struct RunLoop::State {
         armed[fd] = wanted;
     }
 
-    void armModeLocked(std::string_view mode)
+    void armModeLocked(ModeId mode)
     {
         if (armedMode == mode) {
             return;
         }
-        armedMode = std::string(mode);
+        armedMode = mode;
         std::vector<int> fds;
         for (const auto& entry : descriptors) {
             fds.push_back(entry.item->fileDescriptor());
@@ -156,7 +180,7 @@ struct RunLoop::State {
     }
 
     // The latest moment the next timer in `mode` may fire, if there is one.
-    std::optional<Date> timerDeadlineLocked(std::string_view mode) const
+    std::optional<Date> timerDeadlineLocked(ModeId mode) const
     {
         std::optional<Date> deadline;
         for (const auto& entry : timers) {
@@ -173,17 +197,15 @@ struct RunLoop::State {
 
     // --- The steps of one pass of a run in `mode`
 
-    // Starts a run: false when the mode has nothing in it to run.
-    [[nodiscard]] bool enterMode(std::string_view mode)
-    {
-        std::lock_guard lock(mutex);
-        if (!hasAnythingLocked(mode)) {
-            return false;
-        }
-        modeStack.emplace_back(mode);
-        armModeLocked(mode);
-        return true;
-    }
+    struct Work;
+    struct Run {
+        ModeId mode = kUnknownMode;
+        Work* work = nullptr;
+    };
+
+    // Starts a run: the mode's number and the run's lists, or no mode
+    // (`kUnknownMode`) when the mode has nothing in it to run.
+    [[nodiscard]] Run enterMode(std::string_view name);
 
     // Ends a run; an outer run still in progress gets its mode's descriptors back.
     void leaveMode()
@@ -195,26 +217,45 @@ struct RunLoop::State {
         }
     }
 
+    using ReadySource = std::pair<FileDescriptorSourceRef, unsigned>;
+
     // What one pass runs, taken in one locked section before any of it runs:
-    // what a block adds or signals waits for the next pass.
+    // what a block adds or signals waits for the next pass. Then the sources
+    // that the wait found ready.
     struct Work {
         std::vector<std::function<void()>> blocks;
         std::vector<TimerRef> timers;  // every valid timer of the mode, due or not
         std::vector<RunLoopSourceRef> signalled;
-    };
+        std::vector<ReadySource> ready;
 
-    [[nodiscard]] Work takeWork(std::string_view mode)
+        void clear()
+        {
+            blocks.clear();
+            timers.clear();
+            signalled.clear();
+            ready.clear();
+        }
+    };
+    // One `Work` per run in progress, by depth, kept between runs so that a
+    // pass allocates nothing once the lists have grown; emptied after every
+    // pass, so nothing taken is held longer than the pass. Touched only by
+    // the thread running the loop; a deque, so that a nested run's growth
+    // leaves the outer runs' lists where they are.
+    std::deque<Work> scratch;
+
+    void takeWork(ModeId mode, Work& work)
     {
         std::lock_guard lock(mutex);
-        return {takeQueuedBlocksLocked(mode), timersLocked(mode), takeSignalledSourcesLocked(mode)};
+        takeQueuedBlocksLocked(mode, work.blocks);
+        timersLocked(mode, work.timers);
+        takeSignalledSourcesLocked(mode, work.signalled);
     }
 
-    std::vector<std::function<void()>> takeQueuedBlocksLocked(std::string_view mode)
+    void takeQueuedBlocksLocked(ModeId mode, std::vector<std::function<void()>>& taken)
     {
-        std::vector<std::function<void()>> taken;
         for (auto pending = blocks.begin(); pending != blocks.end();) {
             const bool runsHere = std::any_of(pending->modes.begin(), pending->modes.end(),
-                                              [&](const std::string& blockMode) { return inMode(blockMode, mode); });
+                                              [&](ModeId blockMode) { return inMode(blockMode, mode); });
             if (runsHere) {
                 taken.push_back(std::move(pending->block));
                 pending = blocks.erase(pending);
@@ -222,33 +263,28 @@ struct RunLoop::State {
                 ++pending;
             }
         }
-        return taken;
     }
 
-    std::vector<TimerRef> timersLocked(std::string_view mode)
+    void timersLocked(ModeId mode, std::vector<TimerRef>& inThisMode)
     {
         dropInvalidLocked(timers);
-        std::vector<TimerRef> inThisMode;
         for (const auto& entry : timers) {
             if (inMode(entry.mode, mode)) {
                 inThisMode.push_back(entry.item);
             }
         }
-        return inThisMode;
     }
 
     // Clears the signal of each source it takes: a signal that comes after
     // this is another run of the source.
-    std::vector<RunLoopSourceRef> takeSignalledSourcesLocked(std::string_view mode)
+    void takeSignalledSourcesLocked(ModeId mode, std::vector<RunLoopSourceRef>& signalled)
     {
         dropInvalidLocked(sources);
-        std::vector<RunLoopSourceRef> signalled;
         for (const auto& entry : sources) {
             if (inMode(entry.mode, mode) && entry.item->signalled_.exchange(false)) {
                 signalled.push_back(entry.item);
             }
         }
-        return signalled;
     }
 
     // The running steps of a pass run outside the lock; each says whether
@@ -289,7 +325,7 @@ struct RunLoop::State {
     }
 
     // Whether something of `mode` can run without waiting: a queued block or a signalled source.
-    bool readyNowLocked(std::string_view mode) const
+    bool readyNowLocked(ModeId mode) const
     {
         return blockPendingLocked(mode) || std::any_of(sources.begin(), sources.end(), [&](const auto& entry) {
                    return inMode(entry.mode, mode) && entry.item->signalled_.load();
@@ -305,7 +341,7 @@ struct RunLoop::State {
 
     // Decided in one locked section with `sleeping` set, so that whatever is
     // added after the look for ready work wakes the wait.
-    [[nodiscard]] Plan planWait(std::string_view mode, Date limitDate, bool handled)
+    [[nodiscard]] Plan planWait(ModeId mode, Date limitDate, bool handled)
     {
         std::lock_guard lock(mutex);
         if (stopRequests > 0) {
@@ -331,12 +367,9 @@ struct RunLoop::State {
         return plan;
     }
 
-    using ReadySource = std::pair<FileDescriptorSourceRef, unsigned>;
-
     // The sources of `mode` that the epoll events make ready, with what each may do now.
-    std::vector<ReadySource> readySourcesLocked(const epoll_event* events, int count, std::string_view mode) const
+    void readySourcesLocked(const epoll_event* events, int count, ModeId mode, std::vector<ReadySource>& ready) const
     {
-        std::vector<ReadySource> ready;
         for (int index = 0; index < count; ++index) {
             const auto fd = static_cast<int>(events[index].data.u64);
             for (const auto& entry : descriptors) {
@@ -348,7 +381,6 @@ struct RunLoop::State {
                 }
             }
         }
-        return ready;
     }
 
     // An error or hang-up makes everything watched ready, so that the
@@ -366,16 +398,15 @@ struct RunLoop::State {
     }
 
     // Waits as planned and calls every source that is ready; true when any was.
-    [[nodiscard]] bool serveReadyDescriptors(std::string_view mode, double timeout)
+    [[nodiscard]] bool serveReadyDescriptors(ModeId mode, double timeout, std::vector<ReadySource>& ready)
     {
         constexpr int kCapacity = 32;
         epoll_event events[kCapacity];
         const int count = poll.wait(events, kCapacity, timeout);
-        std::vector<ReadySource> ready;
         {
             std::lock_guard lock(mutex);
             sleeping = false;
-            ready = readySourcesLocked(events, count, mode);
+            readySourcesLocked(events, count, mode, ready);
         }
         for (const auto& [source, readyEvents] : ready) {
             if (source->isValid()) {
@@ -386,6 +417,21 @@ struct RunLoop::State {
     }
 };
 
+
+RunLoop::State::Run RunLoop::State::enterMode(std::string_view name)
+{
+    std::lock_guard lock(mutex);
+    const ModeId mode = findModeLocked(name);
+    if (mode == kUnknownMode || !hasAnythingLocked(mode)) {
+        return {};
+    }
+    modeStack.push_back(mode);
+    armModeLocked(mode);
+    if (scratch.size() < modeStack.size()) {
+        scratch.emplace_back();
+    }
+    return {mode, &scratch[modeStack.size() - 1]};
+}
 
 // --- Timer
 
@@ -618,15 +664,13 @@ std::optional<std::string> RunLoop::currentMode() const
     if (state_->modeStack.empty()) {
         return std::nullopt;
     }
-    return state_->modeStack.back();
+    return state_->modeNames[state_->modeStack.back()];
 }
 
 void RunLoop::addCommonMode(std::string_view mode)
 {
     std::lock_guard lock(state_->mutex);
-    if (std::find(state_->commonModes.begin(), state_->commonModes.end(), mode) == state_->commonModes.end()) {
-        state_->commonModes.emplace_back(mode);
-    }
+    state_->common[state_->internModeLocked(mode)] = true;
 }
 
 void RunLoop::wakeUp()
@@ -666,7 +710,12 @@ void RunLoop::performBlock(std::function<void()> block)
 void RunLoop::performBlock(std::vector<std::string> modes, std::function<void()> block)
 {
     std::lock_guard lock(state_->mutex);
-    state_->blocks.push_back({std::move(modes), std::move(block)});
+    std::vector<ModeId> ids;
+    ids.reserve(modes.size());
+    for (const auto& mode : modes) {
+        ids.push_back(state_->internModeLocked(mode));
+    }
+    state_->blocks.push_back({std::move(ids), std::move(block)});
     state_->wakeLocked();
 }
 
@@ -678,7 +727,7 @@ void RunLoop::addTimer(const TimerRef& timer, std::string_view mode)
         timer->runLoop_ = std::static_pointer_cast<RunLoop>(shared_from_this());
     }
     std::lock_guard lock(state_->mutex);
-    state_->timers.push_back({timer, std::string(mode)});
+    state_->timers.push_back({timer, state_->internModeLocked(mode)});
     state_->wakeLocked();
 }
 
@@ -690,14 +739,15 @@ void RunLoop::addSource(const RunLoopSourceRef& source, std::string_view mode)
         source->runLoop_ = std::static_pointer_cast<RunLoop>(shared_from_this());
     }
     std::lock_guard lock(state_->mutex);
-    state_->sources.push_back({source, std::string(mode)});
+    state_->sources.push_back({source, state_->internModeLocked(mode)});
     state_->wakeLocked();
 }
 
 void RunLoop::removeSource(const RunLoopSourceRef& source, std::string_view mode)
 {
     std::lock_guard lock(state_->mutex);
-    std::erase_if(state_->sources, [&](const auto& entry) { return entry.item == source && entry.mode == mode; });
+    const ModeId id = state_->findModeLocked(mode);
+    std::erase_if(state_->sources, [&](const auto& entry) { return entry.item == source && entry.mode == id; });
     state_->wakeLocked();
 }
 
@@ -709,7 +759,7 @@ void RunLoop::addFileDescriptorSource(const FileDescriptorSourceRef& source, std
         source->runLoop_ = std::static_pointer_cast<RunLoop>(shared_from_this());
     }
     std::lock_guard lock(state_->mutex);
-    state_->descriptors.push_back({source, std::string(mode)});
+    state_->descriptors.push_back({source, state_->internModeLocked(mode)});
     state_->syncDescriptorLocked(source->fileDescriptor());
     state_->wakeLocked();
 }
@@ -717,7 +767,8 @@ void RunLoop::addFileDescriptorSource(const FileDescriptorSourceRef& source, std
 void RunLoop::removeFileDescriptorSource(const FileDescriptorSourceRef& source, std::string_view mode)
 {
     std::lock_guard lock(state_->mutex);
-    std::erase_if(state_->descriptors, [&](const auto& entry) { return entry.item == source && entry.mode == mode; });
+    const ModeId id = state_->findModeLocked(mode);
+    std::erase_if(state_->descriptors, [&](const auto& entry) { return entry.item == source && entry.mode == id; });
     state_->syncDescriptorLocked(source->fileDescriptor());
     state_->wakeLocked();
 }
@@ -728,19 +779,28 @@ void RunLoop::runUntilDate(Date limitDate)
     }
 }
 
-bool RunLoop::runModeBeforeDate(std::string_view mode, Date limitDate)
+bool RunLoop::runModeBeforeDate(std::string_view modeName, Date limitDate)
 {
     State& state = *state_;
-    if (!state.enterMode(mode)) {
+    const auto run = state.enterMode(modeName);
+    if (run.mode == kUnknownMode) {
         return false;
     }
     struct ModeExit {
         State& state;
         ~ModeExit() { state.leaveMode(); }
     } modeExit{state};
+    const ModeId mode = run.mode;
+    State::Work& work = *run.work;
 
     for (;;) {
-        auto work = state.takeWork(mode);
+        // What a pass took is let go at its end, as it would be with lists of
+        // its own (a block that throws included).
+        struct PassEnd {
+            State::Work& work;
+            ~PassEnd() { work.clear(); }
+        } passEnd{work};
+        state.takeWork(mode, work);
         bool handled = State::runQueuedBlocks(work.blocks);
         handled = State::fireDueTimers(work.timers) || handled;
         handled = State::performSignalledSources(work.signalled) || handled;
@@ -748,7 +808,7 @@ bool RunLoop::runModeBeforeDate(std::string_view mode, Date limitDate)
         if (plan.result) {
             return *plan.result;
         }
-        if (state.serveReadyDescriptors(mode, plan.timeout)) {
+        if (state.serveReadyDescriptors(mode, plan.timeout, work.ready)) {
             return true;
         }
     }

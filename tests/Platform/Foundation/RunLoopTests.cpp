@@ -8,7 +8,9 @@
 
 #include <atomic>
 #include <future>
+#include <memory>
 #include <optional>
+#include <stdexcept>
 #include <thread>
 #include <vector>
 
@@ -115,6 +117,15 @@ TEST(RunLoop, ModesKeepTheirItemsApart)
         loop->performBlock([&] { ran.push_back("common again"); });
         EXPECT_TRUE(loop->runModeBeforeDate("tracking", secondsFromNow(5)));
         EXPECT_EQ(ran.back(), "common again");
+        // Removing a source from a mode it is not in, one the loop never met
+        // included, leaves it where it is.
+        const auto source = RunLoopSource::create([&] { ran.push_back("source"); });
+        loop->addSource(source, "private");
+        loop->removeSource(source, "never met");
+        loop->removeSource(source, NSDefaultRunLoopMode);
+        source->signal();
+        EXPECT_TRUE(loop->runModeBeforeDate("private", secondsFromNow(5)));
+        EXPECT_EQ(ran.back(), "source");
     });
 }
 
@@ -138,6 +149,39 @@ TEST(RunLoop, ABlockSeesTheModeAndMayRunTheLoopAgain)
         EXPECT_EQ(outerMode, std::string(NSDefaultRunLoopMode));
         EXPECT_EQ(innerMode, "nested");
         EXPECT_FALSE(loop->currentMode());
+    });
+}
+
+TEST(RunLoop, ANestedRunLeavesTheOuterPassItsWorkAndAPassLetsGoOfWhatItTook)
+{
+    onFreshThread([] {
+        const auto loop = RunLoop::currentRunLoop();
+        std::vector<std::string> ran;
+        auto held = std::make_shared<int>(0);
+        const std::weak_ptr<int> watched = held;
+        // One pass takes both blocks; the first runs the loop again before the
+        // second has run.
+        loop->performBlock([&] {
+            ran.push_back("outer first");
+            loop->performBlock({"nested"}, [&] { ran.push_back("nested"); });
+            EXPECT_TRUE(loop->runModeBeforeDate("nested", secondsFromNow(5)));
+        });
+        loop->performBlock([&ran, held = std::move(held)] { ran.push_back("outer second"); });
+        EXPECT_TRUE(loop->runModeBeforeDate(NSDefaultRunLoopMode, secondsFromNow(5)));
+        EXPECT_EQ(ran, (std::vector<std::string>{"outer first", "nested", "outer second"}));
+        EXPECT_TRUE(watched.expired()) << "a block that has run is not kept by the loop";
+
+        // A block that throws ends the run; the loop is left as it was.
+        auto kept = std::make_shared<int>(0);
+        const std::weak_ptr<int> watchedAfterThrow = kept;
+        loop->performBlock([] { throw std::runtime_error("thrown from a block"); });
+        loop->performBlock([kept = std::move(kept)] {});
+        EXPECT_THROW(loop->runModeBeforeDate(NSDefaultRunLoopMode, secondsFromNow(5)), std::runtime_error);
+        EXPECT_FALSE(loop->currentMode());
+        EXPECT_TRUE(watchedAfterThrow.expired()) << "what the pass took goes with it";
+        loop->performBlock([&] { ran.push_back("after"); });
+        EXPECT_TRUE(loop->runModeBeforeDate(NSDefaultRunLoopMode, secondsFromNow(5)));
+        EXPECT_EQ(ran.back(), "after");
     });
 }
 
