@@ -217,7 +217,7 @@ TEST_F(URLConnectionTest, CallerFieldsFollowARedirectOnlyWithinTheOrigin)
 
     // "localhost" is another host than "127.0.0.1", though the same server;
     // another port on the same address is another server.
-    testsupport::LocalServer other{{"python3", testsupport::sourceFile("tests/Platform/URLLoading/http_test_server.py")}};
+    testsupport::LocalServer other{testsupport::echoServerCommand()};
     for (const auto& elsewhere : {"http://localhost:" + std::to_string(server_.port()) + "/echo", other.url("/echo")}) {
         SCOPED_TRACE(elsewhere);
         const auto moved = redirect(elsewhere);
