@@ -88,25 +88,11 @@ std::optional<std::string> given(const CredentialRequest& request, std::string_v
     return value && !value->empty() ? std::optional<std::string>(*value) : std::nullopt;
 }
 
-// Our copy of a secret (a password, the kept attributes with their refresh
-// token), wiped when the scope that made it ends, however it ends. Secrets
-// stay in std::optional<std::string> because the keychain classes take them
-// so: anything else would make them a temporary copy that nothing wipes.
-class WipedWhenDone {
-public:
-    explicit WipedWhenDone(std::optional<std::string>& secret) : secret_(secret) {}
-    ~WipedWhenDone()
-    {
-        if (secret_) {
-            security::wipe(*secret_);
-        }
-    }
-    WipedWhenDone(const WipedWhenDone&) = delete;
-    WipedWhenDone& operator=(const WipedWhenDone&) = delete;
-
-private:
-    std::optional<std::string>& secret_;
-};
+// Our copies of secrets (a password, the kept attributes with their refresh
+// token) are wiped when the scope that made them ends. They stay in
+// std::optional<std::string> because the keychain classes take them so:
+// anything else would make them a temporary copy that nothing wipes.
+using security::WipedWhenDone;
 
 // What the request is about, as a URL the responder could have been asked
 // about. Nothing with `problem` empty when there is nothing to do here (no

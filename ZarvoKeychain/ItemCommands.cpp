@@ -183,12 +183,12 @@ int addPassword(ItemKind kind, const Command& command, const Options& options)
     }
     bool mismatch = false;
     auto password = input.newPassword("password to store", &mismatch);
+    platform::security::WipedWhenDone passwordWiped(password);
     if (!password) {
         return usageError(command, mismatch ? "the passwords do not match"
                                             : "no password given: type it at the prompt or pipe it to standard input");
     }
     attributes.set(kSecValueData, Data(password->begin(), password->end()));
-    platform::security::wipe(*password);
     Dictionary added = attributes;
     restrictTo(added, keychain, isExplicit);
     added.remove(kSecMatchSearchList);

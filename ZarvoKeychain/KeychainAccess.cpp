@@ -50,6 +50,7 @@ int ensureUnlocked(const Command& command, const SecKeychainRef& keychain, Passw
         return kExitSuccess;
     }
     auto password = input.keychainPassword(keychain->path());
+    platform::security::WipedWhenDone passwordWiped(password);
     if (!password) {
         fail(command, "the keychain " + keychain->path() +
                           " is locked; give its password on the first line of standard input");
@@ -57,7 +58,6 @@ int ensureUnlocked(const Command& command, const SecKeychainRef& keychain, Passw
     }
     const OSStatus unlocked =
         SecKeychainUnlock(keychain, static_cast<std::uint32_t>(password->size()), password->data(), true);
-    platform::security::wipe(*password);
     return report(command, unlocked);
 }
 

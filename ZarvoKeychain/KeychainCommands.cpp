@@ -26,6 +26,7 @@ int createKeychain(const Command& command, const Options& options)
     PasswordInput input;
     bool mismatch = false;
     auto password = input.newKeychainPassword("password for the new keychain", &mismatch);
+    platform::security::WipedWhenDone passwordWiped(password);
     if (!password || password->empty()) {
         return usageError(command, mismatch ? "the passwords do not match"
                                             : "no password given; use --no-password for a keychain protected only "
@@ -34,7 +35,6 @@ int createKeychain(const Command& command, const Options& options)
     const OSStatus status =
         SecKeychainCreate(path.c_str(), static_cast<std::uint32_t>(password->size()), password->data(), false, nullptr,
                           nullptr);
-    platform::security::wipe(*password);
     return report(command, status);
 }
 

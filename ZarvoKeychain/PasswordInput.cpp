@@ -87,16 +87,13 @@ std::optional<std::string> PasswordInput::promptTwice(const std::string& text, b
         return std::nullopt;
     }
     auto second = prompt("retype " + text + ": ");
-    if (!second || *second != *first) {
-        *mismatch = second.has_value();
-        platform::security::wipe(*first);
-        if (second) {
-            platform::security::wipe(*second);
-        }
-        return std::nullopt;
+    platform::security::WipedWhenDone secondWiped(second);
+    if (second && *second == *first) {
+        return first;
     }
-    platform::security::wipe(*second);
-    return first;
+    *mismatch = second.has_value();
+    platform::security::wipe(*first);
+    return std::nullopt;
 }
 
 std::optional<std::string> PasswordInput::keychainPassword(const std::string& keychainPath)

@@ -1,6 +1,7 @@
 #include "Platform/Foundation/Object.h"
 
 #include "Platform/Foundation/Exception.h"
+#include "Platform/Foundation/internal/PathFollower.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -12,6 +13,10 @@
 
 namespace platform {
 namespace {
+
+using internal::PathDependency;
+using internal::PathFollower;
+using internal::PathFollowerRef;
 
 // One registration of an observer for a key.
 struct Observance {
@@ -190,13 +195,6 @@ std::vector<std::string> keysAffectedBy(const Object& object, const std::string&
     return affected;
 }
 
-// A dependency that runs through a relationship, and the key that declares it.
-struct PathDependency {
-    std::string dependentKey;
-    std::string keyPath;
-    bool operator==(const PathDependency&) const = default;
-};
-
 // The dotted dependencies behind `key`: its own, and those of the keys of
 // the object that it depends on.
 std::vector<PathDependency> pathDependencies(const Object& object, const std::string& key)
@@ -212,152 +210,6 @@ std::vector<PathDependency> pathDependencies(const Object& object, const std::st
     });
     return found;
 }
-
-std::vector<std::string> keysOfPath(const std::string& keyPath)
-{
-    std::vector<std::string> keys;
-    std::size_t start = 0;
-    for (auto dot = keyPath.find('.'); dot != std::string::npos; dot = keyPath.find('.', start)) {
-        keys.push_back(keyPath.substr(start, dot - start));
-        start = dot + 1;
-    }
-    keys.push_back(keyPath.substr(start));
-    return keys;
-}
-
-// Carries a dependency through relationships ("operation.URL" of "URL"): it
-// observes each object along the path past the owner's own key and brackets
-// every change it hears of as a change of the dependent key of its owner, on
-// the thread that made it. The owner's own key needs no observing: the owner
-// reports a change of it to the dependent key's observers itself, and then
-// has the path followed anew from the object the key now holds.
-//
-// The will is passed on at the related object's prior notification and the
-// did at its notification after the change, so observers of the dependent
-// key get its value from before and after. A follower let go between the two
-// (its last observer removed meanwhile) hears no "after" and leaves that
-// will unanswered on the changing thread, where a later pair of the same key
-// still nests correctly.
-class PathFollower final : public Object {
-public:
-    PathFollower(Object& owner, PathDependency dependency)
-        : dependency_(std::move(dependency)), keys_(keysOfPath(dependency_.keyPath)), ownerRef_(owner.weak_from_this()),
-          owner_(&owner), ownerIsShared_(!ownerRef_.expired())
-    {
-    }
-
-    const PathDependency& dependency() const { return dependency_; }
-    // The owner's own key, where the path starts.
-    const std::string& firstKey() const { return keys_.front(); }
-
-    // Observes the path again from the link at `level` on (0: from the
-    // owner's own key), where the objects along it may have changed. A link
-    // that is not an object, or a key that an object does not have, ends
-    // the path there: it is followed only as far as it resolves.
-    void relink(std::size_t level)
-    {
-        std::lock_guard lock(mutex_);
-        if (detached_) {
-            return;
-        }
-        unlinkFrom(level);
-        ObjectRef holding;
-        const Object* holder = owner_;
-        if (level > 0) {
-            holding = links_[level - 1].object.lock();
-            holder = holding.get();
-        }
-        const auto self = shared_from_this();
-        for (auto index = level; holder != nullptr && index + 1 < keys_.size(); ++index) {
-            ObjectRef next;
-            try {
-                next = holder->valueForKey(keys_[index]).object();
-            } catch (const Exception&) {
-            }
-            if (!next) {
-                break;
-            }
-            next->addObserver(self, keys_[index + 1], NSKeyValueObservingOptionPrior, this);
-            links_.push_back({next, next.get()});
-            holding = std::move(next);
-            holder = holding.get();
-        }
-    }
-
-    void detach()
-    {
-        std::lock_guard lock(mutex_);
-        detached_ = true;
-        unlinkFrom(0);
-    }
-
-    void observeValueForKeyPath(const std::string& keyPath, const ObjectRef& object, const Dictionary& change,
-                                void* context) override
-    {
-        if (context != this) {
-            Object::observeValueForKeyPath(keyPath, object, change, context);
-            return;
-        }
-        std::optional<std::size_t> level;
-        {
-            std::lock_guard lock(mutex_);
-            for (std::size_t index = 0; index < links_.size() && !detached_; ++index) {
-                if (links_[index].identity == object.get() && keys_[index + 1] == keyPath) {
-                    level = index;
-                    break;
-                }
-            }
-        }
-        const auto owner = lockedOwner();
-        if (!level || !owner) {
-            return;
-        }
-        if (change.get(NSKeyValueChangeNotificationIsPriorKey) == Value(true)) {
-            owner->willChangeValueForKey(dependency_.dependentKey);
-        } else {
-            relink(*level + 1);
-            owner->didChangeValueForKey(dependency_.dependentKey);
-        }
-    }
-
-private:
-    struct Link {
-        std::weak_ptr<Object> object;
-        const Object* identity;  // compared, never dereferenced
-    };
-
-    // The owner while it lives. One that no shared_ptr owned when the path
-    // was first followed (on the stack) is taken as it is: it outlives its
-    // own observations.
-    ObjectRef lockedOwner() const
-    {
-        if (ownerIsShared_) {
-            return ownerRef_.lock();
-        }
-        return ObjectRef(ObjectRef(), owner_);
-    }
-
-    void unlinkFrom(std::size_t level)
-    {
-        for (auto index = level; index < links_.size(); ++index) {
-            if (const auto link = links_[index].object.lock()) {
-                link->removeObserver(*this, keys_[index + 1], this);
-            }
-        }
-        links_.resize(std::min(level, links_.size()));
-    }
-
-    const PathDependency dependency_;
-    const std::vector<std::string> keys_;
-    const std::weak_ptr<Object> ownerRef_;
-    Object* const owner_;
-    const bool ownerIsShared_;
-    std::mutex mutex_;
-    // links_[i] is the object whose key keys_[i + 1] is observed.
-    std::vector<Link> links_;
-    bool detached_ = false;
-};
-using PathFollowerRef = std::shared_ptr<PathFollower>;
 
 }  // namespace
 

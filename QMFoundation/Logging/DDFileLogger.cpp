@@ -3,6 +3,7 @@
 #include "QMFoundation/Logging/DDLogFileFormatterDefault.h"
 #include "QMFoundation/Logging/DDLogFileManagerDefault.h"
 #include "QMFoundation/Logging/DDLogMessage.h"
+#include "QMFoundation/Logging/internal/DDLogTesting.h"
 #include "QMFoundation/Logging/internal/SystemConsole.h"
 
 #include <fcntl.h>
@@ -97,6 +98,11 @@ std::weak_ptr<DDFileLogger> DDFileLogger::weakSelf()
 int DDFileLogger::exceptionCount()
 {
     return exceptionsSeen.load(std::memory_order_relaxed);
+}
+
+void ddlog_internal::resetFileLoggerExceptionCount()
+{
+    exceptionsSeen.store(0, std::memory_order_relaxed);
 }
 
 void DDFileLogger::countException(const platform::Exception& exception)

@@ -2,10 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <optional>
+#include <stdexcept>
 #include <string>
 
 using platform::security::appendToSecret;
 using platform::security::wipe;
+using platform::security::WipedWhenDone;
 
 // Growing from the inline buffer through several reallocations keeps every
 // byte, in order, however the pieces fall across the moves.
@@ -39,4 +42,31 @@ TEST(Wipe, EmptiesButKeepsTheBufferForReuse)
     EXPECT_TRUE(data.empty());
     EXPECT_EQ(data.data(), bytes);
     EXPECT_EQ(platform::Data(bytes, bytes + 64), platform::Data(64, 0));
+}
+
+// The guard wipes in place whichever way its scope is left, an exception
+// included, and leaves an absent secret absent.
+TEST(WipedWhenDone, WipesTheHeldSecretHoweverTheScopeEnds)
+{
+    std::optional<std::string> password(std::in_place, 100, 'p');
+    const auto* buffer = password->data();
+    EXPECT_THROW(
+        {
+            WipedWhenDone passwordWiped(password);
+            throw std::runtime_error("early exit");
+        },
+        std::runtime_error);
+    ASSERT_TRUE(password.has_value());
+    EXPECT_TRUE(password->empty());
+    EXPECT_EQ(std::string(buffer, 100), std::string(100, '\0'));
+
+    std::optional<std::string> absent;
+    { WipedWhenDone absentWiped(absent); }
+    EXPECT_FALSE(absent.has_value());
+
+    platform::Data key(32, 0x77);
+    const auto* bytes = key.data();
+    { WipedWhenDone keyWiped(key); }
+    EXPECT_TRUE(key.empty());
+    EXPECT_EQ(platform::Data(bytes, bytes + 32), platform::Data(32, 0));
 }

@@ -217,7 +217,7 @@ TEST_F(URLConnectionTest, CallerFieldsFollowARedirectOnlyWithinTheOrigin)
 
     // "localhost" is another host than "127.0.0.1", though the same server;
     // another port on the same address is another server.
-    testsupport::LocalServer other{{"python3", testsupport::sourceFile("tests/Platform/URLLoading/http_test_server.py")}};
+    testsupport::LocalServer other{testsupport::echoServerCommand()};
     for (const auto& elsewhere : {"http://localhost:" + std::to_string(server_.port()) + "/echo", other.url("/echo")}) {
         SCOPED_TRACE(elsewhere);
         const auto moved = redirect(elsewhere);
@@ -284,14 +284,6 @@ TEST_F(URLConnectionTest, ARedirectThatCannotBeFollowedIsTheAnswerBodyIncluded)
     }
 }
 
-TEST_F(URLConnectionTest, GivesUpOnARedirectLoop)
-{
-    const auto recorder = load(request(server_.url("/loop")));
-    EXPECT_EQ(recorder->events, (std::vector<std::string>{"fail"}));
-    ASSERT_TRUE(recorder->error);
-    EXPECT_EQ(recorder->error->code(), NSURLErrorHTTPTooManyRedirects);
-}
-
 TEST_F(URLConnectionTest, ReportsEachKindOfFailureInTheURLDomain)
 {
     // A port nobody listens on: bound, then closed.
@@ -308,6 +300,7 @@ TEST_F(URLConnectionTest, ReportsEachKindOfFailureInTheURLDomain)
         {"http://no-such-host.invalid/", NSURLErrorCannotFindHost},
         {server_.url("/close-mid-body"), NSURLErrorNetworkConnectionLost},
         {server_.url("/garbage"), NSURLErrorBadServerResponse},
+        {server_.url("/loop"), NSURLErrorHTTPTooManyRedirects},
         {"gopher://127.0.0.1/", NSURLErrorUnsupportedURL},
         // Without a scheme libcurl would guess one and send the request.
         {"no-such-host.invalid/echo", NSURLErrorUnsupportedURL},
@@ -316,7 +309,13 @@ TEST_F(URLConnectionTest, ReportsEachKindOfFailureInTheURLDomain)
         SCOPED_TRACE(url);
         const auto recorder = load(request(url));
         ASSERT_TRUE(recorder->ended());
-        EXPECT_EQ(recorder->events.back(), "fail");
+        // Only a connection lost mid-body had an answer to tell of first;
+        // the redirects of a loop are not answers.
+        if (code == NSURLErrorNetworkConnectionLost) {
+            EXPECT_EQ(recorder->events.back(), "fail");
+        } else {
+            EXPECT_EQ(recorder->events, (std::vector<std::string>{"fail"}));
+        }
         ASSERT_TRUE(recorder->error);
         EXPECT_EQ(recorder->error->domain(), NSURLErrorDomain);
         EXPECT_EQ(recorder->error->code(), code);

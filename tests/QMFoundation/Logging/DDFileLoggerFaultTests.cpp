@@ -1,9 +1,12 @@
 // The file logger on file systems that fail it: a full disk, a read-only
 // file system and one without user extended attributes. Each is mounted in
 // a private mount namespace that the process enters before any thread
-// starts, so the machine's own mounts are never touched.
+// starts, so the machine's own mounts are never touched. Every case gets
+// them fresh, and the process-wide failure count from zero, so that cases
+// run in any order and again (--gtest_repeat, --gtest_shuffle).
 #include "QMFoundation/Logging/DDFileLogger.h"
 #include "QMFoundation/Logging/DDLog.h"
+#include "QMFoundation/Logging/internal/DDLogTesting.h"
 
 #include "Platform/FileSystem/FileManager.h"
 
@@ -31,7 +34,7 @@ using testsupport::writeDirectly;
 namespace {
 
 struct Mounts {
-    std::string skipReason;  // empty when the file systems below are mounted
+    std::string skipReason;  // empty when the file systems below can be mounted
     std::string small;       // tmpfs of 64 KiB
     std::string readOnly;    // tmpfs, remounted read-only
     std::string noAttributes;  // ramfs: no user extended attributes
@@ -50,27 +53,36 @@ std::string makeMountPoint()
 }
 
 // Must run while the process has one thread.
-void enterMounts()
+void enterMountNamespace()
 {
     Mounts& result = mounts();
     result.small = makeMountPoint();
     result.readOnly = makeMountPoint();
     result.noAttributes = makeMountPoint();
     result.skipReason = testsupport::enterMountNamespace();
-    if (!result.skipReason.empty()) {
-        return;
-    }
-    if (::mount("zarvo-small", result.small.c_str(), "tmpfs", 0, "size=64k") != 0 ||
-        ::mount("zarvo-ro", result.readOnly.c_str(), "tmpfs", 0, "size=64k") != 0 ||
-        ::mount("zarvo-ramfs", result.noAttributes.c_str(), "ramfs", 0, nullptr) != 0) {
-        result.skipReason = std::string("cannot mount the test file systems: ") + std::strerror(errno);
-    }
 }
 
-void leaveMounts()
+// Empty file systems, the read-only one still writable; false with errno
+// set when one cannot be mounted.
+bool mountFileSystems()
+{
+    return ::mount("zarvo-small", mounts().small.c_str(), "tmpfs", 0, "size=64k") == 0
+           && ::mount("zarvo-ro", mounts().readOnly.c_str(), "tmpfs", 0, "size=64k") == 0
+           && ::mount("zarvo-ramfs", mounts().noAttributes.c_str(), "ramfs", 0, nullptr) == 0;
+}
+
+// Detached: a logger let go at the end of a case may still hold its file
+// open on the logging queue.
+void unmountFileSystems()
 {
     for (const auto* path : {&mounts().small, &mounts().readOnly, &mounts().noAttributes}) {
         ::umount2(path->c_str(), MNT_DETACH);
+    }
+}
+
+void removeMountPoints()
+{
+    for (const auto* path : {&mounts().small, &mounts().readOnly, &mounts().noAttributes}) {
         ::rmdir(path->c_str());
     }
 }
@@ -81,6 +93,18 @@ protected:
     {
         if (!mounts().skipReason.empty()) {
             GTEST_SKIP() << mounts().skipReason;
+        }
+        if (!mountFileSystems()) {
+            const std::string reason = std::string("cannot mount the test file systems: ") + std::strerror(errno);
+            unmountFileSystems();
+            GTEST_SKIP() << reason;
+        }
+        ddlog_internal::resetFileLoggerExceptionCount();
+    }
+    void TearDown() override
+    {
+        if (mounts().skipReason.empty()) {
+            unmountFileSystems();
         }
     }
     static DDFileLoggerRef rawLogger(const DDLogFileManagerRef& manager)
@@ -100,7 +124,6 @@ TEST_F(DDFileLoggerFaults, AFullDiskLosesLinesReportsTenFailuresAndRecovers)
     testsupport::writeWholeFile(filler, std::string(24 * 1024, 'f'));
     const auto manager = testsupport::RollRecordingManager::make(directory);
     const auto logger = rawLogger(manager);
-    const int failuresBefore = DDFileLogger::exceptionCount();
 
     testsupport::StandardErrorCapture console;
     const std::string chunk(8 * 1024, 'c');
@@ -109,7 +132,7 @@ TEST_F(DDFileLoggerFaults, AFullDiskLosesLinesReportsTenFailuresAndRecovers)
     }
     console.restore();
     const std::string reported = console.text();
-    EXPECT_GE(DDFileLogger::exceptionCount() - failuresBefore, 11);
+    EXPECT_GE(DDFileLogger::exceptionCount(), 11);
     // Ten failures are told, the tenth with the closing line; the rest are not.
     EXPECT_EQ(testsupport::countOccurrences(reported, "DDFileLogger.logMessage: "), 11u) << reported;
     EXPECT_EQ(testsupport::countOccurrences(reported, "Too many exceptions -- will not log any more of them.\n"), 1u);
@@ -200,9 +223,9 @@ TEST_F(DDFileLoggerFaults, WithoutUserAttributesTheArchivedMarkIsTheName)
 
 int main(int argc, char** argv)
 {
-    enterMounts();
+    enterMountNamespace();
     testing::InitGoogleTest(&argc, argv);
     const int status = RUN_ALL_TESTS();
-    leaveMounts();
+    removeMountPoints();
     return status;
 }

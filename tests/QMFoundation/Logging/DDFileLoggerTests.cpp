@@ -166,21 +166,6 @@ TEST_F(DDFileLoggerTest, AFullOrOldFileIsArchivedBeforeTheFirstWrite)
     }
 }
 
-TEST_F(DDFileLoggerTest, AnArchivedFileIsNotContinued)
-{
-    auto logger = makeLogger();
-    writeRawLines(logger);
-    writeDirectly(logger, "one");
-    const std::string first = currentPath(logger);
-    logger->rollLogFile();
-    ASSERT_TRUE(manager->rolled.wait());
-    testsupport::waitForNewerFileTime(first);
-    writeDirectly(logger, "two");
-    EXPECT_NE(currentPath(logger), first);
-    EXPECT_TRUE(DDLogFileInfo::logFileWithPath(first)->isArchived());
-    EXPECT_EQ(readWholeFile(first), "one\n");
-}
-
 // Rolling
 
 TEST_F(DDFileLoggerTest, RollsAfterTheLineThatReachesTheSizeLimit)
@@ -273,10 +258,11 @@ TEST_F(DDFileLoggerTest, DeletingRenamingOrReplacingTheFileRollsItEvenWithoutLim
     }
 }
 
-TEST_F(DDFileLoggerTest, ARequestedRollArchivesAndThenCallsBackOnTheMainQueue)
+TEST_F(DDFileLoggerTest, ARequestedRollArchivesCallsBackOnTheMainQueueAndIsNotContinued)
 {
     const auto logger = makeLogger();
-    writeDirectly(logger, "line");
+    writeRawLines(logger);
+    writeDirectly(logger, "one");
     const std::string first = currentPath(logger);
     std::atomic<bool> called{false};
     logger->rollLogFileWithCompletionBlock([&] { called = true; });
@@ -288,6 +274,11 @@ TEST_F(DDFileLoggerTest, ARequestedRollArchivesAndThenCallsBackOnTheMainQueue)
     EXPECT_TRUE(called);
     EXPECT_THAT(manager->rolledPaths(), ElementsAre(first));
     EXPECT_TRUE(DDLogFileInfo::logFileWithPath(first)->isArchived());
+
+    testsupport::waitForNewerFileTime(first);
+    writeDirectly(logger, "two");
+    EXPECT_NE(currentPath(logger), first);
+    EXPECT_EQ(readWholeFile(first), "one\n");
 }
 
 TEST_F(DDFileLoggerTest, RemovalFromTheCoreArchivesTheFile)

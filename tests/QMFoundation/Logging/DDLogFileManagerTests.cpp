@@ -174,17 +174,17 @@ TEST(DDLogFileManagerCreation, DatedNamesCountAttemptsWithinOneSecond)
 class DDLogFileManagerDeletion : public testing::Test {
 protected:
     // `archived` archived files, oldest first, then (optionally) one in use.
-    std::vector<std::string> makeFiles(int archived, bool oneInUse)
+    static std::vector<std::string> makeFiles(const std::string& directory, int archived, bool oneInUse)
     {
         std::vector<std::string> paths;
         for (int index = 0; index < archived; ++index) {
             char name[32];
             std::snprintf(name, sizeof name, "log-%06X.txt", index);
-            paths.push_back(makeFile(directory.path(), name));
+            paths.push_back(makeFile(directory, name));
             DDLogFileInfo::logFileWithPath(paths.back())->setIsArchived(true);
         }
         if (oneInUse) {
-            paths.push_back(makeFile(directory.path(), "log-FFFFFF.txt"));
+            paths.push_back(makeFile(directory, "log-FFFFFF.txt"));
         }
         return paths;
     }
@@ -193,36 +193,37 @@ protected:
     DDLogFileManagerDefaultRef manager = DDLogFileManagerDefault::create(directory.path());
 };
 
+// A new limit deletes the oldest archived files on the logging queue; the
+// file in use does not count, and a newest file that is marked archived
+// does. Deleting again changes nothing.
 TEST_F(DDLogFileManagerDeletion, KeepsTheLimitOfArchivedFilesBesidesTheOneInUse)
 {
-    const auto paths = makeFiles(8, true);
-    manager->setMaximumNumberOfLogFiles(7);
-    DDLog::loggingQueue()->sync([] {});  // the change deletes on the logging queue
-    EXPECT_FALSE(FileManager::fileExistsAtPath(paths.front()));
-    EXPECT_EQ(manager->unsortedLogFilePaths().size(), 8u);
-    EXPECT_TRUE(FileManager::fileExistsAtPath(paths.back()));
-}
-
-TEST_F(DDLogFileManagerDeletion, CountsTheNewestAsArchivedWhenItIsMarked)
-{
-    const auto paths = makeFiles(4, false);
-    manager->setMaximumNumberOfLogFiles(2);
-    DDLog::loggingQueue()->sync([] {});
-    EXPECT_THAT(manager->sortedLogFilePaths(), ElementsAre(paths[3], paths[2]));
-}
-
-TEST_F(DDLogFileManagerDeletion, ALimitOfZeroKeepsEverything)
-{
-    makeFiles(6, true);
-    manager->setMaximumNumberOfLogFiles(0);
-    manager->deleteOldLogFiles();
-    DDLog::loggingQueue()->sync([] {});
-    EXPECT_EQ(manager->unsortedLogFilePaths().size(), 7u);
+    struct Row {
+        int archived;
+        bool oneInUse;
+        std::size_t limit;
+        std::size_t kept;  // the newest files that stay
+    };
+    const Row rows[] = {{8, true, 7, 8}, {4, false, 2, 2}, {6, true, 0, 7}};  // zero: no limit
+    for (const auto& row : rows) {
+        SCOPED_TRACE("limit " + std::to_string(row.limit));
+        testsupport::TemporaryDirectory rowDirectory;
+        const auto rowManager = DDLogFileManagerDefault::create(rowDirectory.path());
+        auto paths = makeFiles(rowDirectory.path(), row.archived, row.oneInUse);
+        std::reverse(paths.begin(), paths.end());
+        paths.resize(row.kept);
+        rowManager->setMaximumNumberOfLogFiles(row.limit);
+        DDLog::loggingQueue()->sync([] {});
+        EXPECT_EQ(rowManager->sortedLogFilePaths(), paths);
+        rowManager->deleteOldLogFiles();
+        DDLog::loggingQueue()->sync([] {});
+        EXPECT_EQ(rowManager->sortedLogFilePaths(), paths);
+    }
 }
 
 TEST_F(DDLogFileManagerDeletion, LeavesOtherNamesAndDirectoriesAlone)
 {
-    makeFiles(3, true);
+    makeFiles(directory.path(), 3, true);
     const std::string dated = makeFile(directory.path(), "log-2014-03-07T10:00:00Z.txt");
     const std::string lower = makeFile(directory.path(), "log-abcdef.txt");
     const std::string folder = directory.path() + "/log-AAAAAA.txt";
@@ -238,7 +239,7 @@ TEST_F(DDLogFileManagerDeletion, LeavesOtherNamesAndDirectoriesAlone)
 
 TEST_F(DDLogFileManagerDeletion, NewFilesTrimTheDirectory)
 {
-    const auto paths = makeFiles(3, false);
+    const auto paths = makeFiles(directory.path(), 3, false);
     manager->setMaximumNumberOfLogFiles(1);
     DDLog::loggingQueue()->sync([] {});
     testsupport::waitForNewerFileTime(paths.back());

@@ -175,25 +175,20 @@ TEST_F(DDTTYLoggerTest, AnUnformattedLineCarriesTimeProcessAndThread)
     EXPECT_TRUE(std::regex_match(written, shape)) << testing::PrintToString(written);
 }
 
-TEST_F(DDTTYLoggerTest, EveryTextGetsALineEndEvenWhenItHasOne)
-{
-    const std::string written = standardErrorOf([] {
-        logSync(DDLogFlagInfo, "one\n");
-        logSync(DDLogFlagInfo, "two");
-        logSync(DDLogFlagInfo, "");
-    });
-    EXPECT_EQ(written, "one\n\ntwo\n\n");
-}
-
-TEST_F(DDTTYLoggerTest, LongAndInvalidTextIsWrittenWhole)
+// Every text gets a line end, even one that has one; long and invalid text
+// is written whole.
+TEST_F(DDTTYLoggerTest, EveryTextIsWrittenWholeWithALineEndOfItsOwn)
 {
     const std::string big(200000, 'y');  // more than a pipe takes in one write
     const std::string invalid = "bad \xff\xfe utf-8";
     const std::string written = standardErrorOf([&] {
+        logSync(DDLogFlagInfo, "one\n");
+        logSync(DDLogFlagInfo, "two");
+        logSync(DDLogFlagInfo, "");
         logSync(DDLogFlagInfo, big);
         logSync(DDLogFlagInfo, invalid);
     });
-    EXPECT_EQ(written, big + "\n" + invalid + "\n");
+    EXPECT_EQ(written, "one\n\ntwo\n\n" + big + "\n" + invalid + "\n");
 }
 
 // --- Colours ----------------------------------------------------------------
