@@ -26,7 +26,7 @@ std::optional<std::string> PasswordInput::prompt(const std::string& text)
     char character;
     ssize_t count;
     while ((count = ::read(STDIN_FILENO, &character, 1)) == 1 && character != '\n') {
-        line.push_back(character);
+        platform::security::appendToSecret(line, {&character, 1});
     }
     if (count != 1 && line.empty()) {
         return std::nullopt;  // end of input: nothing was typed
@@ -43,7 +43,7 @@ void PasswordInput::readStandardInput()
     char buffer[4096];
     ssize_t count;
     while ((count = ::read(STDIN_FILENO, buffer, sizeof buffer)) > 0) {
-        pending_.append(buffer, static_cast<std::size_t>(count));
+        platform::security::appendToSecret(pending_, {buffer, static_cast<std::size_t>(count)});
     }
     sodium_memzero(buffer, sizeof buffer);
 }

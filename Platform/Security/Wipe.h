@@ -12,7 +12,7 @@
 
 namespace platform::security {
 
-// Overwrite the bytes, then empty the buffer (its capacity is kept).
+// Overwrite the whole buffer, then empty it (its capacity is kept).
 void wipe(Data& data);
 void wipe(std::string& text);
 

@@ -44,6 +44,23 @@ TEST(Wipe, EmptiesButKeepsTheBufferForReuse)
     EXPECT_EQ(platform::Data(bytes, bytes + 64), platform::Data(64, 0));
 }
 
+// A secret cut short in place (a line taken off the front, a newline popped)
+// keeps its old bytes past its end until the wipe reaches them too.
+TEST(Wipe, ReachesWhatAShortenedSecretLeftBehindItsEnd)
+{
+    std::string text(100, 'x');
+    const auto* buffer = text.data();
+    text.erase(0, 60);
+    wipe(text);
+    EXPECT_EQ(std::string(buffer, 100), std::string(100, '\0'));
+
+    platform::Data data(64, 0x5a);
+    const auto* bytes = data.data();
+    data.resize(8);
+    wipe(data);
+    EXPECT_EQ(platform::Data(bytes, bytes + 64), platform::Data(64, 0));
+}
+
 // The guard wipes in place whichever way its scope is left, an exception
 // included, and leaves an absent secret absent.
 TEST(WipedWhenDone, WipesTheHeldSecretHoweverTheScopeEnds)
