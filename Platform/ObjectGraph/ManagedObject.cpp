@@ -595,7 +595,14 @@ void ManagedObject::commitValues(std::vector<Value>&& values)
 
 void ManagedObject::commitCurrentValues()
 {
-    committed_.resize(values_.size());
+    if (committed_.size() != values_.size()) {
+        // Copied whole, which costs less than filling new slots one by one.
+        committed_.copyFrom(values_);
+        for (const auto& relationship : entity_->relationships()) {
+            committed_[relationship->index()] = asIDs(values_[relationship->index()]);
+        }
+        return;
+    }
     for (const auto* property : entity_->properties()) {
         const std::size_t index = property->index();
         if (property->isRelationship()) {
@@ -604,6 +611,17 @@ void ManagedObject::commitCurrentValues()
             committed_[index] = values_[index];
         }
     }
+}
+
+const Value& ManagedObject::committedValue(const PropertyDescription& property) const
+{
+    if (property.index() < committed_.size()) {
+        return committed_[property.index()];
+    }
+    static const Value nothing;
+    static const Value noObjects{Array{}};
+    const bool toMany = property.isRelationship() && static_cast<const RelationshipDescription&>(property).isToMany();
+    return toMany ? noObjects : nothing;
 }
 
 Dictionary ManagedObject::changedValues() const
@@ -615,7 +633,7 @@ Dictionary ManagedObject::changedValues() const
     for (const auto* property : entity_->properties()) {
         const Value& value = values_[property->index()];
         const Value current = snapshotValue(*property, value);
-        if (!(current == committed_[property->index()])) {
+        if (!(current == committedValue(*property))) {
             changed.set(property->name(), property->isRelationship() ? publicValue(*property) : value);
         }
     }
@@ -628,7 +646,7 @@ Dictionary ManagedObject::committedValuesForKeys(const std::vector<std::string>&
     Dictionary committed;
     for (const auto* property : entity_->properties()) {
         if (keys.empty() || std::find(keys.begin(), keys.end(), property->name()) != keys.end()) {
-            committed.set(property->name(), committed_[property->index()]);
+            committed.set(property->name(), committedValue(*property));
         }
     }
     return committed;

@@ -179,6 +179,10 @@ private:
     // has when they fit, sparing an allocation per object and save.
     void commitValues(std::vector<Value>&& values);
     void commitCurrentValues();
+    // A property's committed value. An inserted object that a parent context
+    // took from a child has none until it is saved: they are nothing then
+    // (no objects for a to-many relationship), as for any new object.
+    const Value& committedValue(const PropertyDescription& property) const;
     void setObjectID(ManagedObjectIDRef id);
     // The current ID as a small value; on the context's thread only.
     ManagedObjectIDKey idKey() const;
@@ -215,7 +219,8 @@ private:
     // nothing, to-many an Array of objects. Empty while a fault.
     mutable ValueSlots values_;
     // The values as last fetched or saved (relationships as object IDs), for
-    // changedValues and merging.
+    // changedValues and merging; empty for an object inserted from a child
+    // context until it is saved (committedValue).
     mutable ValueSlots committed_;
     // The store version the committed values came with, and the state, in
     // one word. A version counts the saves of one row: 56 bits do not run

@@ -878,12 +878,8 @@ void ManagedObjectContext::takeChildChanges(const std::vector<ManagedObjectRef>&
             object->values_[relationship->index()] = Value();
         }
         if (object->committed_.size() != entity.properties().size()) {
-            object->committed_.resize(entity.properties().size());
-            for (const auto& relationship : entity.relationships()) {
-                if (relationship->isToMany()) {
-                    object->committed_[relationship->index()] = Value(Array{});
-                }
-            }
+            // Nothing committed yet (committedValue): the first save fills it.
+            object->committed_.clear();
         }
         object->fault_ = false;
         object->inserted_ = true;
@@ -1084,8 +1080,9 @@ void ManagedObjectContext::mergeStoredSnapshot(ManagedObject& object, const Obje
     std::vector<Value> merged = current.values;
     merged.resize(mine.values.size());
     for (std::size_t index = 0; index < mine.values.size(); ++index) {
-        const bool oursChanged = !(mine.values[index] == object.committed_[index]);
-        const bool theirsChanged = !(current.values[index] == object.committed_[index]);
+        const Value& committed = object.committedValue(*object.entity().properties()[index]);
+        const bool oursChanged = !(mine.values[index] == committed);
+        const bool theirsChanged = !(current.values[index] == committed);
         if (oursChanged && (!theirsChanged || objectTrump)) {
             merged[index] = mine.values[index];
         }

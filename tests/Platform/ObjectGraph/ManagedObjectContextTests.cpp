@@ -435,8 +435,14 @@ TEST_P(ParentAndChild, NewObjectsReachTheParentAsItsOwnObjectsRelatedToEachOther
     EXPECT_THAT(rotaOrder, ElementsAre(parentsBob, parentsAda));
     EXPECT_EQ(parentsBob->valueForKey("mentor").objectAs<ManagedObject>(), parentsAda);
     EXPECT_EQ(parentsAda->valueForKey("department").objectAs<ManagedObject>(), heldFault);
+    // Nothing of the parent's copies is committed until the parent saves.
+    EXPECT_EQ(heldFault->committedValuesForKeys({"name"}).get("name"), Value());
+    EXPECT_EQ(heldFault->committedValuesForKeys({"employees"}).get("employees"), Value(Array{}));
+    EXPECT_TRUE(heldFault->changedValues().contains("name"));
 
     save(root);
+    EXPECT_EQ(heldFault->committedValuesForKeys({"name"}).get("name"), Value("Sales"));
+    EXPECT_THAT(heldFault->changedValues().keys(), IsEmpty());
     auto reader = rootContext();
     auto department = reader->existingObjectWithID(sales->objectID());
     ASSERT_NE(department, nullptr);
