@@ -96,11 +96,9 @@ TEST_P(SavingAndFetching, RelationshipsOfEveryKindSurviveASave)
     auto department = reader->existingObjectWithID(sales->objectID());
     ASSERT_NE(department, nullptr);
     EXPECT_THAT(names(department->valueForKey("employees")), ElementsAre("Ada", "Bob"));
-    const auto rota = department->valueForKey("rota");
-    ASSERT_NE(rota.orderedSet(), nullptr);
     std::vector<std::string> order;
-    for (const auto& member : *rota.orderedSet()) {
-        order.push_back(*member.objectAs<ManagedObject>()->valueForKey("name").string());
+    for (const auto& member : objectgraphtest::membersOf(department->valueForKey("rota"))) {
+        order.push_back(*member->valueForKey("name").string());
     }
     EXPECT_THAT(order, ElementsAre("Cy", "Ada", "Bob"));
     auto readBob = reader->existingObjectWithID(bob->objectID());
@@ -426,13 +424,7 @@ TEST_P(ParentAndChild, NewObjectsReachTheParentAsItsOwnObjectsRelatedToEachOther
     EXPECT_TRUE(employees.set()->contains(Value(parentsAda)));
     EXPECT_TRUE(employees.set()->contains(Value(parentsBob)));
     EXPECT_EQ(employees.set()->size(), 2u);
-    const auto rota = heldFault->valueForKey("rota");
-    ASSERT_NE(rota.orderedSet(), nullptr);
-    std::vector<ManagedObjectRef> rotaOrder;
-    for (const auto& member : *rota.orderedSet()) {
-        rotaOrder.push_back(member.objectAs<ManagedObject>());
-    }
-    EXPECT_THAT(rotaOrder, ElementsAre(parentsBob, parentsAda));
+    EXPECT_THAT(objectgraphtest::membersOf(heldFault->valueForKey("rota")), ElementsAre(parentsBob, parentsAda));
     EXPECT_EQ(parentsBob->valueForKey("mentor").objectAs<ManagedObject>(), parentsAda);
     EXPECT_EQ(parentsAda->valueForKey("department").objectAs<ManagedObject>(), heldFault);
     // Nothing of the parent's copies is committed until the parent saves.
@@ -447,10 +439,9 @@ TEST_P(ParentAndChild, NewObjectsReachTheParentAsItsOwnObjectsRelatedToEachOther
     auto department = reader->existingObjectWithID(sales->objectID());
     ASSERT_NE(department, nullptr);
     EXPECT_THAT(names(department->valueForKey("employees")), ElementsAre("Ada", "Bob"));
-    const auto storedRota = department->valueForKey("rota");
-    ASSERT_NE(storedRota.orderedSet(), nullptr);
-    ASSERT_EQ(storedRota.orderedSet()->size(), 2u);
-    EXPECT_EQ((*storedRota.orderedSet()->begin()).objectAs<ManagedObject>()->valueForKey("name"), Value("Bob"));
+    const auto storedRota = objectgraphtest::membersOf(department->valueForKey("rota"));
+    ASSERT_EQ(storedRota.size(), 2u);
+    EXPECT_EQ(storedRota.front()->valueForKey("name"), Value("Bob"));
 }
 
 TEST_P(DeleteRules, EachRuleDoesItsPartAtDeleteOrAtSave)

@@ -14,19 +14,9 @@ using testing::IsEmpty;
 
 namespace {
 
-std::vector<ManagedObjectRef> makeObjects(std::size_t count)
-{
-    const EntityDescription& entity = *objectgraphtest::companyModel()->entityNamed("Department");
-    std::vector<ManagedObjectRef> objects;
-    for (std::size_t index = 0; index < count; ++index) {
-        objects.push_back(ManagedObject::create(entity, nullptr));
-    }
-    return objects;
-}
-
 TEST(ObjectSetTest, MembersJoinOnceAndLeaveOnce)
 {
-    const auto objects = makeObjects(3);
+    const auto objects = objectgraphtest::looseObjects(3);
     ObjectSet set;
     EXPECT_FALSE(set.erase(objects[0].get()));
     EXPECT_FALSE(set.contains(objects[0].get()));
@@ -56,7 +46,7 @@ TEST(ObjectSetTest, MembersJoinOnceAndLeaveOnce)
 // a wrong answer here.
 TEST(ObjectSetTest, AgreesWithAPlainListThroughGrowthRemovalsAndCompaction)
 {
-    const auto objects = makeObjects(800);
+    const auto objects = objectgraphtest::looseObjects(800);
     ObjectSet set;
     set.reserve(100);
     std::vector<ManagedObjectRef> expected;
