@@ -52,7 +52,7 @@ std::vector<ManagedObjectRef> objectsOf(const Value& value, std::string_view key
 
 ManagedObjectRef makeInstance(const EntityDescription& entity)
 {
-    if (const Class* cls = classFromString(entity.managedObjectClassName()); cls != nullptr && cls->canMakeInstance()) {
+    if (const Class* cls = entity.managedObjectClass(); cls != nullptr && cls->canMakeInstance()) {
         if (auto object = std::dynamic_pointer_cast<ManagedObject>(cls->makeInstance())) {
             return object;
         }
@@ -91,6 +91,26 @@ const PropertyTable& EntityDescription::objectPropertyTable() const
         table_ = std::move(table);
     });
     return table_;
+}
+
+const Class* EntityDescription::managedObjectClass() const
+{
+    if (const Class* known = class_.load(std::memory_order_acquire)) {
+        return known;
+    }
+    // Read before the look-up: a class registered meanwhile moves it on, so
+    // a miss recorded under it is never taken for the newer registry.
+    const std::uint64_t generation = classRegistryGeneration();
+    if (classMissedAt_.load(std::memory_order_relaxed) == generation + 1) {
+        return nullptr;
+    }
+    const Class* found = classFromString(className_);
+    if (found != nullptr) {
+        class_.store(found, std::memory_order_release);
+    } else {
+        classMissedAt_.store(generation + 1, std::memory_order_relaxed);
+    }
+    return found;
 }
 
 // A fault stays under 200 bytes only while the object fits a 128-byte block
@@ -150,6 +170,20 @@ ManagedObjectRef ManagedObject::makeFault(const EntityDescription& entity, Manag
     } else {
         object->setObjectID(std::move(id));
     }
+    return object;
+}
+
+ManagedObjectRef ManagedObject::makeWithID(const EntityDescription& entity, ManagedObjectIDRef id)
+{
+    auto object = makeInstance(entity);
+    object->bind(entity);
+    if (!id->isTemporaryID() && &id->entity() == &entity) {
+        object->partsStore_ = id->store_;
+        object->partsKey_ = id->primaryKey();
+        object->idInParts_ = true;
+    }
+    // No other thread knows the object yet: no lock.
+    object->objectID_ = std::move(id);
     return object;
 }
 
@@ -226,6 +260,22 @@ void ManagedObject::ValueSlots::resize(std::size_t size)
         std::uninitialized_move_n(items(), kept, target);
     }
     std::uninitialized_value_construct(target + kept, target + size);
+    clear();
+    header_ = header;
+}
+
+void ManagedObject::ValueSlots::copyFrom(const ValueSlots& other)
+{
+    Header* header = nullptr;
+    if (other.size() > 0) {
+        header = allocate(other.size());
+        try {
+            std::uninitialized_copy_n(other.items(), other.size(), reinterpret_cast<Value*>(header + 1));
+        } catch (...) {
+            ::operator delete(header);
+            throw;
+        }
+    }
     clear();
     header_ = header;
 }
@@ -525,6 +575,55 @@ Value asIDs(const Value& value)
 
 }  // namespace
 
+Value ManagedObject::snapshotValue(const PropertyDescription& property, const Value& value)
+{
+    return property.isRelationship() ? asIDs(value) : value;
+}
+
+// Committed values hold relationships as IDs, never objects, so writing over
+// them in place cannot release this object (values_ may: see clear()).
+void ManagedObject::commitValues(std::vector<Value>&& values)
+{
+    if (committed_.size() != values.size()) {
+        committed_ = std::move(values);
+        return;
+    }
+    for (std::size_t index = 0; index < values.size(); ++index) {
+        committed_[index] = std::move(values[index]);
+    }
+}
+
+void ManagedObject::commitCurrentValues()
+{
+    if (committed_.size() != values_.size()) {
+        // Copied whole, which costs less than filling new slots one by one.
+        committed_.copyFrom(values_);
+        for (const auto& relationship : entity_->relationships()) {
+            committed_[relationship->index()] = asIDs(values_[relationship->index()]);
+        }
+        return;
+    }
+    for (const auto* property : entity_->properties()) {
+        const std::size_t index = property->index();
+        if (property->isRelationship()) {
+            committed_[index] = asIDs(values_[index]);
+        } else {
+            committed_[index] = values_[index];
+        }
+    }
+}
+
+const Value& ManagedObject::committedValue(const PropertyDescription& property) const
+{
+    if (property.index() < committed_.size()) {
+        return committed_[property.index()];
+    }
+    static const Value nothing;
+    static const Value noObjects{Array{}};
+    const bool toMany = property.isRelationship() && static_cast<const RelationshipDescription&>(property).isToMany();
+    return toMany ? noObjects : nothing;
+}
+
 Dictionary ManagedObject::changedValues() const
 {
     Dictionary changed;
@@ -533,8 +632,8 @@ Dictionary ManagedObject::changedValues() const
     }
     for (const auto* property : entity_->properties()) {
         const Value& value = values_[property->index()];
-        const Value current = property->isRelationship() ? asIDs(value) : value;
-        if (!(current == committed_[property->index()])) {
+        const Value current = snapshotValue(*property, value);
+        if (!(current == committedValue(*property))) {
             changed.set(property->name(), property->isRelationship() ? publicValue(*property) : value);
         }
     }
@@ -547,7 +646,7 @@ Dictionary ManagedObject::committedValuesForKeys(const std::vector<std::string>&
     Dictionary committed;
     for (const auto* property : entity_->properties()) {
         if (keys.empty() || std::find(keys.begin(), keys.end(), property->name()) != keys.end()) {
-            committed.set(property->name(), committed_[property->index()]);
+            committed.set(property->name(), committedValue(*property));
         }
     }
     return committed;

@@ -147,6 +147,8 @@ private:
         const Value& operator[](std::size_t index) const { return items()[index]; }
         // Keeps the first values, adds nothing-values after them.
         void resize(std::size_t size);
+        // Copies of another object's values, in one allocation.
+        void copyFrom(const ValueSlots& other);
         void clear();
 
     private:
@@ -164,6 +166,23 @@ private:
     // An object of the entity's class with no values, to be registered as a
     // fault: nothing is allocated for values until it fires.
     static ManagedObjectRef makeFault(const EntityDescription& entity, ManagedObjectIDRef id);
+    // An object of the entity's class under this very ID object, with no
+    // values: a parent context's copy of a child's new object, so that both
+    // answer one ID object. A permanent ID is kept in parts as well, so that
+    // the registration reads it without the ID lock.
+    static ManagedObjectRef makeWithID(const EntityDescription& entity, ManagedObjectIDRef id);
+    // A property's value as snapshots and committed values hold it:
+    // attributes as they are, relationships as the IDs of their objects.
+    static Value snapshotValue(const PropertyDescription& property, const Value& value);
+    // The committed values become these (a snapshot's), or the current
+    // values as a snapshot holds them. Written into the slots the object
+    // has when they fit, sparing an allocation per object and save.
+    void commitValues(std::vector<Value>&& values);
+    void commitCurrentValues();
+    // A property's committed value. An inserted object that a parent context
+    // took from a child has none until it is saved: they are nothing then
+    // (no objects for a to-many relationship), as for any new object.
+    const Value& committedValue(const PropertyDescription& property) const;
     void setObjectID(ManagedObjectIDRef id);
     // The current ID as a small value; on the context's thread only.
     ManagedObjectIDKey idKey() const;
@@ -200,7 +219,8 @@ private:
     // nothing, to-many an Array of objects. Empty while a fault.
     mutable ValueSlots values_;
     // The values as last fetched or saved (relationships as object IDs), for
-    // changedValues and merging.
+    // changedValues and merging; empty for an object inserted from a child
+    // context until it is saved (committedValue).
     mutable ValueSlots committed_;
     // The store version the committed values came with, and the state, in
     // one word. A version counts the saves of one row: 56 bits do not run

@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <map>
-#include <unordered_map>
 #include <unordered_set>
 
 namespace platform {
@@ -63,76 +62,9 @@ ErrorRef missingObject(const ManagedObjectID& id)
 
 }  // namespace
 
-// The objects of one change set, in the order they joined it, with constant
-// time membership. The order is kept as it grows rather than sorted when
-// asked for: a save asks for it several times per level of a context chain.
-struct ManagedObjectContext::ObjectSet {
-    std::unordered_map<ManagedObject*, std::size_t> members;  // each object's place in `order`
-    std::vector<ManagedObjectRef> order;                       // erased objects leave an empty place
-
-    bool insert(const ManagedObjectRef& object)
-    {
-        if (!members.try_emplace(object.get(), order.size()).second) {
-            return false;
-        }
-        order.push_back(object);
-        return true;
-    }
-    bool erase(ManagedObject* object)
-    {
-        const auto found = members.find(object);
-        if (found == members.end()) {
-            return false;
-        }
-        order[found->second] = nullptr;
-        members.erase(found);
-        if (order.size() > 2 * members.size() + 16) {
-            compact();
-        }
-        return true;
-    }
-    bool contains(ManagedObject* object) const { return members.count(object) > 0; }
-    bool empty() const { return members.empty(); }
-    void clear()
-    {
-        members.clear();
-        order.clear();
-    }
-    std::vector<ManagedObjectRef> ordered() const
-    {
-        std::vector<ManagedObjectRef> objects;
-        objects.reserve(members.size());
-        for (const auto& object : order) {
-            if (object) {
-                objects.push_back(object);
-            }
-        }
-        return objects;
-    }
-
-private:
-    void compact()
-    {
-        std::size_t next = 0;
-        for (std::size_t index = 0; index < order.size(); ++index) {
-            if (order[index]) {
-                members[order[index].get()] = next;
-                if (next != index) {
-                    order[next] = std::move(order[index]);
-                }
-                ++next;
-            }
-        }
-        order.resize(next);
-    }
-};
-
 ManagedObjectContext::ManagedObjectContext(ManagedObjectContextConcurrencyType type)
     : type_(type),
-      ownerThread_(std::this_thread::get_id()),
-      inserted_(std::make_unique<ObjectSet>()),
-      updated_(std::make_unique<ObjectSet>()),
-      deleted_(std::make_unique<ObjectSet>())
+      ownerThread_(std::this_thread::get_id())
 {
     switch (type_) {
     case ManagedObjectContextConcurrencyType::PrivateQueue:
@@ -298,25 +230,25 @@ std::string ManagedObjectContext::description() const
 bool ManagedObjectContext::hasChanges() const
 {
     checkAccess(__func__);
-    return !inserted_->empty() || !updated_->empty() || !deleted_->empty();
+    return !inserted_.empty() || !updated_.empty() || !deleted_.empty();
 }
 
 std::vector<ManagedObjectRef> ManagedObjectContext::insertedObjects() const
 {
     checkAccess(__func__);
-    return inserted_->ordered();
+    return inserted_.ordered();
 }
 
 std::vector<ManagedObjectRef> ManagedObjectContext::updatedObjects() const
 {
     checkAccess(__func__);
-    return updated_->ordered();
+    return updated_.ordered();
 }
 
 std::vector<ManagedObjectRef> ManagedObjectContext::deletedObjects() const
 {
     checkAccess(__func__);
-    return deleted_->ordered();
+    return deleted_.ordered();
 }
 
 std::vector<ManagedObjectRef> ManagedObjectContext::registeredObjects() const
@@ -344,18 +276,18 @@ void ManagedObjectContext::forget(ManagedObject& object)
         // The table holds the last strong reference the context has; keep the
         // object alive until it is tidied.
         auto keep = registered_.erase(object.idKey());
-        inserted_->erase(&object);
-        updated_->erase(&object);
-        deleted_->erase(&object);
+        inserted_.erase(&object);
+        updated_.erase(&object);
+        deleted_.erase(&object);
         object.context_ = nullptr;
         object.values_.clear();
         object.inserted_ = object.updated_ = object.deleted_ = false;
         object.fault_ = false;
         return;
     }
-    inserted_->erase(&object);
-    updated_->erase(&object);
-    deleted_->erase(&object);
+    inserted_.erase(&object);
+    updated_.erase(&object);
+    deleted_.erase(&object);
 }
 
 void ManagedObjectContext::noteUpdated(ManagedObject& object)
@@ -368,14 +300,14 @@ void ManagedObjectContext::noteUpdated(ManagedObject& object)
         return;
     }
     object.updated_ = true;
-    updated_->insert(*found);
+    updated_.insert(*found);
 }
 
 bool ManagedObjectContext::hasChangesOfEntity(const EntityDescription& entity) const
 {
-    for (const auto* set : {inserted_.get(), updated_.get(), deleted_.get()}) {
-        for (const auto& [object, entry] : set->members) {
-            if (&object->entity() == &entity) {
+    for (const auto* set : {&inserted_, &updated_, &deleted_}) {
+        for (const auto& object : set->places()) {
+            if (object && &object->entity() == &entity) {
                 return true;
             }
         }
@@ -400,7 +332,7 @@ void ManagedObjectContext::insertObject(const ManagedObjectRef& object)
     }
     registerObject(object);
     object->inserted_ = true;
-    inserted_->insert(object);
+    inserted_.insert(object);
 }
 
 void ManagedObjectContext::deleteObject(const ManagedObjectRef& object)
@@ -422,8 +354,8 @@ void ManagedObjectContext::deleteObject(const ManagedObjectRef& object)
     }
     object->deleted_ = true;
     object->updated_ = false;
-    updated_->erase(object.get());
-    deleted_->insert(object);
+    updated_.erase(object.get());
+    deleted_.insert(object);
     applyDeleteRules(*object);
 }
 
@@ -467,21 +399,7 @@ ObjectSnapshot ManagedObjectContext::snapshotOf(const ManagedObject& object) con
     snapshot.version = object.version_;
     snapshot.values.reserve(object.values_.size());
     for (const auto* property : object.entity().properties()) {
-        const Value& value = object.values_[property->index()];
-        if (!property->isRelationship()) {
-            snapshot.values.push_back(value);
-        } else if (const Array* array = value.array()) {
-            Array ids;
-            ids.reserve(array->size());
-            for (const auto& element : *array) {
-                ids.push_back(Value(element.objectAs<ManagedObject>()->objectID()));
-            }
-            snapshot.values.push_back(Value(std::move(ids)));
-        } else if (auto target = value.objectAs<ManagedObject>()) {
-            snapshot.values.push_back(Value(target->objectID()));
-        } else {
-            snapshot.values.push_back(Value());
-        }
+        snapshot.values.push_back(ManagedObject::snapshotValue(*property, object.values_[property->index()]));
     }
     return snapshot;
 }
@@ -655,13 +573,13 @@ std::optional<std::vector<ManagedObjectIDRef>> ManagedObjectContext::fetchIDs(co
 
     std::unordered_set<ManagedObjectIDRef, ManagedObjectIDHash, ManagedObjectIDEqual> present(ids->begin(), ids->end());
     std::unordered_set<ManagedObjectIDRef, ManagedObjectIDHash, ManagedObjectIDEqual> removed;
-    for (const auto& [pointer, entry] : deleted_->members) {
-        if (&pointer->entity() == entity) {
-            removed.insert(pointer->objectID());
+    for (const auto& object : deleted_.places()) {
+        if (object && &object->entity() == entity) {
+            removed.insert(object->objectID());
         }
     }
     std::vector<ManagedObjectIDRef> added;
-    for (const auto* set : {inserted_.get(), updated_.get()}) {
+    for (const auto* set : {&inserted_, &updated_}) {
         for (const auto& object : set->ordered()) {
             if (&object->entity() != entity) {
                 continue;
@@ -803,10 +721,10 @@ bool ManagedObjectContext::validate(ErrorRef* error) const
                                             std::static_pointer_cast<const ManagedObject>(object.shared_from_this())))}}));
         return false;
     };
-    for (const auto* set : {inserted_.get(), updated_.get()}) {
+    for (const auto* set : {&inserted_, &updated_}) {
         // In place: a save validates every changed object, and a copy of
         // the set would cost a reference count per object.
-        for (const auto& object : set->order) {
+        for (const auto& object : set->places()) {
             if (!object) {
                 continue;
             }
@@ -836,8 +754,11 @@ bool ManagedObjectContext::validate(ErrorRef* error) const
             }
         }
     }
-    for (const auto& [pointer, entry] : deleted_->members) {
-        const ManagedObject& object = *pointer;
+    for (const auto& member : deleted_.places()) {
+        if (!member) {
+            continue;
+        }
+        const ManagedObject& object = *member;
         for (const auto& relationship : object.entity().relationships()) {
             if (relationship->deleteRule() != DeleteRule::Deny) {
                 continue;
@@ -869,7 +790,7 @@ bool ManagedObjectContext::save(ErrorRef* error)
         bool& flag;
         ~Reset() { flag = false; }
     } reset{saving_};
-    for (const auto* set : {inserted_.get(), updated_.get()}) {
+    for (const auto* set : {&inserted_, &updated_}) {
         for (const auto& object : set->ordered()) {
             object->willSave();
         }
@@ -882,17 +803,16 @@ bool ManagedObjectContext::save(ErrorRef* error)
 
 bool ManagedObjectContext::pushToParent(ErrorRef* error)
 {
-    const auto inserted = inserted_->ordered();
-    const auto updated = updated_->ordered();
-    const auto deleted = deleted_->ordered();
-    auto insertions = insertionsToPush(inserted);
+    const auto inserted = inserted_.ordered();
+    const auto updated = updated_.ordered();
+    const auto deleted = deleted_.ordered();
     auto updates = updatesToPush(updated);
 
     bool pushed = false;
     ManagedObjectContext& parent = *parent_;
     parent.performBlockAndWait([&] {
         try {
-            parent.takeChildChanges(insertions, updates, deleted);
+            parent.takeChildChanges(inserted, updates, deleted);
             pushed = true;
         } catch (const Exception& exception) {
             setError(error, objectgraph::makeError(NSManagedObjectReferentialIntegrityError,
@@ -903,25 +823,16 @@ bool ManagedObjectContext::pushToParent(ErrorRef* error)
     if (!pushed) {
         return false;
     }
-    settlePushedChanges(inserted, std::move(insertions), updated, std::move(updates), deleted);
+    settlePushedChanges(inserted, updated, std::move(updates), deleted);
     postDidSave(inserted, updated, deleted);
     return true;
-}
-
-std::vector<ManagedObjectContext::PushedChange> ManagedObjectContext::insertionsToPush(
-    const std::vector<ManagedObjectRef>& inserted) const
-{
-    std::vector<PushedChange> insertions;
-    for (const auto& object : inserted) {
-        insertions.push_back({object->objectID(), snapshotOf(*object), {}});
-    }
-    return insertions;
 }
 
 std::vector<ManagedObjectContext::PushedChange> ManagedObjectContext::updatesToPush(
     const std::vector<ManagedObjectRef>& updated) const
 {
     std::vector<PushedChange> updates;
+    updates.reserve(updated.size());
     for (const auto& object : updated) {
         PushedChange update{object->objectID(), snapshotOf(*object), {}};
         for (std::size_t index = 0; index < update.snapshot.values.size(); ++index) {
@@ -934,46 +845,52 @@ std::vector<ManagedObjectContext::PushedChange> ManagedObjectContext::updatesToP
     return updates;
 }
 
-void ManagedObjectContext::takeChildChanges(const std::vector<PushedChange>& insertions,
+// The child's new objects are read here directly rather than through
+// snapshots: the child waits for this block to finish, so nothing changes
+// them meanwhile, and a save through a chain of contexts copies every new
+// object once per level, where a snapshot would be one more copy and
+// allocation each time.
+void ManagedObjectContext::takeChildChanges(const std::vector<ManagedObjectRef>& inserted,
                                             const std::vector<PushedChange>& updates,
                                             const std::vector<ManagedObjectRef>& deleted)
 {
+    registered_.reserve(registered_.size() + inserted.size());
+    inserted_.reserve(inserted_.size() + inserted.size());
     // Every new object first, so that relationships among them find each
     // other.
     std::vector<ManagedObjectRef> made;
-    made.reserve(insertions.size());
-    for (const auto& insertion : insertions) {
-        auto object = objectRegisteredForID(insertion.id);
+    made.reserve(inserted.size());
+    for (const auto& child : inserted) {
+        const auto& entity = child->entity();
+        auto id = child->objectID();
+        auto object = objectRegisteredForID(id);
         if (!object) {
             // Awoken once, where it was inserted; every value is copied
-            // below, so no defaults and no temporary ID.
-            const auto& entity = insertion.id->entity();
-            object = ManagedObject::makeFault(entity, insertion.id);
-            object->values_.resize(entity.properties().size());
-            object->committed_.resize(entity.properties().size());
-            for (const auto& relationship : entity.relationships()) {
-                if (relationship->isToMany()) {
-                    object->committed_[relationship->index()] = Value(Array{});
-                }
-            }
-            registerObject(object, insertion.id);
+            // below, so no defaults and no temporary ID of its own.
+            object = ManagedObject::makeWithID(entity, std::move(id));
+            object->context_ = this;
+            registered_.insert(object);
+        }
+        // Attributes as they are; relationships hold the child's objects
+        // until the loop below puts this context's in their place.
+        object->values_.copyFrom(child->values_);
+        for (const auto& relationship : entity.relationships()) {
+            object->values_[relationship->index()] = Value();
+        }
+        if (object->committed_.size() != entity.properties().size()) {
+            // Nothing committed yet (committedValue): the first save fills it.
+            object->committed_.clear();
         }
         object->fault_ = false;
         object->inserted_ = true;
-        inserted_->insert(object);
-        made.push_back(object);
+        inserted_.insert(object);
+        made.push_back(std::move(object));
     }
-    // Attributes are taken as they are; relationships name their targets by
-    // ID and become this context's objects.
-    for (std::size_t index = 0; index < insertions.size(); ++index) {
+    for (std::size_t index = 0; index < inserted.size(); ++index) {
         ManagedObject& object = *made[index];
-        const auto& values = insertions[index].snapshot.values;
-        for (const auto& attribute : object.entity().attributes()) {
-            object.values_[attribute->index()] = values[attribute->index()];
-        }
         for (const auto& relationship : object.entity().relationships()) {
             object.values_[relationship->index()] =
-                relationshipValueFromSnapshot(*relationship, values[relationship->index()]);
+                relationshipValueFromChild(*relationship, inserted[index]->values_[relationship->index()]);
         }
     }
     for (const auto& update : updates) {
@@ -991,6 +908,30 @@ void ManagedObjectContext::takeChildChanges(const std::vector<PushedChange>& ins
     }
 }
 
+Value ManagedObjectContext::relationshipValueFromChild(const RelationshipDescription& relationship,
+                                                       const Value& childValue)
+{
+    const auto mine = [&](const Value& target) {
+        // Only the ID of the child's object is read: it names this context's
+        // copy.
+        const auto object = target.objectAs<ManagedObject>();
+        return object ? Value(objectWithID(object->objectID())) : Value();
+    };
+    if (!relationship.isToMany()) {
+        return mine(childValue);
+    }
+    Array objects;
+    if (const Array* targets = childValue.array()) {
+        objects.reserve(targets->size());
+        for (const auto& target : *targets) {
+            if (Value object = mine(target)) {
+                objects.push_back(std::move(object));
+            }
+        }
+    }
+    return Value(std::move(objects));
+}
+
 void ManagedObjectContext::setValueFromChild(ManagedObject& object, const PropertyDescription& property,
                                              const Value& stored)
 {
@@ -1002,33 +943,20 @@ void ManagedObjectContext::setValueFromChild(ManagedObject& object, const Proper
 
 // What the parent took is this context's committed state now.
 void ManagedObjectContext::settlePushedChanges(const std::vector<ManagedObjectRef>& inserted,
-                                               std::vector<PushedChange>&& insertions,
                                                const std::vector<ManagedObjectRef>& updated,
                                                std::vector<PushedChange>&& updates,
                                                const std::vector<ManagedObjectRef>& deleted)
 {
-    // An object that has its committed values (every inserted one has, as
-    // nothing) takes the new ones into the slots it has, sparing an
-    // allocation per object and level of a context chain.
-    const auto commit = [](ManagedObject& object, std::vector<Value>& values) {
-        if (object.committed_.size() != values.size()) {
-            object.committed_ = std::move(values);
-            return;
-        }
-        for (std::size_t index = 0; index < values.size(); ++index) {
-            object.committed_[index] = std::move(values[index]);
-        }
-    };
-    for (std::size_t index = 0; index < inserted.size(); ++index) {
-        inserted[index]->inserted_ = false;
-        commit(*inserted[index], insertions[index].snapshot.values);
+    for (const auto& object : inserted) {
+        object->inserted_ = false;
+        object->commitCurrentValues();
     }
     for (std::size_t index = 0; index < updated.size(); ++index) {
         updated[index]->updated_ = false;
-        commit(*updated[index], updates[index].snapshot.values);
+        updated[index]->commitValues(std::move(updates[index].snapshot.values));
     }
-    inserted_->clear();
-    updated_->clear();
+    inserted_.clear();
+    updated_.clear();
     for (const auto& object : deleted) {
         forget(*object);
     }
@@ -1036,13 +964,13 @@ void ManagedObjectContext::settlePushedChanges(const std::vector<ManagedObjectRe
 
 bool ManagedObjectContext::saveToStore(ErrorRef* error)
 {
-    auto inserted = inserted_->ordered();
+    auto inserted = inserted_.ordered();
     if (!obtainPermanentIDsForObjects(inserted, error)) {
         return false;
     }
     const bool checkVersions = mergePolicy_ != MergePolicy::Overwrite;
-    auto updated = updated_->ordered();
-    auto deleted = deleted_->ordered();
+    auto updated = updated_.ordered();
+    auto deleted = deleted_.ordered();
 
     // A conflict is resolved by the merge policy and the save tried again;
     // each round settles the conflicts it met, so a few rounds suffice unless
@@ -1130,8 +1058,8 @@ void ManagedObjectContext::resolveConflict(const ManagedObjectIDRef& id, std::ve
     if (mergePolicy_ == MergePolicy::Rollback) {
         dropFrom(updated);
         dropFrom(deleted);
-        updated_->erase(object.get());
-        deleted_->erase(object.get());
+        updated_.erase(object.get());
+        deleted_.erase(object.get());
         object->updated_ = object->deleted_ = false;
         applySnapshot(*object, *current, false);
         return;
@@ -1152,8 +1080,9 @@ void ManagedObjectContext::mergeStoredSnapshot(ManagedObject& object, const Obje
     std::vector<Value> merged = current.values;
     merged.resize(mine.values.size());
     for (std::size_t index = 0; index < mine.values.size(); ++index) {
-        const bool oursChanged = !(mine.values[index] == object.committed_[index]);
-        const bool theirsChanged = !(current.values[index] == object.committed_[index]);
+        const Value& committed = object.committedValue(*object.entity().properties()[index]);
+        const bool oursChanged = !(mine.values[index] == committed);
+        const bool theirsChanged = !(current.values[index] == committed);
         if (oursChanged && (!theirsChanged || objectTrump)) {
             merged[index] = mine.values[index];
         }
@@ -1174,7 +1103,7 @@ void ManagedObjectContext::settleSavedChanges(const std::vector<ManagedObjectRef
         ManagedObject& object = *inserted[index];
         object.inserted_ = false;
         object.version_ = 1;
-        object.committed_ = std::move(saved.inserted[index].snapshot.values);
+        object.commitValues(std::move(saved.inserted[index].snapshot.values));
     }
     for (std::size_t index = 0; index < updated.size(); ++index) {
         const auto& object = updated[index];
@@ -1184,14 +1113,14 @@ void ManagedObjectContext::settleSavedChanges(const std::vector<ManagedObjectRef
         } else if (auto current = coordinator_->snapshotForObjectWithID(*object->objectID(), nullptr)) {
             object->version_ = current->version;
         }
-        object->committed_ = std::move(saved.updated[index].snapshot.values);
+        object->commitValues(std::move(saved.updated[index].snapshot.values));
     }
-    inserted_->clear();
-    updated_->clear();
+    inserted_.clear();
+    updated_.clear();
     for (const auto& object : deleted) {
         forget(*object);
     }
-    deleted_->clear();
+    deleted_.clear();
 }
 
 void ManagedObjectContext::postDidSave(const std::vector<ManagedObjectRef>& inserted,
@@ -1215,8 +1144,8 @@ void ManagedObjectContext::refreshObject(const ManagedObjectRef& object, bool me
         return;
     }
     if (!mergeChanges) {
-        updated_->erase(object.get());
-        deleted_->erase(object.get());
+        updated_.erase(object.get());
+        deleted_.erase(object.get());
         object->updated_ = object->deleted_ = false;
         object->values_.clear();
         object->committed_.clear();
@@ -1234,13 +1163,13 @@ void ManagedObjectContext::refreshObject(const ManagedObjectRef& object, bool me
 void ManagedObjectContext::rollback()
 {
     checkAccess(__func__);
-    for (const auto& object : inserted_->ordered()) {
+    for (const auto& object : inserted_.ordered()) {
         forget(*object);
     }
-    for (const auto& object : updated_->ordered()) {
+    for (const auto& object : updated_.ordered()) {
         refreshObject(object, false);
     }
-    for (const auto& object : deleted_->ordered()) {
+    for (const auto& object : deleted_.ordered()) {
         refreshObject(object, false);
     }
 }
@@ -1249,9 +1178,9 @@ void ManagedObjectContext::reset()
 {
     checkAccess(__func__);
     auto registered = std::move(registered_);
-    inserted_->clear();
-    updated_->clear();
-    deleted_->clear();
+    inserted_.clear();
+    updated_.clear();
+    deleted_.clear();
     registered.forEach([](const ManagedObjectRef& object) {
         object->values_.clear();
         object->context_ = nullptr;

@@ -67,6 +67,7 @@
 #include "Platform/Foundation/RunLoop.h"
 #include "Platform/ObjectGraph/FetchRequest.h"
 #include "Platform/ObjectGraph/ManagedObject.h"
+#include "Platform/ObjectGraph/ObjectSet.h"
 #include "Platform/ObjectGraph/RegisteredObjects.h"
 
 #include <functional>
@@ -203,7 +204,6 @@ public:
 
 private:
     friend class ManagedObject;
-    struct ObjectSet;
     explicit ManagedObjectContext(ManagedObjectContextConcurrencyType type);
 
     void checkAccess(const char* method) const;
@@ -231,22 +231,25 @@ private:
     [[nodiscard]] bool saveToStore(ErrorRef* error);
     [[nodiscard]] bool pushToParent(ErrorRef* error);
 
-    // The steps of pushToParent. A child's change as its parent takes it.
+    // The steps of pushToParent. A child's update as its parent takes it.
     struct PushedChange {
         ManagedObjectIDRef id;
         ObjectSnapshot snapshot;
-        std::vector<std::size_t> changed;  // updates: the properties to copy
+        std::vector<std::size_t> changed;  // the properties to copy
     };
-    std::vector<PushedChange> insertionsToPush(const std::vector<ManagedObjectRef>& inserted) const;
     std::vector<PushedChange> updatesToPush(const std::vector<ManagedObjectRef>& updated) const;
-    // Runs on the parent: the child's changes become the parent's own.
-    void takeChildChanges(const std::vector<PushedChange>& insertions, const std::vector<PushedChange>& updates,
+    // Runs on the parent while the child waits: the child's changes become
+    // the parent's own. New objects are copied from the child's objects.
+    void takeChildChanges(const std::vector<ManagedObjectRef>& inserted, const std::vector<PushedChange>& updates,
                           const std::vector<ManagedObjectRef>& deleted);
+    // A child's relationship value with this context's objects in place of
+    // the child's.
+    Value relationshipValueFromChild(const RelationshipDescription& relationship, const Value& childValue);
     void setValueFromChild(ManagedObject& object, const PropertyDescription& property, const Value& stored);
-    // Takes the snapshots pushed, which become the committed values.
-    void settlePushedChanges(const std::vector<ManagedObjectRef>& inserted, std::vector<PushedChange>&& insertions,
-                             const std::vector<ManagedObjectRef>& updated, std::vector<PushedChange>&& updates,
-                             const std::vector<ManagedObjectRef>& deleted);
+    // What the parent took becomes the committed values: the inserted
+    // objects' own values, the updates' snapshots.
+    void settlePushedChanges(const std::vector<ManagedObjectRef>& inserted, const std::vector<ManagedObjectRef>& updated,
+                             std::vector<PushedChange>&& updates, const std::vector<ManagedObjectRef>& deleted);
 
     // The steps of saveToStore.
     SaveChanges changesToSave(const std::vector<ManagedObjectRef>& inserted, const std::vector<ManagedObjectRef>& updated,
@@ -277,9 +280,9 @@ private:
     MergePolicy mergePolicy_ = MergePolicy::Error;
 
     objectgraph::RegisteredObjects registered_;
-    std::unique_ptr<ObjectSet> inserted_;
-    std::unique_ptr<ObjectSet> updated_;
-    std::unique_ptr<ObjectSet> deleted_;
+    objectgraph::ObjectSet inserted_;
+    objectgraph::ObjectSet updated_;
+    objectgraph::ObjectSet deleted_;
     bool saving_ = false;
 };
 

@@ -27,7 +27,9 @@
 #include "Platform/Foundation/URL.h"
 #include "Platform/Foundation/Value.h"
 
+#include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -38,6 +40,7 @@
 
 namespace platform {
 
+class Class;
 class EntityDescription;
 class ManagedObjectModel;
 using ManagedObjectModelRef = std::shared_ptr<const ManagedObjectModel>;
@@ -196,6 +199,11 @@ public:
     // The key-value coding table of the entity's managed objects, made on
     // first use (ManagedObject.cpp).
     const PropertyTable& objectPropertyTable() const;
+    // The registered class its managed objects are made of, or nothing for
+    // the generic one (ManagedObject.cpp). Remembered, as every new object
+    // asks: a class found stays registered for good, and that none was found
+    // holds until the class registry changes.
+    const Class* managedObjectClass() const;
 
 private:
     friend class ManagedObjectModel;
@@ -211,6 +219,10 @@ private:
     const ManagedObjectModel* model_ = nullptr;
     mutable std::once_flag tableOnce_;
     mutable PropertyTable table_;
+    mutable std::atomic<const Class*> class_{nullptr};
+    // One more than the registry's generation when the class was last not
+    // found; 0 before the first look-up.
+    mutable std::atomic<std::uint64_t> classMissedAt_{0};
 };
 
 using EntityDescriptionRef = std::shared_ptr<EntityDescription>;

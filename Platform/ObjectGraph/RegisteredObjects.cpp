@@ -1,5 +1,6 @@
 #include "Platform/ObjectGraph/RegisteredObjects.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace platform::objectgraph {
@@ -151,11 +152,23 @@ void RegisteredObjects::refile()
     }
 }
 
+void RegisteredObjects::reserve(std::size_t count)
+{
+    if (overLoaded(count, slots_.size())) {
+        // The least capacity that holds `count` within the load limit.
+        rehash(std::max(grownCapacity(slots_.size()), (count * 5 + 3) / 4));
+    }
+}
+
 void RegisteredObjects::grow()
+{
+    rehash(grownCapacity(slots_.size()));
+}
+
+void RegisteredObjects::rehash(std::size_t capacity)
 {
     auto old = std::move(slots_);
     const auto oldHashes = std::move(hashes_);
-    const std::size_t capacity = grownCapacity(old.size());
     slots_ = std::vector<ManagedObjectRef>(capacity);
     hashes_ = std::vector<std::uint32_t>(capacity, 0);
     for (std::size_t index = 0; index < old.size(); ++index) {

@@ -33,6 +33,9 @@ public:
     // Registers `object` under its ID, in place of any object registered
     // under an equal ID.
     void insert(ManagedObjectRef object);
+    // Room for `count` objects in all without growing: for a caller about to
+    // register many (a parent taking a child's new objects).
+    void reserve(std::size_t count);
     // Takes out the object registered under `key` and returns it (nothing
     // when there is none).
     ManagedObjectRef erase(const ManagedObjectIDKey& key);
@@ -63,6 +66,7 @@ private:
     // The slot holding `key`, or the empty one where it would go.
     std::size_t slotOf(const ManagedObjectIDKey& key, std::size_t hash) const;
     void grow();
+    void rehash(std::size_t capacity);
 
     std::vector<ManagedObjectRef> slots_;  // none until the first insert
     // Per slot: 0 when empty, else the low 31 bits of the hash and the top bit.

@@ -2,6 +2,8 @@
 
 #include "Platform/Foundation/Exception.h"
 
+#include <atomic>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <shared_mutex>
@@ -37,8 +39,15 @@ public:
         }
         superclassNames_.emplace(cls->name(), superclassName);
         const std::string name = cls->name();
-        return *classes_.emplace(name, std::move(cls)).first->second;
+        const Class& added = *classes_.emplace(name, std::move(cls)).first->second;
+        // Raised after the class is findable, under the lock: whoever reads
+        // the old count before a look-up either finds the class or sees the
+        // count move on.
+        generation_.fetch_add(1, std::memory_order_release);
+        return added;
     }
+
+    std::uint64_t generation() const { return generation_.load(std::memory_order_acquire); }
 
     std::vector<const Class*> all() const
     {
@@ -59,6 +68,7 @@ private:
     }
 
     mutable std::shared_mutex mutex_;  // guards both maps
+    std::atomic<std::uint64_t> generation_{0};
     std::map<std::string, std::unique_ptr<Class>, std::less<>> classes_;
     std::map<std::string, std::string, std::less<>> superclassNames_;
 };
@@ -169,6 +179,11 @@ const Class& registerClass(ClassDescription description)
 const Class* classFromString(std::string_view name)
 {
     return registry().find(name);
+}
+
+std::uint64_t classRegistryGeneration()
+{
+    return registry().generation();
 }
 
 std::vector<const Class*> classList()

@@ -55,6 +55,7 @@
 
 #include <any>
 #include <atomic>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <string>
@@ -153,6 +154,10 @@ private:
 
 // The class registered under `name`, or nothing.
 const Class* classFromString(std::string_view name);
+// Changes whenever a class is registered. A caller that remembers that a name
+// found nothing may keep that answer while this stays the same, if it read
+// this before the look-up (a class found is found for good).
+std::uint64_t classRegistryGeneration();
 // Every registered class, by name.
 std::vector<const Class*> classList();
 

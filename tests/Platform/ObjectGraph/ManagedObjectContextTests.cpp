@@ -96,11 +96,9 @@ TEST_P(SavingAndFetching, RelationshipsOfEveryKindSurviveASave)
     auto department = reader->existingObjectWithID(sales->objectID());
     ASSERT_NE(department, nullptr);
     EXPECT_THAT(names(department->valueForKey("employees")), ElementsAre("Ada", "Bob"));
-    const auto rota = department->valueForKey("rota");
-    ASSERT_NE(rota.orderedSet(), nullptr);
     std::vector<std::string> order;
-    for (const auto& member : *rota.orderedSet()) {
-        order.push_back(*member.objectAs<ManagedObject>()->valueForKey("name").string());
+    for (const auto& member : objectgraphtest::membersOf(department->valueForKey("rota"))) {
+        order.push_back(*member->valueForKey("name").string());
     }
     EXPECT_THAT(order, ElementsAre("Cy", "Ada", "Bob"));
     auto readBob = reader->existingObjectWithID(bob->objectID());
@@ -389,6 +387,61 @@ TEST_P(ParentAndChild, ObtainingPermanentIDsEarlyKeepsThemThroughTheSave)
     save(root);
     auto reader = rootContext();
     EXPECT_EQ(reader->existingObjectWithID(id)->valueForKey("name"), Value("Sales"));
+}
+
+// The parent's copies of a child's new objects are its own objects and point
+// at each other in every kind of relationship, while the child's committed
+// values name them by ID. A fault the parent already held for one of them
+// (under a permanent ID obtained early) is filled, not replaced.
+TEST_P(ParentAndChild, NewObjectsReachTheParentAsItsOwnObjectsRelatedToEachOther)
+{
+    auto root = rootContext();
+    auto child = childOf(root);
+    auto sales = insert(child, "Department", {{"name", "Sales"}});
+    auto ada = insert(child, "Employee", {{"name", "Ada"}});
+    auto bob = insert(child, "Employee", {{"name", "Bob"}});
+    sales->setValueForKey(Value(Set{Value(ada), Value(bob)}), "employees");
+    sales->setValueForKey(Value(Array{Value(bob), Value(ada)}), "rota");
+    bob->setValueForKey(Value(ada), "mentor");
+    ASSERT_TRUE(child->obtainPermanentIDsForObjects({sales}));
+    const auto heldFault = root->objectWithID(sales->objectID());
+    ASSERT_TRUE(heldFault->isFault());
+    save(child);
+    EXPECT_THAT(sales->changedValues().keys(), IsEmpty());
+    EXPECT_THAT(bob->changedValues().keys(), IsEmpty());
+
+    EXPECT_EQ(root->objectRegisteredForID(sales->objectID()), heldFault);
+    EXPECT_FALSE(heldFault->isFault());
+    EXPECT_TRUE(heldFault->isInserted());
+    EXPECT_EQ(heldFault->valueForKey("name"), Value("Sales"));
+    const auto parentsAda = root->objectRegisteredForID(ada->objectID());
+    const auto parentsBob = root->objectRegisteredForID(bob->objectID());
+    ASSERT_NE(parentsAda, nullptr);
+    ASSERT_NE(parentsBob, nullptr);
+    ASSERT_NE(parentsAda, ada);
+    const auto employees = heldFault->valueForKey("employees");
+    ASSERT_NE(employees.set(), nullptr);
+    EXPECT_TRUE(employees.set()->contains(Value(parentsAda)));
+    EXPECT_TRUE(employees.set()->contains(Value(parentsBob)));
+    EXPECT_EQ(employees.set()->size(), 2u);
+    EXPECT_THAT(objectgraphtest::membersOf(heldFault->valueForKey("rota")), ElementsAre(parentsBob, parentsAda));
+    EXPECT_EQ(parentsBob->valueForKey("mentor").objectAs<ManagedObject>(), parentsAda);
+    EXPECT_EQ(parentsAda->valueForKey("department").objectAs<ManagedObject>(), heldFault);
+    // Nothing of the parent's copies is committed until the parent saves.
+    EXPECT_EQ(heldFault->committedValuesForKeys({"name"}).get("name"), Value());
+    EXPECT_EQ(heldFault->committedValuesForKeys({"employees"}).get("employees"), Value(Array{}));
+    EXPECT_TRUE(heldFault->changedValues().contains("name"));
+
+    save(root);
+    EXPECT_EQ(heldFault->committedValuesForKeys({"name"}).get("name"), Value("Sales"));
+    EXPECT_THAT(heldFault->changedValues().keys(), IsEmpty());
+    auto reader = rootContext();
+    auto department = reader->existingObjectWithID(sales->objectID());
+    ASSERT_NE(department, nullptr);
+    EXPECT_THAT(names(department->valueForKey("employees")), ElementsAre("Ada", "Bob"));
+    const auto storedRota = objectgraphtest::membersOf(department->valueForKey("rota"));
+    ASSERT_EQ(storedRota.size(), 2u);
+    EXPECT_EQ(storedRota.front()->valueForKey("name"), Value("Bob"));
 }
 
 TEST_P(DeleteRules, EachRuleDoesItsPartAtDeleteOrAtSave)

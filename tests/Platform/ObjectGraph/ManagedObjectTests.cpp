@@ -20,6 +20,12 @@ public:
     int fetches = 0;
 };
 
+// Registered by a test only after objects of its entity were made.
+class LateMember final : public ManagedObject {
+public:
+    std::string className() const override { return "LateMember"; }
+};
+
 }  // namespace
 
 PLATFORM_CLASS_REGISTRATION(StaffMember) = ClassDescription("StaffMember")
@@ -192,6 +198,35 @@ TEST_F(ManagedObjectTest, EntitiesAreMadeOfTheirRegisteredClassOrTheGenericOne)
     EXPECT_EQ(fetched->fetches, 0);
     EXPECT_EQ(fetched->valueForKey("name"), Value("new hire"));
     EXPECT_EQ(fetched->fetches, 1);
+}
+
+// The entity remembers which class it found, and that it found none; a class
+// registered later still makes every object made after it, faults included.
+TEST_F(ManagedObjectTest, AClassRegisteredAfterItsEntityWasFirstUsedMakesTheLaterObjects)
+{
+    auto visitor = EntityDescription::create("Visitor", {AttributeDescription::create("name", AttributeType::String)},
+                                             {}, "LateMember");
+    const auto model = ManagedObjectModel::create({visitor});
+    ASSERT_NE(model, nullptr);
+    auto coordinator = PersistentStoreCoordinator::create(model);
+    ASSERT_TRUE(coordinator->addPersistentStoreWithType(NSInMemoryStoreType, std::nullopt, std::nullopt, {}));
+    auto context = ManagedObjectContext::create(ManagedObjectContextConcurrencyType::Confinement);
+    context->setPersistentStoreCoordinator(coordinator);
+
+    const auto early = ManagedObject::insertNewObjectForEntityForName("Visitor", *context);
+    EXPECT_EQ(std::dynamic_pointer_cast<LateMember>(early), nullptr);
+    EXPECT_EQ(std::dynamic_pointer_cast<LateMember>(ManagedObject::insertNewObjectForEntityForName("Visitor", *context)),
+              nullptr);
+    ASSERT_TRUE(context->save());
+
+    registerClass(ClassDescription("LateMember").superclass("NSManagedObject").factory([] {
+        return std::make_shared<LateMember>();
+    }));
+    EXPECT_NE(std::dynamic_pointer_cast<LateMember>(ManagedObject::insertNewObjectForEntityForName("Visitor", *context)),
+              nullptr);
+    auto reader = ManagedObjectContext::create(ManagedObjectContextConcurrencyType::Confinement);
+    reader->setPersistentStoreCoordinator(coordinator);
+    EXPECT_NE(std::dynamic_pointer_cast<LateMember>(reader->objectWithID(early->objectID())), nullptr);
 }
 
 }  // namespace

@@ -16,6 +16,7 @@
 #include <memory>
 #include <ostream>
 #include <string>
+#include <vector>
 
 namespace platform {
 // Values print as the platform describes them, in test failures.
@@ -87,6 +88,34 @@ using testsupport::storeTypes;
 inline std::string storeFileName(const std::string& type)
 {
     return type == platform::NSSQLiteStoreType ? "Company.sqlite3" : type == platform::NSXMLStoreType ? "Company.xml" : "";
+}
+
+// Departments in no context, each with a temporary ID of its own: members
+// for the tables a context keeps.
+inline std::vector<platform::ManagedObjectRef> looseObjects(std::size_t count)
+{
+    const platform::EntityDescription& entity = *companyModel()->entityNamed("Department");
+    std::vector<platform::ManagedObjectRef> objects;
+    for (std::size_t index = 0; index < count; ++index) {
+        objects.push_back(platform::ManagedObject::create(entity, nullptr));
+    }
+    return objects;
+}
+
+// The objects of a to-many value (a set, or an ordered set in its order).
+inline std::vector<platform::ManagedObjectRef> membersOf(const platform::Value& collection)
+{
+    std::vector<platform::ManagedObjectRef> members;
+    const auto add = [&](const platform::Value& member) {
+        members.push_back(member.objectAs<platform::ManagedObject>());
+    };
+    if (const auto* set = collection.set()) {
+        std::for_each(set->begin(), set->end(), add);
+    }
+    if (const auto* ordered = collection.orderedSet()) {
+        std::for_each(ordered->begin(), ordered->end(), add);
+    }
+    return members;
 }
 
 // A coordinator with one store of the test's type, in a directory of its own.
@@ -166,21 +195,7 @@ protected:
         std::sort(result.begin(), result.end());
         return result;
     }
-    static std::vector<std::string> names(const platform::Value& collection)
-    {
-        std::vector<platform::ManagedObjectRef> objects;
-        if (const auto* set = collection.set()) {
-            for (const auto& element : *set) {
-                objects.push_back(element.objectAs<platform::ManagedObject>());
-            }
-        }
-        if (const auto* ordered = collection.orderedSet()) {
-            for (const auto& element : *ordered) {
-                objects.push_back(element.objectAs<platform::ManagedObject>());
-            }
-        }
-        return names(objects);
-    }
+    static std::vector<std::string> names(const platform::Value& collection) { return names(membersOf(collection)); }
 
     testsupport::TemporaryDirectory directory_;
     platform::PersistentStoreCoordinatorRef coordinator_;

@@ -12,17 +12,6 @@ using objectgraph::RegisteredObjects;
 
 namespace {
 
-// Objects in no context, each with a temporary ID of its own.
-std::vector<ManagedObjectRef> makeObjects(std::size_t count)
-{
-    const EntityDescription& entity = *objectgraphtest::companyModel()->entityNamed("Department");
-    std::vector<ManagedObjectRef> objects;
-    for (std::size_t index = 0; index < count; ++index) {
-        objects.push_back(ManagedObject::create(entity, nullptr));
-    }
-    return objects;
-}
-
 const ManagedObject* found(const RegisteredObjects& table, const ManagedObjectRef& object)
 {
     const ManagedObjectRef* slot = table.find(object->objectID()->key());
@@ -33,7 +22,7 @@ const ManagedObject* found(const RegisteredObjects& table, const ManagedObjectRe
 // taken slots, which is where removals must move later objects back.
 TEST(RegisteredObjectsTest, EveryObjectIsFoundThroughGrowthAndRemovalsInAnyOrder)
 {
-    auto objects = makeObjects(3000);
+    auto objects = objectgraphtest::looseObjects(3000);
     RegisteredObjects table;
     for (const auto& object : objects) {
         table.insert(object);
@@ -79,7 +68,7 @@ TEST(RegisteredObjectsTest, RunsThatWrapPastTheLastSlotSurviveRemovals)
     constexpr std::uint32_t kRange = 0x80000000U;
     std::vector<ManagedObjectRef> top;
     std::vector<ManagedObjectRef> bottom;
-    for (const auto& object : makeObjects(2000)) {
+    for (const auto& object : objectgraphtest::looseObjects(2000)) {
         const auto bits = static_cast<std::uint32_t>(object->objectID()->key().hash()) & (kRange - 1);
         if (bits >= kRange - kRange / 16 && top.size() < 8) {
             top.push_back(object);
@@ -110,7 +99,7 @@ TEST(RegisteredObjectsTest, RunsThatWrapPastTheLastSlotSurviveRemovals)
 
 TEST(RegisteredObjectsTest, HoldsItsObjectsUntilErasedOrCleared)
 {
-    auto objects = makeObjects(40);
+    auto objects = objectgraphtest::looseObjects(40);
     std::vector<std::weak_ptr<ManagedObject>> watched(objects.begin(), objects.end());
     std::vector<ManagedObjectIDRef> ids;
     RegisteredObjects table;
