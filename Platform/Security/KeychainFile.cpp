@@ -622,6 +622,12 @@ void Statement::bindBlob(int index, const Data& data)
                         SQLITE_TRANSIENT);
 }
 
+void Statement::bindSecret(int index, const Data& secret)
+{
+    sqlite3_bind_blob64(statement_, index, secret.empty() ? "" : static_cast<const void*>(secret.data()), secret.size(),
+                        SQLITE_STATIC);
+}
+
 void Statement::bindNull(int index)
 {
     sqlite3_bind_null(statement_, index);
