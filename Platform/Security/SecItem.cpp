@@ -483,10 +483,20 @@ OSStatus selectRows(const KeychainFile& file, const Query& query, bool withSecre
         sql += ", " + column(*attribute);
     }
     sql += withSecret ? ", secret" : ", NULL";
-    sql += " FROM items WHERE " + whereClause(query) + " ORDER BY id";
-    if (limit) {
-        sql += " LIMIT " + std::to_string(*limit);
+    sql += " FROM items WHERE " + whereClause(query);
+    // Rows come in insertion order. A query that names a server or a service
+    // has few matches, which the index finds: they are put in order here,
+    // which spares SQLite setting up a sorter, a good part of a one-shot
+    // look-up's time. A wider query may match much of the file, where SQLite
+    // can walk the rows in order and stop at the limit.
+    const bool fewMatches = query.attributes.contains(kSecAttrServer) || query.attributes.contains(kSecAttrService);
+    if (!fewMatches) {
+        sql += " ORDER BY id";
+        if (limit) {
+            sql += " LIMIT " + std::to_string(*limit);
+        }
     }
+    const std::size_t firstRow = rows->size();
     Statement select(file.database(), sql);
     bindWhere(select, 1, query);
     int result;
@@ -504,6 +514,13 @@ OSStatus selectRows(const KeychainFile& file, const Query& query, bool withSecre
             row.secret = select.blob(index);
         }
         rows->push_back(std::move(row));
+    }
+    if (fewMatches) {
+        const auto first = rows->begin() + static_cast<std::ptrdiff_t>(firstRow);
+        std::sort(first, rows->end(), [](const Row& left, const Row& right) { return left.id < right.id; });
+        if (limit && rows->end() - first > std::max<std::int64_t>(*limit, 0)) {
+            rows->erase(first + std::max<std::int64_t>(*limit, 0), rows->end());
+        }
     }
     return statusForSQLite(result);
 }
