@@ -14,6 +14,7 @@
 #include <fcntl.h>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <pthread.h>
 #include <set>
 #include <string>
@@ -194,13 +195,35 @@ bool isOwnedByUserOrRoot(const struct stat& information)
     return information.st_uid == ::geteuid() || information.st_uid == 0;
 }
 
+// Why another user could replace a file in `directory`, the keychain's own
+// directory when `ownDirectory`, or nothing when no one else can: it must
+// belong to this user or root and be writable by no one else, unless its
+// sticky bit keeps others from renaming entries they do not own. The
+// keychain's own directory gets no such leave: a sticky bit does not stop
+// others creating the keychain's journal there, which SQLite would then read
+// or write. Group-writable counts as writable by others, as for the file
+// itself.
+std::optional<std::string> directoryFault(const std::string& directory, const struct stat& information,
+                                          bool ownDirectory)
+{
+    if (!isOwnedByUserOrRoot(information)) {
+        return "its directory " + printable(directory) + " belongs to user " + std::to_string(information.st_uid) +
+               ", who could replace it";
+    }
+    const bool sharedWithOthers = (information.st_mode & (S_IWGRP | S_IWOTH)) != 0;
+    if (sharedWithOthers && ownDirectory) {
+        return "other users can add files to its directory " + printable(directory) + " (mode " +
+               modeText(information.st_mode) + ")";
+    }
+    if (sharedWithOthers && (information.st_mode & S_ISVTX) == 0) {
+        return "other users can change its directory " + printable(directory) + " (mode " +
+               modeText(information.st_mode) + ", no sticky bit)";
+    }
+    return std::nullopt;
+}
+
 // Whether another user could replace a file in `directory` or anything
-// above it: every directory up to "/" must belong to this user or root and
-// be writable by no one else, unless its sticky bit keeps others from
-// renaming entries they do not own. The keychain's own directory gets no such
-// leave: a sticky bit does not stop others creating the keychain's journal
-// there, which SQLite would then read or write. Group-writable counts as
-// writable by others, as for the file itself.
+// above it, up to "/" (see directoryFault).
 OSStatus checkDirectories(const std::string& keychainPath, std::string directory)
 {
     for (bool ownDirectory = true;; ownDirectory = false) {
@@ -208,21 +231,59 @@ OSStatus checkDirectories(const std::string& keychainPath, std::string directory
         if (::stat(directory.c_str(), &information) != 0) {
             return statusForErrno(errno);
         }
-        if (!isOwnedByUserOrRoot(information)) {
-            return refuse(keychainPath, "its directory " + printable(directory) + " belongs to user " +
-                                            std::to_string(information.st_uid) + ", who could replace it");
-        }
-        const bool sharedWithOthers = (information.st_mode & (S_IWGRP | S_IWOTH)) != 0;
-        if (sharedWithOthers && ownDirectory) {
-            return refuse(keychainPath, "other users can add files to its directory " + printable(directory) +
-                                            " (mode " + modeText(information.st_mode) + ")");
-        }
-        if (sharedWithOthers && (information.st_mode & S_ISVTX) == 0) {
-            return refuse(keychainPath, "other users can change its directory " + printable(directory) + " (mode " +
-                                            modeText(information.st_mode) + ", no sticky bit)");
+        if (const auto fault = directoryFault(directory, information, ownDirectory)) {
+            return refuse(keychainPath, *fault);
         }
         if (directory == "/") {
             return errSecSuccess;
+        }
+        directory = directoryOf(directory);
+    }
+}
+
+// An absolute path without "." or ".." parts, empty parts or a final "/":
+// one that names its file's real place if none of its parts is a link.
+bool isPlainAbsolutePath(std::string_view path)
+{
+    if (path.size() < 2 || path.front() != '/' || path.back() == '/') {
+        return false;
+    }
+    for (std::size_t start = 1; start <= path.size();) {
+        const std::size_t end = std::min(path.find('/', start), path.size());
+        const auto part = path.substr(start, end - start);
+        if (part.empty() || part == "." || part == "..") {
+            return false;
+        }
+        start = end + 1;
+    }
+    return true;
+}
+
+// Whether `path` is already the real path of the file `file` describes, and
+// every directory above it safe: no part of it is a link (lstat on each
+// entry, from the file up), its last entry is that very file, and no
+// directory has a fault. Costs the lstat calls that the directory check makes
+// anyway, where asking the kernel for the descriptor's name (/proc) is a
+// path walk through procfs of its own. Anything else is left to the full
+// check, which also words any refusal.
+bool isSafeRealPath(const std::string& path, const struct stat& file)
+{
+    if (!isPlainAbsolutePath(path)) {
+        return false;
+    }
+    struct stat information {};
+    if (::lstat(path.c_str(), &information) != 0 || !S_ISREG(information.st_mode) ||
+        information.st_dev != file.st_dev || information.st_ino != file.st_ino) {
+        return false;
+    }
+    std::string directory = directoryOf(path);
+    for (bool ownDirectory = true;; ownDirectory = false) {
+        if (::lstat(directory.c_str(), &information) != 0 || !S_ISDIR(information.st_mode) ||
+            directoryFault(directory, information, ownDirectory)) {
+            return false;
+        }
+        if (directory == "/") {
+            return true;
         }
         directory = directoryOf(directory);
     }
@@ -272,10 +333,12 @@ OSStatus examineFile(const std::string& path, OpenMode mode, FileFacts* facts)
     if (status == errSecSuccess && !S_ISREG(information.st_mode)) {
         status = errSecInvalidKeychain;
     }
+    bool directoriesSafe = false;
     if (status == errSecSuccess) {
         facts->device = information.st_dev;
         facts->inode = information.st_ino;
-        facts->realPath = realPathOf(descriptor, path);
+        directoriesSafe = isSafeRealPath(path, information);
+        facts->realPath = directoriesSafe ? path : realPathOf(descriptor, path);
     }
     ::close(descriptor);
     if (status != errSecSuccess) {
@@ -284,8 +347,10 @@ OSStatus examineFile(const std::string& path, OpenMode mode, FileFacts* facts)
     if (!isOwnedByUserOrRoot(information)) {
         return refuse(path, "it belongs to user " + std::to_string(information.st_uid) + ", not to you");
     }
-    if (status = checkDirectories(path, directoryOf(facts->realPath)); status != errSecSuccess) {
-        return status;
+    if (!directoriesSafe) {
+        if (status = checkDirectories(path, directoryOf(facts->realPath)); status != errSecSuccess) {
+            return status;
+        }
     }
     const bool writableByOthers = (information.st_mode & (S_IWGRP | S_IWOTH)) != 0;
     const bool readableByOthers = (information.st_mode & (S_IRGRP | S_IROTH)) != 0;
@@ -555,6 +620,12 @@ void Statement::bindBlob(int index, const Data& data)
     // A zero-length blob, not NULL, for empty data.
     sqlite3_bind_blob64(statement_, index, data.empty() ? "" : static_cast<const void*>(data.data()), data.size(),
                         SQLITE_TRANSIENT);
+}
+
+void Statement::bindSecret(int index, const Data& secret)
+{
+    sqlite3_bind_blob64(statement_, index, secret.empty() ? "" : static_cast<const void*>(secret.data()), secret.size(),
+                        SQLITE_STATIC);
 }
 
 void Statement::bindNull(int index)

@@ -144,6 +144,10 @@ public:
     void bindInteger(int index, std::int64_t value);
     void bindDouble(int index, double value);
     void bindBlob(int index, const Data& data);
+    // Binds a secret without SQLite taking a copy of its own, which it would
+    // free without wiping: `secret` must stay alive and unchanged until the
+    // statement is done with (its last step or its end), and the caller wipes it.
+    void bindSecret(int index, const Data& secret);
     void bindNull(int index);
 
     int step();  // SQLITE_ROW, SQLITE_DONE or an error

@@ -3,6 +3,7 @@
 #include "Platform/Security/KeychainCrypto.h"
 #include "Platform/Security/KeychainFile.h"
 #include "Platform/Security/SecKeychain.h"
+#include "Platform/Security/Wipe.h"
 
 #include <sqlite3.h>
 
@@ -166,6 +167,19 @@ std::string associatedData(std::string_view className, unsigned classBits, const
 enum class Purpose { Search, Add, Changes };
 
 struct Query {
+    Query() = default;
+    Query(const Query&) = default;
+    Query& operator=(const Query&) = default;
+    Query(Query&&) = default;
+    Query& operator=(Query&&) = default;
+    // The copy of the secret to store.
+    ~Query()
+    {
+        if (data) {
+            security::wipe(*data);
+        }
+    }
+
     std::string className;
     unsigned classBits = 0;
     Dictionary attributes;  // only keys of kAttributes, type-checked
@@ -442,6 +456,19 @@ std::vector<const Attribute*> attributesOfClass(unsigned classBits)
 }
 
 struct Row {
+    Row() = default;
+    Row(Row&&) = default;
+    Row& operator=(Row&&) = default;
+    Row(const Row&) = delete;
+    Row& operator=(const Row&) = delete;
+    // The secret as read is a password in clear in a keychain without one.
+    ~Row()
+    {
+        if (secret) {
+            security::wipe(*secret);
+        }
+    }
+
     std::int64_t id = 0;
     Dictionary attributes;
     std::optional<Data> secret;  // as stored: sealed in a password-protected keychain
@@ -456,10 +483,20 @@ OSStatus selectRows(const KeychainFile& file, const Query& query, bool withSecre
         sql += ", " + column(*attribute);
     }
     sql += withSecret ? ", secret" : ", NULL";
-    sql += " FROM items WHERE " + whereClause(query) + " ORDER BY id";
-    if (limit) {
-        sql += " LIMIT " + std::to_string(*limit);
+    sql += " FROM items WHERE " + whereClause(query);
+    // Rows come in insertion order. A query that names a server or a service
+    // has few matches, which the index finds: they are put in order here,
+    // which spares SQLite setting up a sorter, a good part of a one-shot
+    // look-up's time. A wider query may match much of the file, where SQLite
+    // can walk the rows in order and stop at the limit.
+    const bool fewMatches = query.attributes.contains(kSecAttrServer) || query.attributes.contains(kSecAttrService);
+    if (!fewMatches) {
+        sql += " ORDER BY id";
+        if (limit) {
+            sql += " LIMIT " + std::to_string(*limit);
+        }
     }
+    const std::size_t firstRow = rows->size();
     Statement select(file.database(), sql);
     bindWhere(select, 1, query);
     int result;
@@ -477,6 +514,13 @@ OSStatus selectRows(const KeychainFile& file, const Query& query, bool withSecre
             row.secret = select.blob(index);
         }
         rows->push_back(std::move(row));
+    }
+    if (fewMatches) {
+        const auto first = rows->begin() + static_cast<std::ptrdiff_t>(firstRow);
+        std::sort(first, rows->end(), [](const Row& left, const Row& right) { return left.id < right.id; });
+        if (limit && rows->end() - first > std::max<std::int64_t>(*limit, 0)) {
+            rows->erase(first + std::max<std::int64_t>(*limit, 0), rows->end());
+        }
     }
     return statusForSQLite(result);
 }
@@ -521,7 +565,7 @@ OSStatus shapeResult(const KeychainFile& file, const Query& query, Row& row, Val
     }
     auto reference = [&] { return Value(SecKeychainItem::create(file.path(), file.identity(), row.id)); };
     if (returns == 1) {
-        *result = query.returnData ? Value(secret.value_or(Data()))
+        *result = query.returnData ? Value(std::move(secret).value_or(Data()))
                   : query.returnAttributes ? Value(std::move(row.attributes))
                                            : reference();
         return errSecSuccess;
@@ -601,11 +645,15 @@ OSStatus insertItem(KeychainFile& file, const Query& query, std::int64_t* row)
     insert.bindDouble(index++, now);
     insert.bindDouble(index++, now);
     if (stored) {
-        insert.bindBlob(index, *stored);
+        insert.bindSecret(index, *stored);
     } else {
         insert.bindNull(index);
     }
-    if (const OSStatus status = stepToCompletion(insert); status != errSecSuccess) {
+    const OSStatus status = stepToCompletion(insert);
+    if (stored) {
+        security::wipe(*stored);
+    }
+    if (status != errSecSuccess) {
         return status;
     }
     *row = sqlite3_last_insert_rowid(file.database());
@@ -665,10 +713,14 @@ OSStatus updateRow(KeychainFile& file, const Query& query, const Query& changes,
         bindValue(update, index++, changes.attributes.get(attribute->key), attribute->type);
     }
     if (rewriteSecret) {
-        update.bindBlob(index++, *stored);
+        update.bindSecret(index++, *stored);
     }
     update.bindInteger(index, row.id);
-    return stepToCompletion(update);
+    const OSStatus status = stepToCompletion(update);
+    if (stored) {
+        security::wipe(*stored);
+    }
+    return status;
 }
 
 // How many more items a query may touch after `touched`; nothing for no limit.

@@ -359,6 +359,35 @@ TEST_F(KeychainFileTest, TheDirectoriesCheckedAreWhereTheFileReallyLies)
     EXPECT_EQ(find(linked), errSecSuccess);
 }
 
+// A path whose own directories are all safe may still lead, through a link
+// or "..", into a directory that is not: the one checked is where the file
+// really lies.
+TEST_F(KeychainFileTest, ALinkOrDotDotOnTheWayIsFollowedToTheDirectoriesReallyAbove)
+{
+    const std::string open = sandboxPath("open");
+    const std::string inner = open + "/inner";
+    std::filesystem::create_directories(inner);
+    ASSERT_EQ(::chmod(inner.c_str(), 0700), 0);
+    makeKeychain(inner + "/real.keychain");
+    std::filesystem::create_directory(sandboxPath("safe"));
+    std::filesystem::create_directory_symlink(inner, sandboxPath("safe/hop"));
+    ASSERT_EQ(::chmod(open.c_str(), 0777), 0);
+
+    for (const std::string& path :
+         {sandboxPath("safe/hop/real.keychain"), sandboxPath("safe/hop/../inner/real.keychain"),
+          sandboxPath("safe/hop/./real.keychain"), sandboxPath("safe//hop/real.keychain")}) {
+        SCOPED_TRACE(path);
+        SecKeychainRef keychain;
+        ASSERT_EQ(SecKeychainOpen(path.c_str(), &keychain), errSecSuccess);
+        ASSERT_EQ(::chmod(open.c_str(), 0777), 0);
+        EXPECT_EQ(find(keychain), errSecUnprotectedKeychain);
+        EXPECT_NE(SecKeychainCopyRefusalReason().find("its directory " + open + " "), std::string::npos)
+            << SecKeychainCopyRefusalReason();
+        ASSERT_EQ(::chmod(open.c_str(), 0755), 0);
+        EXPECT_EQ(find(keychain), errSecSuccess);
+    }
+}
+
 TEST_F(KeychainFileTest, AFileOrDirectoryOfAnotherUserIsRefused)
 {
     if (::geteuid() != 0) {

@@ -7,6 +7,7 @@
 
 #include <filesystem>
 #include <string>
+#include <vector>
 
 using namespace platform;
 
@@ -88,6 +89,40 @@ TEST_F(SecItemTest, SearchMatchesEveryGivenAttributeExactly)
     // Absent primary-key attributes are stored as empty, so they can be asked for.
     EXPECT_EQ(countMatching(with(jo, kSecAttrPath, "")), 3u);
     EXPECT_EQ(countMatching(with(jo, kSecAttrPath, "/repo")), 0u);
+}
+
+// Added in an order that is not the order of the keychain's index (by
+// account), so only putting the matches in insertion order gives these.
+TEST_F(SecItemTest, MatchesComeInTheOrderTheyWereAddedWhateverTheQueryNames)
+{
+    for (const auto* account : {"zed", "amy", "mia"}) {
+        ASSERT_EQ(SecItemAdd(internetPassword(account, "host", 0, account), nullptr), errSecSuccess);
+        ASSERT_EQ(SecItemAdd(genericPassword(account, "svc", account), nullptr), errSecSuccess);
+    }
+    const auto accountsOf = [](Dictionary query, Value limit) {
+        query.set(kSecMatchLimit, std::move(limit));
+        query.set(kSecReturnAttributes, true);
+        Value result;
+        std::vector<std::string> accounts;
+        if (SecItemCopyMatching(query, &result) == errSecSuccess && result.array() != nullptr) {
+            for (const auto& item : *result.array()) {
+                accounts.push_back(*item.dictionary()->get(kSecAttrAccount).string());
+            }
+        }
+        return accounts;
+    };
+    const std::vector<std::string> added{"zed", "amy", "mia"};
+    const std::vector<std::string> firstTwo{"zed", "amy"};
+    const Dictionary byServer{{kSecClass, kSecClassInternetPassword}, {kSecAttrServer, "host"}};
+    const Dictionary byService{{kSecClass, kSecClassGenericPassword}, {kSecAttrService, "svc"}};
+    for (const auto& query : {byServer, byService, kAllInternetPasswords}) {
+        EXPECT_EQ(secretOrStatus(query), "zed");
+        EXPECT_EQ(accountsOf(query, kSecMatchLimitAll), added);
+        EXPECT_EQ(accountsOf(query, 2), firstTwo);
+    }
+    // A limited delete takes the first added too.
+    ASSERT_EQ(SecItemDelete(with(byServer, kSecMatchLimit, kSecMatchLimitOne)), errSecSuccess);
+    EXPECT_EQ(secretOrStatus(byServer), "amy");
 }
 
 TEST_F(SecItemTest, ClassesAreSeparateAndAttributesBelongToTheirClass)
