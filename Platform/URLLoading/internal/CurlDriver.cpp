@@ -96,11 +96,6 @@ void CurlDriver::add(const URLConnectionRef& connection)
         return;
     }
     CURL* easy = connection->transfer_->handle();
-    // A connection keeps the socket functions of the handle that opened it.
-    curl_easy_setopt(easy, CURLOPT_OPENSOCKETFUNCTION, &CurlDriver::onOpenSocket);
-    curl_easy_setopt(easy, CURLOPT_OPENSOCKETDATA, this);
-    curl_easy_setopt(easy, CURLOPT_CLOSESOCKETFUNCTION, &CurlDriver::onCloseSocket);
-    curl_easy_setopt(easy, CURLOPT_CLOSESOCKETDATA, this);
     running_.emplace(easy, connection);
     markBusy(true);
     enterCurl();
@@ -412,28 +407,42 @@ void CurlDriver::end(const URLConnectionRef& connection)
 CURL* CurlDriver::takeHandle()
 {
     if (idleHandles_.empty()) {
-        return curl_easy_init();
+        CURL* easy = curl_easy_init();
+        configureSharedOptions(easy);
+        return easy;
     }
     CURL* easy = idleHandles_.back();
     idleHandles_.pop_back();
     return easy;
 }
 
-// Reset at once, not when taken: the handle still points at the ended
-// request's body and header list, which go with it. Connections live in the
-// multi handle's cache and DNS answers in the shared one, so a reset handle
-// loses nothing that a later request could reuse.
-void CurlDriver::recycle(CURL* easy)
+void CurlDriver::configureSharedOptions(CURL* easy)
 {
-    if (easy == nullptr) {
+    Transfer::configureSharedOptions(easy);
+    // A connection keeps the socket functions of the handle that opened it.
+    curl_easy_setopt(easy, CURLOPT_OPENSOCKETFUNCTION, &CurlDriver::onOpenSocket);
+    curl_easy_setopt(easy, CURLOPT_OPENSOCKETDATA, this);
+    curl_easy_setopt(easy, CURLOPT_CLOSESOCKETFUNCTION, &CurlDriver::onCloseSocket);
+    curl_easy_setopt(easy, CURLOPT_CLOSESOCKETDATA, this);
+}
+
+// Cleared at once, not when taken: the handle still points at the ended
+// request's body and header list, which go with it. Connections live in the
+// multi handle's cache and DNS answers in the shared one, so a kept handle
+// holds nothing that a later request could reuse without being asked.
+void CurlDriver::recycle(Transfer::ReleasedHandle released)
+{
+    if (released.easy == nullptr) {
         return;
     }
     if (idleHandles_.size() >= kIdleHandles) {
-        curl_easy_cleanup(easy);
+        curl_easy_cleanup(released.easy);
         return;
     }
-    curl_easy_reset(easy);
-    idleHandles_.push_back(easy);
+    if (released.reset) {
+        configureSharedOptions(released.easy);
+    }
+    idleHandles_.push_back(released.easy);
 }
 
 void CurlDriver::markBusy(bool busy)

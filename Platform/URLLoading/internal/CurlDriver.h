@@ -15,12 +15,14 @@
 // connection's socket stays watched between the transfers that use it (parked,
 // its readiness ignored) instead of leaving the loop's epoll set and coming
 // back for every request. Easy handles of ended
-// transfers are reset and kept for the next ones: making one costs more
-// than the rest of a small request's own work.
+// transfers are kept for the next ones, with the options that all transfers
+// share still set: making one, or setting them all again, costs more than
+// the rest of a small request's own work.
 #pragma once
 
 #include "Platform/Foundation/RunLoop.h"
 #include "Platform/URLLoading/URLConnection.h"
+#include "Platform/URLLoading/internal/Transfer.h"
 
 #include <curl/curl.h>
 
@@ -67,7 +69,8 @@ private:
     void end(const URLConnectionRef& connection);
     void markBusy(bool busy);
     CURL* takeHandle();
-    void recycle(CURL* easy);
+    void configureSharedOptions(CURL* easy);
+    void recycle(Transfer::ReleasedHandle released);
 
     CURLM* multi_;
     RunLoopRef loop_;
