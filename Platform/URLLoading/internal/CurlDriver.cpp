@@ -22,6 +22,9 @@ constexpr int kImmediateTimeoutRounds = 32;
 // once, so a burst does not leave its handles behind for good.
 constexpr std::size_t kIdleHandles = 8;
 
+// Where the driver's timer waits while curl has no deadline: a year ahead.
+constexpr double kUnarmed = 365.0 * 24 * 3600;
+
 unsigned watchedEvents(int what)
 {
     unsigned events = FileDescriptorSource::None;
@@ -57,6 +60,20 @@ CurlDriver::CurlDriver()
     curl_multi_setopt(multi_, CURLMOPT_SOCKETDATA, this);
     curl_multi_setopt(multi_, CURLMOPT_TIMERFUNCTION, &CurlDriver::onTimer);
     curl_multi_setopt(multi_, CURLMOPT_TIMERDATA, this);
+    // One timer for the driver's life, moved to curl's deadlines, instead of
+    // one made and added per request. It repeats so that firing does not end
+    // it; between deadlines it waits a year ahead and keeps no loop running.
+    timer_ = Timer::create(kUnarmed, true, [this](Timer&) {
+        timerArmed_ = false;
+        act(CURL_SOCKET_TIMEOUT, 0);
+        // Inside a challenge the due time-out waits for curl to return (see
+        // `act`); a new deadline now would fire again at once, and again.
+        if (insideCurl_ == 0) {
+            rearmIfCurlStillWaits();
+        }
+    });
+    timer_->setKeepsLoopRunning(false);  // the busy marker does, while transfers run
+    loop_->addTimer(timer_, NSDefaultRunLoopMode);
 }
 
 CurlDriver::~CurlDriver()
@@ -72,9 +89,7 @@ CurlDriver::~CurlDriver()
     for (const auto& [socket, source] : sockets_) {
         source->invalidate();
     }
-    if (timer_) {
-        timer_->invalidate();
-    }
+    timer_->invalidate();
 }
 
 void CurlDriver::add(const URLConnectionRef& connection)
@@ -134,10 +149,7 @@ int CurlDriver::onTimer(CURLM*, long milliseconds, void* driver)
     if (milliseconds == 0) {
         self.timeoutDue_ = true;  // served as soon as curl returns
     } else if (milliseconds < 0) {
-        if (self.timer_) {
-            self.timer_->invalidate();
-            self.timer_.reset();
-        }
+        self.disarmTimer();
     } else {
         self.armTimer(milliseconds);
     }
@@ -228,26 +240,16 @@ void CurlDriver::stopWatchingSocketsOf(CURL* easy)
 
 void CurlDriver::armTimer(long milliseconds)
 {
-    const double seconds = static_cast<double>(milliseconds) / 1000;
-    if (timer_ && timer_->isValid()) {
-        timer_->setFireDate(Date::now().dateByAddingTimeInterval(seconds));
-        return;
+    timerArmed_ = true;
+    timer_->setFireDate(Date::now().dateByAddingTimeInterval(static_cast<double>(milliseconds) / 1000));
+}
+
+void CurlDriver::disarmTimer()
+{
+    if (timerArmed_) {
+        timerArmed_ = false;
+        timer_->setFireDate(Date::now().dateByAddingTimeInterval(kUnarmed));
     }
-    timer_ = Timer::create(seconds, false, [this](Timer& fired) {
-        // A fired timer is invalidated once this block returns, so a new
-        // deadline that curl asks for from inside `act` needs a new timer:
-        // moved onto this one, it would be lost.
-        if (timer_.get() == &fired) {
-            timer_.reset();
-        }
-        act(CURL_SOCKET_TIMEOUT, 0);
-        // Inside a challenge the due time-out waits for curl to return (see
-        // `act`); a new timer now would fire again at once, and again.
-        if (insideCurl_ == 0) {
-            rearmIfCurlStillWaits();
-        }
-    });
-    loop_->addTimer(timer_, NSDefaultRunLoopMode);
 }
 
 // A run-loop timer may fire a little before curl's own deadline; curl then
@@ -256,7 +258,7 @@ void CurlDriver::armTimer(long milliseconds)
 // next socket event, however late that comes.
 void CurlDriver::rearmIfCurlStillWaits()
 {
-    if (timer_ && timer_->isValid()) {
+    if (timerArmed_) {
         return;
     }
     long milliseconds = -1;

@@ -56,6 +56,7 @@ private:
     void park(curl_socket_t socket);
     void stopWatchingSocketsOf(CURL* easy);
     void armTimer(long milliseconds);
+    void disarmTimer();
     void rearmIfCurlStillWaits();
 
     void act(curl_socket_t socket, int events);
@@ -81,6 +82,8 @@ private:
     // The connections' sockets, opened here, open until curl closes them here.
     std::unordered_set<curl_socket_t> connectionSockets_;
     TimerRef timer_;
+    // curl has a deadline for the timer: it is not a year ahead.
+    bool timerArmed_ = false;
     RunLoopSourceRef busyMarker_;
     bool busy_ = false;
     std::unordered_map<CURL*, URLConnectionRef> running_;
