@@ -53,8 +53,7 @@ CurlDriver& CurlDriver::forCurrentThread()
 
 CurlDriver::CurlDriver()
     : multi_((sharedCurlCache(), curl_multi_init())),
-      loop_(RunLoop::currentRunLoop()),
-      busyMarker_(RunLoopSource::create([] {}))
+      loop_(RunLoop::currentRunLoop())
 {
     curl_multi_setopt(multi_, CURLMOPT_SOCKETFUNCTION, &CurlDriver::onSocket);
     curl_multi_setopt(multi_, CURLMOPT_SOCKETDATA, this);
@@ -72,7 +71,9 @@ CurlDriver::CurlDriver()
             rearmIfCurlStillWaits();
         }
     });
-    timer_->setKeepsLoopRunning(false);  // the busy marker does, while transfers run
+    // It keeps the loop running while transfers run (see `markBusy`), and
+    // only then.
+    timer_->setKeepsLoopRunning(false);
     loop_->addTimer(timer_, NSDefaultRunLoopMode);
 }
 
@@ -199,7 +200,7 @@ void CurlDriver::watchSocket(CURL* easy, curl_socket_t socket, int what)
     }
     auto source = FileDescriptorSource::create(socket, watchedEvents(what),
                                                [this](int fd, unsigned ready) { act(fd, curlEvents(ready)); });
-    source->setKeepsLoopRunning(false);  // the busy marker does, while transfers run
+    source->setKeepsLoopRunning(false);  // the driver's timer does, while transfers run
     loop_->addFileDescriptorSource(source, NSDefaultRunLoopMode);
     sockets_.emplace(socket, std::move(source));
 }
@@ -447,17 +448,16 @@ void CurlDriver::recycle(Transfer::ReleasedHandle released)
     idleHandles_.push_back(released.easy);
 }
 
+// The loop must not look empty between curl's sockets and deadlines while
+// transfers run; the driver's timer says so, which costs a flag where a
+// source of its own would be added to the loop and taken out per request.
 void CurlDriver::markBusy(bool busy)
 {
     if (busy == busy_) {
         return;
     }
     busy_ = busy;
-    if (busy) {
-        loop_->addSource(busyMarker_, NSDefaultRunLoopMode);
-    } else {
-        loop_->removeSource(busyMarker_, NSDefaultRunLoopMode);
-    }
+    timer_->setKeepsLoopRunning(busy);
 }
 
 RunLoopRef transportRunLoop()

@@ -8,9 +8,9 @@
 // called (or their operations queued) after curl has returned.
 //
 // One driver per thread, made on first use and used only on that thread.
-// While it has transfers it keeps a source in the loop, so the loop does not
-// look empty between curl's own sockets and timers; curl's sockets themselves
-// never keep the loop running. The driver opens and closes the sockets of
+// While it has transfers its timer keeps the loop running, so the loop does
+// not look empty between curl's own sockets and deadlines; otherwise nothing
+// of the driver does (curl's sockets never). The driver opens and closes the sockets of
 // curl's connections itself, so it knows when one is really gone: a kept-alive
 // connection's socket stays watched between the transfers that use it (parked,
 // its readiness ignored) instead of leaving the loop's epoll set and coming
@@ -84,7 +84,6 @@ private:
     TimerRef timer_;
     // curl has a deadline for the timer: it is not a year ahead.
     bool timerArmed_ = false;
-    RunLoopSourceRef busyMarker_;
     bool busy_ = false;
     std::unordered_map<CURL*, URLConnectionRef> running_;
     bool timeoutDue_ = false;
