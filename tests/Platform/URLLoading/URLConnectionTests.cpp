@@ -521,6 +521,11 @@ TEST_F(URLConnectionTest, NothingIsSaidAfterCancelAndTheLoopFallsEmpty)
     EXPECT_TRUE(connection->isCancelled());
     EXPECT_EQ(recorder.use_count(), 1);  // the connection let its delegate go
 
+    // The cancelled load's easy handle serves the next load whole.
+    const auto next = load(request(server_.url("/echo")));
+    EXPECT_EQ(next->events, (std::vector<std::string>{"response", "data", "finish"}));
+    EXPECT_EQ(seen(*next).method(), "GET");
+
     // Cancelled before it starts, a connection never loads.
     auto unstarted = std::make_shared<Recorder>();
     const auto never = URLConnection::create(request(server_.url("/echo")), unstarted, false);
