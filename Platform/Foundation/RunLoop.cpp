@@ -100,7 +100,10 @@ struct RunLoop::State {
 
     bool hasAnythingLocked(ModeId mode) const
     {
-        return blockPendingLocked(mode) || anyValid(timers, mode) || anyValid(sources, mode)
+        return blockPendingLocked(mode) || anyValid(sources, mode)
+            || std::any_of(timers.begin(), timers.end(), [&](const Scheduled<Timer>& entry) {
+                   return inMode(entry.mode, mode) && entry.item->keepsLoopRunning() && entry.item->isValid();
+               })
             || std::any_of(descriptors.begin(), descriptors.end(), [&](const Scheduled<FileDescriptorSource>& entry) {
                    return inMode(entry.mode, mode) && entry.item->isValid() && entry.item->keepsLoopRunning();
                });
@@ -298,12 +301,17 @@ struct RunLoop::State {
         return !queued.empty();
     }
 
-    // In the order of their fire dates; every timer is asked, due or not.
+    // The due ones in the order of their fire dates; then the others are
+    // asked too, as a block may have moved one of them up. Only the due ones
+    // are sorted: a pass seldom has more than one.
     static bool fireDueTimers(std::vector<TimerRef>& candidates)
     {
-        std::sort(candidates.begin(), candidates.end(),
-                  [](const TimerRef& a, const TimerRef& b) { return a->fireDate() < b->fireDate(); });
         const Date now = Date::now();
+        const auto notDue = std::partition(candidates.begin(), candidates.end(),
+                                           [now](const TimerRef& timer) { return !(timer->fireDate() > now); });
+        if (notDue - candidates.begin() > 1) {
+            std::sort(candidates.begin(), notDue, [](const TimerRef& a, const TimerRef& b) { return a->fireDate() < b->fireDate(); });
+        }
         bool fired = false;
         for (const auto& timer : candidates) {
             fired = timer->fireIfDue(now) || fired;
@@ -484,6 +492,18 @@ void Timer::setTolerance(double seconds)
 {
     std::lock_guard lock(mutex_);
     tolerance_ = std::max(seconds, 0.0);
+}
+
+void Timer::setKeepsLoopRunning(bool keeps)
+{
+    std::shared_ptr<RunLoop> loop;
+    if (keepsLoopRunning_.exchange(keeps) != keeps) {
+        std::lock_guard lock(mutex_);
+        loop = runLoop_.lock();
+    }
+    if (loop) {
+        loop->wakeUp();  // a loop that now holds nothing looks again
+    }
 }
 
 bool Timer::isValid() const

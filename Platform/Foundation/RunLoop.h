@@ -70,6 +70,11 @@ public:
     double timeInterval() const { return interval_; }
     double tolerance() const;
     void setTolerance(double seconds);
+    // True from the start. A timer that does not keep its loop running still
+    // fires, but a loop that holds nothing else returns, as if it were empty:
+    // for a timer kept for good and armed only now and then.
+    bool keepsLoopRunning() const { return keepsLoopRunning_.load(); }
+    void setKeepsLoopRunning(bool keeps);
     bool isValid() const;
     // Stops the timer for good and takes it out of its run loop. A block
     // already running finishes.
@@ -91,6 +96,7 @@ private:
     double tolerance_ = 0;
     bool valid_ = true;
     Block block_;
+    std::atomic<bool> keepsLoopRunning_{true};
     std::weak_ptr<RunLoop> runLoop_;
 };
 

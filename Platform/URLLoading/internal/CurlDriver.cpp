@@ -22,6 +22,9 @@ constexpr int kImmediateTimeoutRounds = 32;
 // once, so a burst does not leave its handles behind for good.
 constexpr std::size_t kIdleHandles = 8;
 
+// Where the driver's timer waits while curl has no deadline: a year ahead.
+constexpr double kUnarmed = 365.0 * 24 * 3600;
+
 unsigned watchedEvents(int what)
 {
     unsigned events = FileDescriptorSource::None;
@@ -50,13 +53,28 @@ CurlDriver& CurlDriver::forCurrentThread()
 
 CurlDriver::CurlDriver()
     : multi_((sharedCurlCache(), curl_multi_init())),
-      loop_(RunLoop::currentRunLoop()),
-      busyMarker_(RunLoopSource::create([] {}))
+      loop_(RunLoop::currentRunLoop())
 {
     curl_multi_setopt(multi_, CURLMOPT_SOCKETFUNCTION, &CurlDriver::onSocket);
     curl_multi_setopt(multi_, CURLMOPT_SOCKETDATA, this);
     curl_multi_setopt(multi_, CURLMOPT_TIMERFUNCTION, &CurlDriver::onTimer);
     curl_multi_setopt(multi_, CURLMOPT_TIMERDATA, this);
+    // One timer for the driver's life, moved to curl's deadlines, instead of
+    // one made and added per request. It repeats so that firing does not end
+    // it; between deadlines it waits a year ahead and keeps no loop running.
+    timer_ = Timer::create(kUnarmed, true, [this](Timer&) {
+        timerArmed_ = false;
+        act(CURL_SOCKET_TIMEOUT, 0);
+        // Inside a challenge the due time-out waits for curl to return (see
+        // `act`); a new deadline now would fire again at once, and again.
+        if (insideCurl_ == 0) {
+            rearmIfCurlStillWaits();
+        }
+    });
+    // It keeps the loop running while transfers run (see `markBusy`), and
+    // only then.
+    timer_->setKeepsLoopRunning(false);
+    loop_->addTimer(timer_, NSDefaultRunLoopMode);
 }
 
 CurlDriver::~CurlDriver()
@@ -72,9 +90,7 @@ CurlDriver::~CurlDriver()
     for (const auto& [socket, source] : sockets_) {
         source->invalidate();
     }
-    if (timer_) {
-        timer_->invalidate();
-    }
+    timer_->invalidate();
 }
 
 void CurlDriver::add(const URLConnectionRef& connection)
@@ -96,11 +112,6 @@ void CurlDriver::add(const URLConnectionRef& connection)
         return;
     }
     CURL* easy = connection->transfer_->handle();
-    // A connection keeps the socket functions of the handle that opened it.
-    curl_easy_setopt(easy, CURLOPT_OPENSOCKETFUNCTION, &CurlDriver::onOpenSocket);
-    curl_easy_setopt(easy, CURLOPT_OPENSOCKETDATA, this);
-    curl_easy_setopt(easy, CURLOPT_CLOSESOCKETFUNCTION, &CurlDriver::onCloseSocket);
-    curl_easy_setopt(easy, CURLOPT_CLOSESOCKETDATA, this);
     running_.emplace(easy, connection);
     markBusy(true);
     enterCurl();
@@ -139,10 +150,7 @@ int CurlDriver::onTimer(CURLM*, long milliseconds, void* driver)
     if (milliseconds == 0) {
         self.timeoutDue_ = true;  // served as soon as curl returns
     } else if (milliseconds < 0) {
-        if (self.timer_) {
-            self.timer_->invalidate();
-            self.timer_.reset();
-        }
+        self.disarmTimer();
     } else {
         self.armTimer(milliseconds);
     }
@@ -192,7 +200,7 @@ void CurlDriver::watchSocket(CURL* easy, curl_socket_t socket, int what)
     }
     auto source = FileDescriptorSource::create(socket, watchedEvents(what),
                                                [this](int fd, unsigned ready) { act(fd, curlEvents(ready)); });
-    source->setKeepsLoopRunning(false);  // the busy marker does, while transfers run
+    source->setKeepsLoopRunning(false);  // the driver's timer does, while transfers run
     loop_->addFileDescriptorSource(source, NSDefaultRunLoopMode);
     sockets_.emplace(socket, std::move(source));
 }
@@ -233,26 +241,16 @@ void CurlDriver::stopWatchingSocketsOf(CURL* easy)
 
 void CurlDriver::armTimer(long milliseconds)
 {
-    const double seconds = static_cast<double>(milliseconds) / 1000;
-    if (timer_ && timer_->isValid()) {
-        timer_->setFireDate(Date::now().dateByAddingTimeInterval(seconds));
-        return;
+    timerArmed_ = true;
+    timer_->setFireDate(Date::now().dateByAddingTimeInterval(static_cast<double>(milliseconds) / 1000));
+}
+
+void CurlDriver::disarmTimer()
+{
+    if (timerArmed_) {
+        timerArmed_ = false;
+        timer_->setFireDate(Date::now().dateByAddingTimeInterval(kUnarmed));
     }
-    timer_ = Timer::create(seconds, false, [this](Timer& fired) {
-        // A fired timer is invalidated once this block returns, so a new
-        // deadline that curl asks for from inside `act` needs a new timer:
-        // moved onto this one, it would be lost.
-        if (timer_.get() == &fired) {
-            timer_.reset();
-        }
-        act(CURL_SOCKET_TIMEOUT, 0);
-        // Inside a challenge the due time-out waits for curl to return (see
-        // `act`); a new timer now would fire again at once, and again.
-        if (insideCurl_ == 0) {
-            rearmIfCurlStillWaits();
-        }
-    });
-    loop_->addTimer(timer_, NSDefaultRunLoopMode);
 }
 
 // A run-loop timer may fire a little before curl's own deadline; curl then
@@ -261,7 +259,7 @@ void CurlDriver::armTimer(long milliseconds)
 // next socket event, however late that comes.
 void CurlDriver::rearmIfCurlStillWaits()
 {
-    if (timer_ && timer_->isValid()) {
+    if (timerArmed_) {
         return;
     }
     long milliseconds = -1;
@@ -412,41 +410,54 @@ void CurlDriver::end(const URLConnectionRef& connection)
 CURL* CurlDriver::takeHandle()
 {
     if (idleHandles_.empty()) {
-        return curl_easy_init();
+        CURL* easy = curl_easy_init();
+        configureSharedOptions(easy);
+        return easy;
     }
     CURL* easy = idleHandles_.back();
     idleHandles_.pop_back();
     return easy;
 }
 
-// Reset at once, not when taken: the handle still points at the ended
-// request's body and header list, which go with it. Connections live in the
-// multi handle's cache and DNS answers in the shared one, so a reset handle
-// loses nothing that a later request could reuse.
-void CurlDriver::recycle(CURL* easy)
+void CurlDriver::configureSharedOptions(CURL* easy)
 {
-    if (easy == nullptr) {
+    Transfer::configureSharedOptions(easy);
+    // A connection keeps the socket functions of the handle that opened it.
+    curl_easy_setopt(easy, CURLOPT_OPENSOCKETFUNCTION, &CurlDriver::onOpenSocket);
+    curl_easy_setopt(easy, CURLOPT_OPENSOCKETDATA, this);
+    curl_easy_setopt(easy, CURLOPT_CLOSESOCKETFUNCTION, &CurlDriver::onCloseSocket);
+    curl_easy_setopt(easy, CURLOPT_CLOSESOCKETDATA, this);
+}
+
+// Cleared at once, not when taken: the handle still points at the ended
+// request's body and header list, which go with it. Connections live in the
+// multi handle's cache and DNS answers in the shared one, so a kept handle
+// holds nothing that a later request could reuse without being asked.
+void CurlDriver::recycle(Transfer::ReleasedHandle released)
+{
+    if (released.easy == nullptr) {
         return;
     }
     if (idleHandles_.size() >= kIdleHandles) {
-        curl_easy_cleanup(easy);
+        curl_easy_cleanup(released.easy);
         return;
     }
-    curl_easy_reset(easy);
-    idleHandles_.push_back(easy);
+    if (released.reset) {
+        configureSharedOptions(released.easy);
+    }
+    idleHandles_.push_back(released.easy);
 }
 
+// The loop must not look empty between curl's sockets and deadlines while
+// transfers run; the driver's timer says so, which costs a flag where a
+// source of its own would be added to the loop and taken out per request.
 void CurlDriver::markBusy(bool busy)
 {
     if (busy == busy_) {
         return;
     }
     busy_ = busy;
-    if (busy) {
-        loop_->addSource(busyMarker_, NSDefaultRunLoopMode);
-    } else {
-        loop_->removeSource(busyMarker_, NSDefaultRunLoopMode);
-    }
+    timer_->setKeepsLoopRunning(busy);
 }
 
 RunLoopRef transportRunLoop()

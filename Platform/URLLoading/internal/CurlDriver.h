@@ -8,19 +8,21 @@
 // called (or their operations queued) after curl has returned.
 //
 // One driver per thread, made on first use and used only on that thread.
-// While it has transfers it keeps a source in the loop, so the loop does not
-// look empty between curl's own sockets and timers; curl's sockets themselves
-// never keep the loop running. The driver opens and closes the sockets of
+// While it has transfers its timer keeps the loop running, so the loop does
+// not look empty between curl's own sockets and deadlines; otherwise nothing
+// of the driver does (curl's sockets never). The driver opens and closes the sockets of
 // curl's connections itself, so it knows when one is really gone: a kept-alive
 // connection's socket stays watched between the transfers that use it (parked,
 // its readiness ignored) instead of leaving the loop's epoll set and coming
 // back for every request. Easy handles of ended
-// transfers are reset and kept for the next ones: making one costs more
-// than the rest of a small request's own work.
+// transfers are kept for the next ones, with the options that all transfers
+// share still set: making one, or setting them all again, costs more than
+// the rest of a small request's own work.
 #pragma once
 
 #include "Platform/Foundation/RunLoop.h"
 #include "Platform/URLLoading/URLConnection.h"
+#include "Platform/URLLoading/internal/Transfer.h"
 
 #include <curl/curl.h>
 
@@ -54,6 +56,7 @@ private:
     void park(curl_socket_t socket);
     void stopWatchingSocketsOf(CURL* easy);
     void armTimer(long milliseconds);
+    void disarmTimer();
     void rearmIfCurlStillWaits();
 
     void act(curl_socket_t socket, int events);
@@ -67,7 +70,8 @@ private:
     void end(const URLConnectionRef& connection);
     void markBusy(bool busy);
     CURL* takeHandle();
-    void recycle(CURL* easy);
+    void configureSharedOptions(CURL* easy);
+    void recycle(Transfer::ReleasedHandle released);
 
     CURLM* multi_;
     RunLoopRef loop_;
@@ -78,7 +82,8 @@ private:
     // The connections' sockets, opened here, open until curl closes them here.
     std::unordered_set<curl_socket_t> connectionSockets_;
     TimerRef timer_;
-    RunLoopSourceRef busyMarker_;
+    // curl has a deadline for the timer: it is not a year ahead.
+    bool timerArmed_ = false;
     bool busy_ = false;
     std::unordered_map<CURL*, URLConnectionRef> running_;
     bool timeoutDue_ = false;

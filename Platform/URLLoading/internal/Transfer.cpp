@@ -150,6 +150,23 @@ Transfer::~Transfer()
     curl_slist_free_all(headerList_);
 }
 
+// Set once per handle: libcurl copies strings and re-checks settings for
+// every option it is given, which cost a small request more than its own
+// work when a handle was reset and set up anew for each.
+void Transfer::configureSharedOptions(CURL* easy)
+{
+    curl_easy_setopt(easy, CURLOPT_SHARE, sharedCurlCache());
+    curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
+    // Redirects are followed here rather than by libcurl, which would send
+    // every field the caller set but "Authorization" and "Cookie" to any host.
+    curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 0L);
+    curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, "");  // every encoding libcurl decodes
+    curl_easy_setopt(easy, CURLOPT_LOW_SPEED_LIMIT, 1L);
+    curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, &Transfer::onHeaderLine);
+    curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &Transfer::onBody);
+}
+
 void Transfer::configure(const URLRequest& request)
 {
     if (!isToken(request.httpMethod())) {
@@ -163,25 +180,14 @@ void Transfer::configure(const URLRequest& request)
     }
     curl_easy_setopt(easy_, CURLOPT_URL, request.url().absoluteString().c_str());
     curl_easy_setopt(easy_, CURLOPT_PRIVATE, this);
-    curl_easy_setopt(easy_, CURLOPT_SHARE, sharedCurlCache());
-    curl_easy_setopt(easy_, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(easy_, CURLOPT_PROTOCOLS_STR, "http,https");
-    // Redirects are followed here rather than by libcurl, which would send
-    // every field the caller set but "Authorization" and "Cookie" to any host.
-    curl_easy_setopt(easy_, CURLOPT_FOLLOWLOCATION, 0L);
-    curl_easy_setopt(easy_, CURLOPT_ACCEPT_ENCODING, "");  // every encoding libcurl decodes
+    curl_easy_setopt(easy_, CURLOPT_HEADERDATA, this);
+    curl_easy_setopt(easy_, CURLOPT_WRITEDATA, this);
 
     // An inactivity time-out: connecting may take that long, and so may any
     // stretch without a byte (libcurl counts that in whole seconds).
     const double timeout = request.timeoutInterval() > 0 ? request.timeoutInterval() : URLRequest::DefaultTimeoutInterval;
     curl_easy_setopt(easy_, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(std::ceil(timeout * 1000)));
-    curl_easy_setopt(easy_, CURLOPT_LOW_SPEED_LIMIT, 1L);
     curl_easy_setopt(easy_, CURLOPT_LOW_SPEED_TIME, std::max(1L, static_cast<long>(std::ceil(timeout))));
-
-    curl_easy_setopt(easy_, CURLOPT_HEADERFUNCTION, &Transfer::onHeaderLine);
-    curl_easy_setopt(easy_, CURLOPT_HEADERDATA, this);
-    curl_easy_setopt(easy_, CURLOPT_WRITEFUNCTION, &Transfer::onBody);
-    curl_easy_setopt(easy_, CURLOPT_WRITEDATA, this);
 
     configureMethodAndBody(request);
     configureHeaderFields(request, true, true);
@@ -190,11 +196,38 @@ void Transfer::configure(const URLRequest& request)
     }
 }
 
+// The handle keeps the shared options and its connection cache entry; what
+// this transfer set goes, so that nothing of it (a body, a method, its
+// fields, pointers into it) reaches the next. The options of a trust
+// challenge are many and unusual; a reset is the sure way to undo them all.
+Transfer::ReleasedHandle Transfer::releaseHandle()
+{
+    CURL* easy = std::exchange(easy_, nullptr);
+    if (easy == nullptr) {
+        return {nullptr, false};
+    }
+    if (trustChallenged_) {
+        curl_easy_reset(easy);
+        return {easy, true};
+    }
+    // POSTFIELDS turns the method into POST again, so the GET comes after it.
+    curl_easy_setopt(easy, CURLOPT_POSTFIELDS, nullptr);
+    curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(-1));
+    curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, nullptr);
+    curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);  // clears NOBODY as well
+    curl_easy_setopt(easy, CURLOPT_HTTPHEADER, nullptr);
+    curl_easy_setopt(easy, CURLOPT_PRIVATE, nullptr);
+    curl_easy_setopt(easy, CURLOPT_HEADERDATA, nullptr);
+    curl_easy_setopt(easy, CURLOPT_WRITEDATA, nullptr);
+    return {easy, false};
+}
+
 // The delegate decides about every server this load reaches, so the load
 // neither takes nor leaves a connection or TLS session that another load
 // could use without being asked: a resumed session skips the certificate.
 void Transfer::configureServerTrustChallenge()
 {
+    trustChallenged_ = true;
     curl_easy_setopt(easy_, CURLOPT_SSL_CTX_FUNCTION, &Transfer::onTLSContext);
     curl_easy_setopt(easy_, CURLOPT_SSL_CTX_DATA, this);
     curl_easy_setopt(easy_, CURLOPT_SSL_VERIFYHOST, 0L);  // the trust evaluation checks the host

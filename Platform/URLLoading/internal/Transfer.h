@@ -25,8 +25,13 @@ namespace platform::urlloading_internal {
 
 class Transfer {
 public:
-    // Configures `easy`, a fresh or reset handle that the transfer owns from
-    // now on; its private pointer is this transfer.
+    // Sets on a new (or wholly reset) handle the options that every transfer
+    // sets alike, so that a transfer sets only its own.
+    static void configureSharedOptions(CURL* easy);
+
+    // Configures `easy`, a handle with the shared options and none of another
+    // transfer's, which the transfer owns from now on; its private pointer is
+    // this transfer.
     Transfer(URLConnection& connection, CURL* easy);
     ~Transfer();
     Transfer(const Transfer&) = delete;
@@ -34,8 +39,14 @@ public:
 
     CURL* handle() const { return easy_; }
     // Gives the handle up, out of curl's multi handle, for another transfer to
-    // reuse; the transfer is over then.
-    CURL* releaseHandle() { return std::exchange(easy_, nullptr); }
+    // reuse; the transfer is over then. What the transfer set for itself is
+    // cleared; a handle that it set up for a trust challenge is reset whole
+    // (`reset`), and needs the shared options again.
+    struct ReleasedHandle {
+        CURL* easy;
+        bool reset;
+    };
+    ReleasedHandle releaseHandle();
     bool hasPendingEvents() const { return !pending_.empty(); }
     // The recorded events, oldest first, for the driver to deliver.
     std::vector<URLConnection::Event> takePendingEvents() { return std::exchange(pending_, {}); }
@@ -97,6 +108,7 @@ private:
     std::string method_;
     bool bodyDropped_ = false;
     bool trustCancelled_ = false;
+    bool trustChallenged_ = false;
     std::optional<URLErrorCode> refusal_;
 };
 

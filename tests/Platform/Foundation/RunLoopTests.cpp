@@ -219,6 +219,50 @@ TEST(RunLoop, ARepeatingTimerFiresUntilInvalidated)
     });
 }
 
+// Timers due in one pass fire by their dates, not by when they were added;
+// one that does not keep the loop running fires only while something else
+// does, and a repeating one keeps a date its own block gives it.
+TEST(RunLoop, DueTimersFireByDateAndATimerThatKeepsNothingRunningFiresOnlyBesideOthers)
+{
+    onFreshThread([] {
+        const auto loop = RunLoop::currentRunLoop();
+        std::vector<int> order;
+        std::vector<TimerRef> timers;
+        const Date base = Date::now();
+        for (int index = 0; index < 4; ++index) {
+            timers.push_back(Timer::scheduledTimer(3600, false, [&order, index](Timer&) { order.push_back(index); }));
+        }
+        // Dates in the opposite order of adding, all past by the next pass.
+        for (int index = 0; index < 4; ++index) {
+            timers[static_cast<std::size_t>(index)]->setFireDate(base.dateByAddingTimeInterval(-0.001 * index));
+        }
+        EXPECT_TRUE(loop->runModeBeforeDate(NSDefaultRunLoopMode, secondsFromNow(5)));
+        EXPECT_EQ(order, (std::vector<int>{3, 2, 1, 0}));
+
+        int fired = 0;
+        const auto idle = Timer::create(3600, true, [&](Timer& self) {
+            if (++fired == 1) {
+                self.setFireDate(Date::now());  // again at once, not an hour on
+            }
+        });
+        idle->setKeepsLoopRunning(false);
+        loop->addTimer(idle, NSDefaultRunLoopMode);
+        idle->setFireDate(Date::now());
+        EXPECT_FALSE(loop->runModeBeforeDate(NSDefaultRunLoopMode, secondsFromNow(5))) << "alone, it keeps nothing running";
+        EXPECT_EQ(fired, 0);
+
+        const auto keeper = RunLoopSource::create([] {});
+        loop->addSource(keeper, NSDefaultRunLoopMode);
+        while (fired < 2 && loop->runModeBeforeDate(NSDefaultRunLoopMode, secondsFromNow(5))) {
+        }
+        EXPECT_EQ(fired, 2);
+        EXPECT_TRUE(idle->isValid());
+        EXPECT_GT(idle->fireDate().timeIntervalSinceDate(Date::now()), 3000.0);
+        loop->removeSource(keeper, NSDefaultRunLoopMode);
+        idle->invalidate();
+    });
+}
+
 TEST(RunLoop, MovingATimerEarlierFromAnotherThreadWakesTheLoop)
 {
     onFreshThread([] {

@@ -6,6 +6,7 @@
 
 #include "Platform/Foundation/OperationQueue.h"
 #include "Platform/Foundation/RunLoop.h"
+#include "tests/Support/EchoServer.h"
 #include "tests/Support/HTTPTestServer.h"
 #include "tests/Support/RunProgram.h"
 
@@ -185,6 +186,35 @@ TEST_F(ServerTrustTest, ACookieRecordedForOneServerAdmitsThatServerAndNoOther)
     const auto renamed = loadWith(url(*first_, "localhost"), TrustDecider::Policy::Evaluate, false, trusted->cookie);
     ASSERT_TRUE(renamed->error);
     EXPECT_EQ(renamed->host, "localhost");
+}
+
+// The next load on the thread takes the easy handle of a challenged one: it
+// must come with the system's check again, and no connection of the
+// challenged load.
+TEST_F(ServerTrustTest, AChallengedLoadLeavesNothingToTheNextOnItsThread)
+{
+    const auto trusted = loadWith(url(*first_), TrustDecider::Policy::Evaluate, true, std::nullopt);
+    EXPECT_TRUE(trusted->finished);
+
+    struct Plain final : URLConnectionDelegate {
+        void connectionDidFinishLoading(const URLConnectionRef&) override { finished = true; }
+        void connectionDidFailWithError(const URLConnectionRef&, const ErrorRef& failure) override { error = failure; }
+        bool ended() const { return finished || error; }
+        bool finished = false;
+        ErrorRef error;
+    };
+    const auto unasked = std::make_shared<Plain>();
+    load(url(*first_), unasked, [&] { return unasked->ended(); });
+    ASSERT_TRUE(unasked->error);
+    EXPECT_EQ(unasked->error->code(), NSURLErrorServerCertificateUntrusted);
+
+    // Plain http on the same handle afterwards.
+    testsupport::clearProxyVariables();
+    const testsupport::LocalServer clear{testsupport::echoServerCommand()};
+    const auto plain = std::make_shared<Plain>();
+    load("http://127.0.0.1:" + std::to_string(clear.port()) + "/echo", plain, [&] { return plain->ended(); });
+    EXPECT_TRUE(plain->finished);
+    EXPECT_FALSE(plain->error);
 }
 
 // What was asked over https never follows a redirect into the clear.
