@@ -1,6 +1,7 @@
 #include "tests/Support/LocalServer.h"
 
 #include <csignal>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <spawn.h>
@@ -30,7 +31,8 @@ std::string readFirstLine(int fd)
 LocalServer::LocalServer(const std::vector<std::string>& command)
 {
     int output[2];
-    if (pipe(output) != 0) {
+    int input[2];
+    if (pipe2(output, O_CLOEXEC) != 0 || pipe2(input, O_CLOEXEC) != 0) {
         throw std::runtime_error("pipe failed");
     }
     std::vector<char*> argv;
@@ -41,11 +43,14 @@ LocalServer::LocalServer(const std::vector<std::string>& command)
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, output[1], STDOUT_FILENO);
-    posix_spawn_file_actions_addclose(&actions, output[0]);
+    posix_spawn_file_actions_adddup2(&actions, input[0], STDIN_FILENO);
     const int failure = posix_spawnp(&child_, argv[0], &actions, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
     close(output[1]);
+    close(input[0]);
+    lifeline_ = input[1];
     if (failure != 0) {
+        close(lifeline_);
         close(output[0]);
         throw std::runtime_error("cannot start " + command.front());
     }
@@ -55,6 +60,7 @@ LocalServer::LocalServer(const std::vector<std::string>& command)
     if (port_ <= 0) {
         kill(child_, SIGKILL);
         waitpid(child_, nullptr, 0);
+        close(lifeline_);
         throw std::runtime_error("the server named no port: " + command.back());
     }
 }
@@ -64,6 +70,7 @@ LocalServer::~LocalServer()
     kill(child_, SIGTERM);
     int status = 0;
     waitpid(child_, &status, 0);
+    close(lifeline_);
 }
 
 std::string LocalServer::url(const std::string& path) const

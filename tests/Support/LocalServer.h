@@ -1,5 +1,9 @@
 // Runs a test server as a child process for as long as the object lives: the
-// server prints the port it listens on as its first line of output.
+// server prints the port it listens on as its first line of output. Its
+// standard input is a pipe that only this object writes to: a server should
+// end when it reads end of input there, which also happens when the test
+// process dies without running its destructors (an abort, a sanitizer
+// report), so that no server outlives its test holding the test's output.
 //
 //   testsupport::LocalServer server({"python3", "tests/.../server.py"});
 //   const auto url = "http://127.0.0.1:" + std::to_string(server.port()) + "/echo";
@@ -27,6 +31,7 @@ public:
 private:
     pid_t child_ = -1;
     int port_ = 0;
+    int lifeline_ = -1;  // the write end of the server's standard input
 };
 
 // A TCP socket bound to a port of 127.0.0.1 that nobody else has; writes the

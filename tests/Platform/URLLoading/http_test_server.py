@@ -3,11 +3,12 @@
 
 Given a certificate and a key file as arguments, it speaks https instead.
 Prints its port on the first line of standard output, then serves until it is
-terminated. /echo answers with what it received, so a test sees what went over
+terminated or its standard input ends (the test that started it is gone). /echo answers with what it received, so a test sees what went over
 the wire; the other paths each misbehave in one way.
 """
 import base64
 import gzip
+import os
 import json
 import ssl
 import sys
@@ -148,6 +149,11 @@ class Server(ThreadingHTTPServer):
     allow_reuse_address = True
 
 
+def end_with_standard_input():
+    sys.stdin.buffer.read()
+    os._exit(0)
+
+
 def main():
     server = Server(("127.0.0.1", 0), Handler)
     if len(sys.argv) == 3:
@@ -156,6 +162,7 @@ def main():
         context.load_cert_chain(sys.argv[1], sys.argv[2])
         server.socket = context.wrap_socket(server.socket, server_side=True)
     print(server.server_address[1], flush=True)
+    threading.Thread(target=end_with_standard_input, daemon=True).start()
     server.serve_forever()
 
 
