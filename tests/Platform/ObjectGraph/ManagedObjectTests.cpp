@@ -200,6 +200,33 @@ TEST_F(ManagedObjectTest, EntitiesAreMadeOfTheirRegisteredClassOrTheGenericOne)
     EXPECT_EQ(fetched->fetches, 1);
 }
 
+// Merges and the store's observer read the objects in change sets through
+// inValue, which answers the object itself whatever its class, and nothing
+// for any other value.
+TEST_F(ManagedObjectTest, AValueGivesBackTheManagedObjectItHoldsWhateverItsClass)
+{
+    auto person = EntityDescription::create("Person", {AttributeDescription::create("name", AttributeType::String)}, {},
+                                            "StaffMember");
+    auto note = EntityDescription::create("Note", {AttributeDescription::create("name", AttributeType::String)}, {});
+    const auto model = ManagedObjectModel::create({person, note});
+    ASSERT_NE(model, nullptr);
+    auto coordinator = PersistentStoreCoordinator::create(model);
+    ASSERT_TRUE(coordinator->addPersistentStoreWithType(NSInMemoryStoreType, std::nullopt, std::nullopt, {}));
+    auto context = ManagedObjectContext::create(ManagedObjectContextConcurrencyType::Confinement);
+    context->setPersistentStoreCoordinator(coordinator);
+
+    const auto staff = ManagedObject::insertNewObjectForEntityForName("Person", *context);
+    const auto plain = ManagedObject::insertNewObjectForEntityForName("Note", *context);
+    ASSERT_NE(std::dynamic_pointer_cast<StaffMember>(staff), nullptr);
+    EXPECT_EQ(ManagedObject::inValue(Value(staff)), staff.get());
+    EXPECT_EQ(ManagedObject::inValue(Value(plain)), plain.get());
+    EXPECT_EQ(ManagedObject::inValue(Value(ObjectRef(plain))), plain.get());
+
+    EXPECT_EQ(ManagedObject::inValue(Value(plain->objectID())), nullptr);
+    EXPECT_EQ(ManagedObject::inValue(Value("Note")), nullptr);
+    EXPECT_EQ(ManagedObject::inValue(Value()), nullptr);
+}
+
 // The entity remembers which class it found, and that it found none; a class
 // registered later still makes every object made after it, faults included.
 TEST_F(ManagedObjectTest, AClassRegisteredAfterItsEntityWasFirstUsedMakesTheLaterObjects)
