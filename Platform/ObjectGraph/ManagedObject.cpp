@@ -578,11 +578,11 @@ Value asIDs(const Value& value)
         Array ids;
         ids.reserve(array->size());
         for (const auto& element : *array) {
-            ids.push_back(Value(element.objectAs<ManagedObject>()->objectID()));
+            ids.push_back(Value(ManagedObject::inValue(element)->objectID()));
         }
         return Value(std::move(ids));
     }
-    if (auto object = value.objectAs<ManagedObject>()) {
+    if (const auto* object = ManagedObject::inValue(value)) {
         return Value(object->objectID());
     }
     return value;

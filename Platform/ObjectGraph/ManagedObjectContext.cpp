@@ -914,7 +914,7 @@ Value ManagedObjectContext::relationshipValueFromChild(const RelationshipDescrip
     const auto mine = [&](const Value& target) {
         // Only the ID of the child's object is read: it names this context's
         // copy.
-        const auto object = target.objectAs<ManagedObject>();
+        const auto* object = ManagedObject::inValue(target);
         return object ? Value(objectWithID(object->objectID())) : Value();
     };
     if (!relationship.isToMany()) {
