@@ -188,7 +188,16 @@ TEST_F(ManagedObjectTest, EntitiesAreMadeOfTheirRegisteredClassOrTheGenericOne)
     auto staff = ManagedObject::insertNewObjectForEntityForName("Person", *context);
     ASSERT_NE(std::dynamic_pointer_cast<StaffMember>(staff), nullptr);
     EXPECT_EQ(staff->valueForKey("name"), Value("new hire"));  // set by awakeFromInsert
-    EXPECT_EQ(ManagedObject::insertNewObjectForEntityForName("Note", *context)->className(), "NSManagedObject");
+    const auto plain = ManagedObject::insertNewObjectForEntityForName("Note", *context);
+    EXPECT_EQ(plain->className(), "NSManagedObject");
+
+    // Merges and the store's observer read change sets through inValue: the
+    // object itself whatever its class, nothing for any other value.
+    EXPECT_EQ(ManagedObject::inValue(Value(staff)), staff.get());
+    EXPECT_EQ(ManagedObject::inValue(Value(ObjectRef(plain))), plain.get());
+    EXPECT_EQ(ManagedObject::inValue(Value(plain->objectID())), nullptr);
+    EXPECT_EQ(ManagedObject::inValue(Value("Note")), nullptr);
+    EXPECT_EQ(ManagedObject::inValue(Value()), nullptr);
     ASSERT_TRUE(context->save());
 
     auto reader = ManagedObjectContext::create(ManagedObjectContextConcurrencyType::Confinement);
@@ -198,33 +207,6 @@ TEST_F(ManagedObjectTest, EntitiesAreMadeOfTheirRegisteredClassOrTheGenericOne)
     EXPECT_EQ(fetched->fetches, 0);
     EXPECT_EQ(fetched->valueForKey("name"), Value("new hire"));
     EXPECT_EQ(fetched->fetches, 1);
-}
-
-// Merges and the store's observer read the objects in change sets through
-// inValue, which answers the object itself whatever its class, and nothing
-// for any other value.
-TEST_F(ManagedObjectTest, AValueGivesBackTheManagedObjectItHoldsWhateverItsClass)
-{
-    auto person = EntityDescription::create("Person", {AttributeDescription::create("name", AttributeType::String)}, {},
-                                            "StaffMember");
-    auto note = EntityDescription::create("Note", {AttributeDescription::create("name", AttributeType::String)}, {});
-    const auto model = ManagedObjectModel::create({person, note});
-    ASSERT_NE(model, nullptr);
-    auto coordinator = PersistentStoreCoordinator::create(model);
-    ASSERT_TRUE(coordinator->addPersistentStoreWithType(NSInMemoryStoreType, std::nullopt, std::nullopt, {}));
-    auto context = ManagedObjectContext::create(ManagedObjectContextConcurrencyType::Confinement);
-    context->setPersistentStoreCoordinator(coordinator);
-
-    const auto staff = ManagedObject::insertNewObjectForEntityForName("Person", *context);
-    const auto plain = ManagedObject::insertNewObjectForEntityForName("Note", *context);
-    ASSERT_NE(std::dynamic_pointer_cast<StaffMember>(staff), nullptr);
-    EXPECT_EQ(ManagedObject::inValue(Value(staff)), staff.get());
-    EXPECT_EQ(ManagedObject::inValue(Value(plain)), plain.get());
-    EXPECT_EQ(ManagedObject::inValue(Value(ObjectRef(plain))), plain.get());
-
-    EXPECT_EQ(ManagedObject::inValue(Value(plain->objectID())), nullptr);
-    EXPECT_EQ(ManagedObject::inValue(Value("Note")), nullptr);
-    EXPECT_EQ(ManagedObject::inValue(Value()), nullptr);
 }
 
 // The entity remembers which class it found, and that it found none; a class
