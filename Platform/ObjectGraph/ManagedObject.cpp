@@ -10,6 +10,7 @@
 #include <array>
 #include <cstdint>
 #include <memory>
+#include <typeinfo>
 #include <utility>
 
 namespace platform {
@@ -50,6 +51,9 @@ std::vector<ManagedObjectRef> objectsOf(const Value& value, std::string_view key
     return objects;
 }
 
+// The class of objects whose entity names no class of its own.
+struct PlainObject final : ManagedObject {};
+
 ManagedObjectRef makeInstance(const EntityDescription& entity)
 {
     if (const Class* cls = entity.managedObjectClass(); cls != nullptr && cls->canMakeInstance()) {
@@ -57,8 +61,7 @@ ManagedObjectRef makeInstance(const EntityDescription& entity)
             return object;
         }
     }
-    struct Generic : ManagedObject {};
-    return std::make_shared<Generic>();
+    return std::make_shared<PlainObject>();
 }
 
 const PropertyDescription& propertyOrRaise(const EntityDescription& entity, std::string_view key)
@@ -185,6 +188,18 @@ ManagedObjectRef ManagedObject::makeWithID(const EntityDescription& entity, Mana
     // No other thread knows the object yet: no lock.
     object->objectID_ = std::move(id);
     return object;
+}
+
+ManagedObject* ManagedObject::inValue(const Value& value)
+{
+    const ObjectRef object = value.object();
+    if (!object) {
+        return nullptr;
+    }
+    if (typeid(*object) == typeid(PlainObject)) {
+        return static_cast<ManagedObject*>(object.get());
+    }
+    return dynamic_cast<ManagedObject*>(object.get());
 }
 
 std::mutex& ManagedObject::idLock() const
@@ -563,11 +578,11 @@ Value asIDs(const Value& value)
         Array ids;
         ids.reserve(array->size());
         for (const auto& element : *array) {
-            ids.push_back(Value(element.objectAs<ManagedObject>()->objectID()));
+            ids.push_back(Value(ManagedObject::inValue(element)->objectID()));
         }
         return Value(std::move(ids));
     }
-    if (auto object = value.objectAs<ManagedObject>()) {
+    if (const auto* object = ManagedObject::inValue(value)) {
         return Value(object->objectID());
     }
     return value;

@@ -71,6 +71,11 @@ public:
     // "NSInternalInconsistencyException" for an unknown name.
     static ManagedObjectRef insertNewObjectForEntityForName(std::string_view entityName, ManagedObjectContext& context);
 
+    // The managed object `value` holds, or null; the value keeps it alive.
+    // Objects of entities without a class of their own, the common case, are
+    // recognised without the cost of a dynamic_cast.
+    static ManagedObject* inValue(const Value& value);
+
     const EntityDescription& entity() const { return *entity_; }
     // Any thread; see the banner. The same ID object on every call until the
     // ID changes (a fault makes it on the first call).

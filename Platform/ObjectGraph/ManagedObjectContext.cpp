@@ -914,7 +914,7 @@ Value ManagedObjectContext::relationshipValueFromChild(const RelationshipDescrip
     const auto mine = [&](const Value& target) {
         // Only the ID of the child's object is read: it names this context's
         // copy.
-        const auto object = target.objectAs<ManagedObject>();
+        const auto* object = ManagedObject::inValue(target);
         return object ? Value(objectWithID(object->objectID())) : Value();
     };
     if (!relationship.isToMany()) {
@@ -1196,7 +1196,7 @@ void ManagedObjectContext::mergeChangesFromContextDidSaveNotification(const Noti
             return;
         }
         for (const auto& element : *value->set()) {
-            if (auto saved = element.objectAs<ManagedObject>()) {
+            if (const auto* saved = ManagedObject::inValue(element)) {
                 // Only the ID of another context's object is read: it is the
                 // one thing that may be read from any thread.
                 if (auto mine = objectRegisteredForID(saved->objectID())) {

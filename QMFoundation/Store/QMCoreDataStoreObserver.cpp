@@ -14,19 +14,18 @@ std::vector<platform::ManagedObjectIDRef> objectIDsUnderKey(const platform::Noti
     if (value == nullptr) {
         return objectIDs;
     }
-    const auto collect = [&](const platform::Value& element) {
-        if (const auto object = element.objectAs<platform::ManagedObject>()) {
-            objectIDs.push_back(object->objectID());
+    const auto collect = [&](const auto& elements) {
+        objectIDs.reserve(elements.size());
+        for (const auto& element : elements) {
+            if (const auto* object = platform::ManagedObject::inValue(element)) {
+                objectIDs.push_back(object->objectID());
+            }
         }
     };
     if (const auto* set = value->set()) {
-        for (const auto& element : *set) {
-            collect(element);
-        }
+        collect(*set);
     } else if (const auto* array = value->array()) {
-        for (const auto& element : *array) {
-            collect(element);
-        }
+        collect(*array);
     }
     return objectIDs;
 }

@@ -188,7 +188,16 @@ TEST_F(ManagedObjectTest, EntitiesAreMadeOfTheirRegisteredClassOrTheGenericOne)
     auto staff = ManagedObject::insertNewObjectForEntityForName("Person", *context);
     ASSERT_NE(std::dynamic_pointer_cast<StaffMember>(staff), nullptr);
     EXPECT_EQ(staff->valueForKey("name"), Value("new hire"));  // set by awakeFromInsert
-    EXPECT_EQ(ManagedObject::insertNewObjectForEntityForName("Note", *context)->className(), "NSManagedObject");
+    const auto plain = ManagedObject::insertNewObjectForEntityForName("Note", *context);
+    EXPECT_EQ(plain->className(), "NSManagedObject");
+
+    // Merges and the store's observer read change sets through inValue: the
+    // object itself whatever its class, nothing for any other value.
+    EXPECT_EQ(ManagedObject::inValue(Value(staff)), staff.get());
+    EXPECT_EQ(ManagedObject::inValue(Value(ObjectRef(plain))), plain.get());
+    EXPECT_EQ(ManagedObject::inValue(Value(plain->objectID())), nullptr);
+    EXPECT_EQ(ManagedObject::inValue(Value("Note")), nullptr);
+    EXPECT_EQ(ManagedObject::inValue(Value()), nullptr);
     ASSERT_TRUE(context->save());
 
     auto reader = ManagedObjectContext::create(ManagedObjectContextConcurrencyType::Confinement);
