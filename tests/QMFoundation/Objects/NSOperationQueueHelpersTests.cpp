@@ -88,7 +88,15 @@ TEST(NSOperationQueueQMPerformBlock, PerformBlockAndWaitReturnsAfterTheBlockRanO
         note(1);
     });
     std::thread::id blockThread;
-    std::thread releaser([&] { released.raise(); });
+    // The first block is let go only once the second is queued behind it:
+    // a thread that waits for an operation nobody has taken yet may run it
+    // itself, and the case is about a queue that is busy when the wait begins.
+    std::thread releaser([&] {
+        while (queue->operationCount() < 2) {
+            std::this_thread::yield();
+        }
+        released.raise();
+    });
     performBlockAndWait(*queue, [&] {
         blockThread = std::this_thread::get_id();
         note(2);
