@@ -166,11 +166,7 @@ ManagedObjectRef ManagedObject::makeFault(const EntityDescription& entity, Manag
     auto object = makeInstance(entity);
     object->bind(entity);
     object->fault_ = true;
-    if (id && !id->isTemporaryID() && &id->entity() == &entity) {
-        object->partsStore_ = id->store_;
-        object->partsKey_ = id->primaryKey();
-        object->idInParts_ = true;
-    } else {
+    if (!id || !object->keepIDInParts(*id)) {
         object->setObjectID(std::move(id));
     }
     return object;
@@ -180,11 +176,7 @@ ManagedObjectRef ManagedObject::makeWithID(const EntityDescription& entity, Mana
 {
     auto object = makeInstance(entity);
     object->bind(entity);
-    if (!id->isTemporaryID() && &id->entity() == &entity) {
-        object->partsStore_ = id->store_;
-        object->partsKey_ = id->primaryKey();
-        object->idInParts_ = true;
-    }
+    object->keepIDInParts(*id);
     // No other thread knows the object yet: no lock.
     object->objectID_ = std::move(id);
     return object;
@@ -200,6 +192,17 @@ ManagedObject* ManagedObject::inValue(const Value& value)
         return static_cast<ManagedObject*>(object.get());
     }
     return dynamic_cast<ManagedObject*>(object.get());
+}
+
+bool ManagedObject::keepIDInParts(const ManagedObjectID& id)
+{
+    if (id.isTemporaryID() || &id.entity() != entity_) {
+        return false;
+    }
+    partsStore_ = id.store_;
+    partsKey_ = id.primaryKey();
+    idInParts_ = true;
+    return true;
 }
 
 std::mutex& ManagedObject::idLock() const

@@ -176,6 +176,10 @@ private:
     // answer one ID object. A permanent ID is kept in parts as well, so that
     // the registration reads it without the ID lock.
     static ManagedObjectRef makeWithID(const EntityDescription& entity, ManagedObjectIDRef id);
+    // Keeps `id` as its parts when it is permanent and of the object's own
+    // entity, so that the ID key is read without the ID lock; false (and
+    // nothing kept) otherwise. On a new object only, before it is shared.
+    bool keepIDInParts(const ManagedObjectID& id);
     // A property's value as snapshots and committed values hold it:
     // attributes as they are, relationships as the IDs of their objects.
     static Value snapshotValue(const PropertyDescription& property, const Value& value);

@@ -868,8 +868,7 @@ void ManagedObjectContext::takeChildChanges(const std::vector<ManagedObjectRef>&
             // Awoken once, where it was inserted; every value is copied
             // below, so no defaults and no temporary ID of its own.
             object = ManagedObject::makeWithID(entity, std::move(id));
-            object->context_ = this;
-            registered_.insert(object);
+            registerObject(object);
         }
         // Attributes as they are; relationships hold the child's objects
         // until the loop below puts this context's in their place.

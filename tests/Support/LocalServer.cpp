@@ -32,7 +32,12 @@ LocalServer::LocalServer(const std::vector<std::string>& command)
 {
     int output[2];
     int input[2];
-    if (pipe2(output, O_CLOEXEC) != 0 || pipe2(input, O_CLOEXEC) != 0) {
+    if (pipe2(output, O_CLOEXEC) != 0) {
+        throw std::runtime_error("pipe failed");
+    }
+    if (pipe2(input, O_CLOEXEC) != 0) {
+        close(output[0]);
+        close(output[1]);
         throw std::runtime_error("pipe failed");
     }
     std::vector<char*> argv;

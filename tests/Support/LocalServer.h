@@ -1,9 +1,10 @@
 // Runs a test server as a child process for as long as the object lives: the
 // server prints the port it listens on as its first line of output. Its
-// standard input is a pipe that only this object writes to: a server should
-// end when it reads end of input there, which also happens when the test
-// process dies without running its destructors (an abort, a sanitizer
-// report), so that no server outlives its test holding the test's output.
+// standard input is a pipe whose only write end this object holds and never
+// writes to: a server should end when it reads end of input there, which
+// comes when the object goes and also when the test process dies without
+// running its destructors (an abort, a sanitizer report), so that no server
+// outlives its test holding the test's output.
 //
 //   testsupport::LocalServer server({"python3", "tests/.../server.py"});
 //   const auto url = "http://127.0.0.1:" + std::to_string(server.port()) + "/echo";

@@ -96,8 +96,10 @@ TEST_P(SavingAndFetching, RelationshipsOfEveryKindSurviveASave)
     auto department = reader->existingObjectWithID(sales->objectID());
     ASSERT_NE(department, nullptr);
     EXPECT_THAT(names(department->valueForKey("employees")), ElementsAre("Ada", "Bob"));
+    const auto rota = department->valueForKey("rota");
+    ASSERT_NE(rota.orderedSet(), nullptr);
     std::vector<std::string> order;
-    for (const auto& member : objectgraphtest::membersOf(department->valueForKey("rota"))) {
+    for (const auto& member : objectgraphtest::membersOf(rota)) {
         order.push_back(*member->valueForKey("name").string());
     }
     EXPECT_THAT(order, ElementsAre("Cy", "Ada", "Bob"));

@@ -3,13 +3,14 @@
 
 Given a certificate and a key file as arguments, it speaks https instead.
 Prints its port on the first line of standard output, then serves until it is
-terminated or its standard input ends (the test that started it is gone). /echo answers with what it received, so a test sees what went over
-the wire; the other paths each misbehave in one way.
+terminated or its standard input ends (the test that started it is gone).
+/echo answers with what it received, so a test sees what went over the wire;
+the other paths each misbehave in one way.
 """
 import base64
 import gzip
-import os
 import json
+import os
 import ssl
 import sys
 import threading

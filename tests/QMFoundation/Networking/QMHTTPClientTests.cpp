@@ -165,6 +165,17 @@ TEST_F(QMHTTPClientTest, SendsBasicCredentialsAndCallerFieldsOnTop)
     EXPECT_FALSE(seen.field("Cookie"));
 }
 
+TEST_F(QMHTTPClientTest, CredentialsFollowARedirectOnlyOnTheSameHost)
+{
+    const auto auth = QMHTTPBasicAuth::basicAuthWithUsername("u", "p");
+    EXPECT_EQ(echoed(QMHTTPRequest::requestWithURL(url("/redirect?to=/echo")), auth).field("Authorization"), "Basic dTpw");
+    // "localhost" is another host than "127.0.0.1", though the same server.
+    const auto elsewhere = "http://localhost:" + std::to_string(server_.port()) + "/echo";
+    const auto seen = echoed(QMHTTPRequest::requestWithURL(url("/redirect?to=" + elsewhere)), auth);
+    EXPECT_EQ(seen.target(), "/echo");
+    EXPECT_FALSE(seen.field("Authorization"));
+}
+
 TEST_F(QMHTTPClientTest, AnErrorStatusIsAnAnswerAndABodyNeedNotBeText)
 {
     const auto outcomes = std::make_shared<Outcomes>();
