@@ -1,5 +1,7 @@
 #include "Platform/ObjectGraph/ObjectSet.h"
 
+#include "Platform/ObjectGraph/LinearProbing.h"
+
 #include <algorithm>
 #include <bit>
 #include <cstdint>
@@ -68,9 +70,7 @@ bool ObjectSet::erase(const ManagedObject* object)
     // Move back every later member of the run whose home does not lie
     // between the hole and itself, so that no probe meets a gap first.
     for (std::size_t next = (hole + 1) & mask; slots_[next].object != nullptr; next = (next + 1) & mask) {
-        const std::size_t wanted = homeOf(slots_[next].object);
-        const bool reachable = hole <= next ? (hole < wanted && wanted <= next) : (hole < wanted || wanted <= next);
-        if (!reachable) {
+        if (!foundPastHole(hole, homeOf(slots_[next].object), next)) {
             slots_[hole] = std::exchange(slots_[next], {});
             hole = next;
         }

@@ -1,5 +1,7 @@
 #include "Platform/ObjectGraph/RegisteredObjects.h"
 
+#include "Platform/ObjectGraph/LinearProbing.h"
+
 #include <algorithm>
 #include <utility>
 
@@ -118,9 +120,7 @@ ManagedObjectRef RegisteredObjects::erase(const ManagedObjectIDKey& key)
     // between the hole and itself, so that no lookup meets a gap before it
     // reaches its object.
     for (std::size_t next = nextSlot(hole, capacity); hashes_[next] != 0; next = nextSlot(next, capacity)) {
-        const std::size_t wanted = homeOf(hashes_[next], capacity);
-        const bool reachable = hole <= next ? (hole < wanted && wanted <= next) : (hole < wanted || wanted <= next);
-        if (!reachable) {
+        if (!foundPastHole(hole, homeOf(hashes_[next], capacity), next)) {
             slots_[hole] = std::move(slots_[next]);
             hashes_[hole] = std::exchange(hashes_[next], 0);
             hole = next;
