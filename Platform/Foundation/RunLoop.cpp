@@ -90,23 +90,26 @@ struct RunLoop::State {
         });
     }
 
+    // Whether a valid item of `mode` keeps a run of it going. Timers and
+    // descriptor sources may be told not to (asked first: it is an atomic
+    // load, where a timer's validity takes its lock); plain sources always do.
     template <typename Entry>
-    bool anyValid(const std::vector<Scheduled<Entry>>& entries, ModeId mode) const
+    bool anyKeepingRunning(const std::vector<Scheduled<Entry>>& entries, ModeId mode) const
     {
         return std::any_of(entries.begin(), entries.end(), [&](const Scheduled<Entry>& entry) {
+            if constexpr (requires { entry.item->keepsLoopRunning(); }) {
+                if (!entry.item->keepsLoopRunning()) {
+                    return false;
+                }
+            }
             return inMode(entry.mode, mode) && entry.item->isValid();
         });
     }
 
     bool hasAnythingLocked(ModeId mode) const
     {
-        return blockPendingLocked(mode) || anyValid(sources, mode)
-            || std::any_of(timers.begin(), timers.end(), [&](const Scheduled<Timer>& entry) {
-                   return inMode(entry.mode, mode) && entry.item->keepsLoopRunning() && entry.item->isValid();
-               })
-            || std::any_of(descriptors.begin(), descriptors.end(), [&](const Scheduled<FileDescriptorSource>& entry) {
-                   return inMode(entry.mode, mode) && entry.item->isValid() && entry.item->keepsLoopRunning();
-               });
+        return blockPendingLocked(mode) || anyKeepingRunning(sources, mode) || anyKeepingRunning(timers, mode)
+            || anyKeepingRunning(descriptors, mode);
     }
 
     // Makes epoll watch `fd` for what its valid sources in the armed mode want.
@@ -724,7 +727,9 @@ void RunLoop::sourcesChanged()
 
 void RunLoop::performBlock(std::function<void()> block)
 {
-    performBlock({std::string(NSRunLoopCommonModes)}, std::move(block));
+    std::lock_guard lock(state_->mutex);
+    state_->blocks.push_back({{kCommonModesId}, std::move(block)});
+    state_->wakeLocked();
 }
 
 void RunLoop::performBlock(std::vector<std::string> modes, std::function<void()> block)
