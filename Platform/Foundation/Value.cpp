@@ -89,15 +89,6 @@ std::string describeDouble(double number)
 
 }  // namespace
 
-Value::Value(std::string_view string)
-{
-    if (string.size() <= inlineStringLimit) {
-        storage_.emplace<std::string>(string);
-    } else {
-        storage_ = std::make_shared<const std::string>(string);
-    }
-}
-
 Value::Value(std::string string)
 {
     if (string.size() <= inlineStringLimit) {

@@ -63,7 +63,7 @@ public:
     Value(Integer integer) : storage_(static_cast<std::int64_t>(integer)) {}
     Value(double number) : storage_(number) {}
     Value(const char* string) : Value(std::string_view(string)) {}
-    Value(std::string_view string);
+    Value(std::string_view string) : Value(std::string(string)) {}
     Value(std::string string);
     Value(Data data) : storage_(std::make_shared<const platform::Data>(std::move(data))) {}
     Value(Date date) : storage_(date) {}
