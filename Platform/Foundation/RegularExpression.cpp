@@ -24,16 +24,6 @@ std::string compilerMessage(int code)
     return length < 0 ? "unknown error" : std::string(reinterpret_cast<const char*>(buffer), static_cast<std::size_t>(length));
 }
 
-pcre2_compile_context* compileContext()
-{
-    static pcre2_compile_context* const context = [] {
-        auto* made = pcre2_compile_context_create(nullptr);
-        pcre2_set_newline(made, internal::kPCRE2Newline);
-        return made;
-    }();
-    return context;
-}
-
 struct MatchDataDeleter {
     void operator()(pcre2_match_data* data) const { pcre2_match_data_free(data); }
 };
@@ -126,7 +116,8 @@ RegularExpressionRef RegularExpression::create(std::string_view pattern, unsigne
     PCRE2_SIZE errorOffset = 0;
     auto code = std::make_unique<Code>();
     code->compiled = pcre2_compile(reinterpret_cast<PCRE2_SPTR>(pattern.data()), pattern.size(),
-                                   internal::pcre2CompileOptions(options), &errorCode, &errorOffset, compileContext());
+                                   internal::pcre2CompileOptions(options), &errorCode, &errorOffset,
+                                   internal::pcre2CompileContext());
     if (code->compiled == nullptr) {
         if (error != nullptr) {
             const auto description = "The value \u201c" + std::string(pattern) + "\u201d is invalid: "

@@ -13,6 +13,8 @@
 #include <pcre2.h>
 
 #include <cstdint>
+#include <string_view>
+#include <vector>
 
 namespace platform::internal {
 
@@ -43,5 +45,39 @@ inline std::uint32_t pcre2CompileOptions(unsigned options)
 // them: "." crosses none of CR, LF, CRLF, VT, FF, NEL, LS and PS, and "$" and
 // multi-line anchors stop at each. PCRE2 alone would know only LF.
 inline constexpr std::uint32_t kPCRE2Newline = PCRE2_NEWLINE_ANY;
+
+// The compile context every expression is compiled with, made once.
+inline pcre2_compile_context* pcre2CompileContext()
+{
+    static pcre2_compile_context* const context = [] {
+        auto* made = pcre2_compile_context_create(nullptr);
+        pcre2_set_newline(made, kPCRE2Newline);
+        return made;
+    }();
+    return context;
+}
+
+// What pcre2_serialize_encode makes of `pattern` compiled as RegularExpression
+// compiles it with `options`; empty when it does not compile or serialize.
+inline std::vector<std::uint8_t> pcre2EncodedPattern(std::string_view pattern, unsigned options)
+{
+    int errorCode = 0;
+    PCRE2_SIZE errorOffset = 0;
+    pcre2_code* code = pcre2_compile(reinterpret_cast<PCRE2_SPTR>(pattern.data()), pattern.size(),
+                                     pcre2CompileOptions(options), &errorCode, &errorOffset, pcre2CompileContext());
+    std::vector<std::uint8_t> encoded;
+    if (code == nullptr) {
+        return encoded;
+    }
+    const pcre2_code* codes[] = {code};
+    std::uint8_t* bytes = nullptr;
+    PCRE2_SIZE size = 0;
+    if (pcre2_serialize_encode(codes, 1, &bytes, &size, nullptr) == 1) {
+        encoded.assign(bytes, bytes + size);
+        pcre2_serialize_free(bytes);
+    }
+    pcre2_code_free(code);
+    return encoded;
+}
 
 }  // namespace platform::internal

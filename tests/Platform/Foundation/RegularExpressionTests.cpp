@@ -162,22 +162,9 @@ TEST(RegularExpressionMatchData, GroupsAreThoseOfTheMatchAtHand)
 // What pcre2_serialize_encode makes of `pattern` compiled with `options`.
 std::vector<std::uint8_t> encoded(std::string_view pattern, unsigned options)
 {
-    int errorCode = 0;
-    PCRE2_SIZE errorOffset = 0;
-    pcre2_compile_context* context = pcre2_compile_context_create(nullptr);
-    pcre2_set_newline(context, platform::internal::kPCRE2Newline);
-    pcre2_code* code = pcre2_compile(reinterpret_cast<PCRE2_SPTR>(pattern.data()), pattern.size(),
-                                     platform::internal::pcre2CompileOptions(options), &errorCode, &errorOffset, context);
-    pcre2_compile_context_free(context);
-    EXPECT_NE(code, nullptr);
-    const pcre2_code* codes[] = {code};
-    std::uint8_t* bytes = nullptr;
-    PCRE2_SIZE size = 0;
-    EXPECT_EQ(pcre2_serialize_encode(codes, 1, &bytes, &size, nullptr), 1);
-    std::vector<std::uint8_t> result(bytes, bytes + size);
-    pcre2_serialize_free(bytes);
-    pcre2_code_free(code);
-    return result;
+    auto bytes = platform::internal::pcre2EncodedPattern(pattern, options);
+    EXPECT_FALSE(bytes.empty()) << "compiled and serialized";
+    return bytes;
 }
 
 // The URL grammar the build embeds decodes (a build whose encoder and library
