@@ -622,12 +622,7 @@ void ManagedObject::commitCurrentValues()
         return;
     }
     for (const auto* property : entity_->properties()) {
-        const std::size_t index = property->index();
-        if (property->isRelationship()) {
-            committed_[index] = asIDs(values_[index]);
-        } else {
-            committed_[index] = values_[index];
-        }
+        committed_[property->index()] = snapshotValue(*property, values_[property->index()]);
     }
 }
 

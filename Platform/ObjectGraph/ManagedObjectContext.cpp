@@ -410,23 +410,38 @@ ManagedObjectRef ManagedObjectContext::objectForIDValue(const Value& id)
     return objectID ? objectWithID(objectID) : nullptr;
 }
 
-Value ManagedObjectContext::relationshipValueFromSnapshot(const RelationshipDescription& relationship,
-                                                          const Value& stored)
+namespace {
+
+// A relationship's value with `mine` applied to its object (to-one) or to
+// each of its elements (to-many); elements that `mine` gives nothing for are
+// left out.
+template <typename Mine>
+Value mappedRelationshipValue(const RelationshipDescription& relationship, const Value& value, const Mine& mine)
 {
     if (!relationship.isToMany()) {
-        auto object = objectForIDValue(stored);
-        return object ? Value(object) : Value();
+        return mine(value);
     }
     Array objects;
-    if (const Array* ids = stored.array()) {
-        objects.reserve(ids->size());
-        for (const auto& id : *ids) {
-            if (auto object = objectForIDValue(id)) {
-                objects.push_back(Value(object));
+    if (const Array* elements = value.array()) {
+        objects.reserve(elements->size());
+        for (const auto& element : *elements) {
+            if (Value object = mine(element)) {
+                objects.push_back(std::move(object));
             }
         }
     }
     return Value(std::move(objects));
+}
+
+}  // namespace
+
+Value ManagedObjectContext::relationshipValueFromSnapshot(const RelationshipDescription& relationship,
+                                                          const Value& stored)
+{
+    return mappedRelationshipValue(relationship, stored, [&](const Value& id) {
+        auto object = objectForIDValue(id);
+        return object ? Value(object) : Value();
+    });
 }
 
 void ManagedObjectContext::applySnapshot(ManagedObject& object, const ObjectSnapshot& snapshot, bool keepChanges)
@@ -670,40 +685,38 @@ bool ManagedObjectContext::obtainPermanentIDsForObjects(const std::vector<Manage
     const auto coordinator = persistentStoreCoordinator();
     // By position in `objects`: a save passes every inserted object here.
     std::map<const EntityDescription*, std::vector<std::size_t>> byEntity;
+    std::size_t temporaryCount = 0;
     for (std::size_t index = 0; index < objects.size(); ++index) {
         const auto& object = objects[index];
         if (object && object->objectID()->isTemporaryID()) {
             byEntity[&object->entity()].push_back(index);
+            ++temporaryCount;
         }
     }
+    // A save's new objects are often most of the table: then all change
+    // their IDs first and the table is refiled once, after every entity.
+    const bool refile = temporaryCount * 4 >= registered_.size();
+    bool obtained = true;
     for (auto& [entity, group] : byEntity) {
         const auto ids = coordinator->newObjectIDs(*entity, group.size(), error);
         if (!ids) {
-            return false;
+            obtained = false;
+            break;
         }
-        // A save's new objects are often most of the table: then all change
-        // their IDs first and the table is refiled once.
-        const bool refile = group.size() * 4 >= registered_.size();
         for (std::size_t index = 0; index < group.size(); ++index) {
-            ManagedObject& object = *objects[group[index]];
-            if (object.context_ != this || refile) {
-                object.setObjectID((*ids)[index]);
-                continue;
+            const auto& object = objects[group[index]];
+            if (object->context_ == this && !refile) {
+                registered_.erase(object->idKey());
+                registerObject(object, (*ids)[index]);
+            } else {
+                object->setObjectID((*ids)[index]);
             }
-            // The table gives back its reference, which goes in again under
-            // the new ID.
-            auto registered = registered_.erase(object.idKey());
-            if (registered.get() != &object) {
-                registered = objects[group[index]];
-            }
-            object.setObjectID((*ids)[index]);
-            registered_.insert(std::move(registered));
-        }
-        if (refile) {
-            registered_.refile();
         }
     }
-    return true;
+    if (refile) {
+        registered_.refile();
+    }
+    return obtained;
 }
 
 // --- Saving --------------------------------------------------------------------------------
@@ -910,25 +923,11 @@ void ManagedObjectContext::takeChildChanges(const std::vector<ManagedObjectRef>&
 Value ManagedObjectContext::relationshipValueFromChild(const RelationshipDescription& relationship,
                                                        const Value& childValue)
 {
-    const auto mine = [&](const Value& target) {
-        // Only the ID of the child's object is read: it names this context's
-        // copy.
+    // Only the ID of the child's object is read: it names this context's copy.
+    return mappedRelationshipValue(relationship, childValue, [&](const Value& target) {
         const auto* object = ManagedObject::inValue(target);
         return object ? Value(objectWithID(object->objectID())) : Value();
-    };
-    if (!relationship.isToMany()) {
-        return mine(childValue);
-    }
-    Array objects;
-    if (const Array* targets = childValue.array()) {
-        objects.reserve(targets->size());
-        for (const auto& target : *targets) {
-            if (Value object = mine(target)) {
-                objects.push_back(std::move(object));
-            }
-        }
-    }
-    return Value(std::move(objects));
+    });
 }
 
 void ManagedObjectContext::setValueFromChild(ManagedObject& object, const PropertyDescription& property,

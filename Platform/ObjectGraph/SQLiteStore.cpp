@@ -249,7 +249,6 @@ SQLiteStore::SQLiteStore(Configuration configuration) : PersistentStore(std::mov
 
 SQLiteStore::~SQLiteStore()
 {
-    queries_.clear();
     statements_.clear();
     writers_.clear();
     if (database_ != nullptr) {
