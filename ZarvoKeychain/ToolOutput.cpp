@@ -7,8 +7,7 @@
 
 #include "Platform/Security/SecItem.h"
 #include "Platform/Security/SecKeychain.h"
-
-#include <sodium.h>
+#include "Platform/Security/Wipe.h"
 
 #include <utility>
 
@@ -18,9 +17,14 @@ namespace keychaintool {
 
 namespace {
 
+// Made in a buffer that never grows (at most four bytes for each of the
+// text's and two quotes): the text may be a password, whose pieces a grown
+// buffer would leave behind unwiped.
 std::string quoted(std::string_view text)
 {
-    std::string out = "\"";
+    std::string out;
+    out.reserve(4 * text.size() + 2);
+    out += '"';
     for (const unsigned char character : text) {
         if (character == '"' || character == '\\') {
             out += '\\';
@@ -33,7 +37,8 @@ std::string quoted(std::string_view text)
             out += static_cast<char>(character);
         }
     }
-    return out + "\"";
+    out += '"';
+    return out;
 }
 
 std::string codeText(std::int64_t code)
@@ -171,10 +176,16 @@ void printItem(const Dictionary& item, bool withSecret)
     }
     if (withSecret) {
         const auto* secret = item.get(kSecValueData).data();
-        text += "    password: " + (secret != nullptr ? quoted(std::string(secret->begin(), secret->end())) : "none") + "\n";
+        auto shown = secret != nullptr
+                         ? quoted({reinterpret_cast<const char*>(secret->data()), secret->size()})
+                         : std::string("none");
+        security::WipedWhenDone shownWiped(shown);
+        security::appendToSecret(text, "    password: ");
+        security::appendToSecret(text, shown);
+        security::appendToSecret(text, "\n");
     }
+    security::WipedWhenDone textWiped(text);
     print(stdout, text);
-    sodium_memzero(text.data(), text.size());
 }
 
 }  // namespace keychaintool
