@@ -88,6 +88,16 @@ public:
     ErrorRef error;
 };
 
+// A delegate that does not answer challenges (the system decides) and
+// records how the load ended.
+struct Outcome final : URLConnectionDelegate {
+    void connectionDidFinishLoading(const URLConnectionRef&) override { finished = true; }
+    void connectionDidFailWithError(const URLConnectionRef&, const ErrorRef& failure) override { error = failure; }
+    bool ended() const { return finished || error; }
+    bool finished = false;
+    ErrorRef error;
+};
+
 class ServerTrustTest : public ::testing::Test {
 protected:
     void SetUp() override
@@ -138,12 +148,7 @@ protected:
 
 TEST_F(ServerTrustTest, AnUntrustedServerIsRefusedUnlessTheDelegateSaysOtherwise)
 {
-    // A delegate that does not answer challenges: the system decides.
-    struct Silent final : URLConnectionDelegate {
-        void connectionDidFailWithError(const URLConnectionRef&, const ErrorRef& failure) override { error = failure; }
-        ErrorRef error;
-    };
-    const auto silent = std::make_shared<Silent>();
+    const auto silent = std::make_shared<Outcome>();
     load(url(*first_), silent, [&] { return silent->error != nullptr; });
     ASSERT_TRUE(silent->error);
     EXPECT_EQ(silent->error->code(), NSURLErrorServerCertificateUntrusted);
@@ -196,14 +201,7 @@ TEST_F(ServerTrustTest, AChallengedLoadLeavesNothingToTheNextOnItsThread)
     const auto trusted = loadWith(url(*first_), TrustDecider::Policy::Evaluate, true, std::nullopt);
     EXPECT_TRUE(trusted->finished);
 
-    struct Plain final : URLConnectionDelegate {
-        void connectionDidFinishLoading(const URLConnectionRef&) override { finished = true; }
-        void connectionDidFailWithError(const URLConnectionRef&, const ErrorRef& failure) override { error = failure; }
-        bool ended() const { return finished || error; }
-        bool finished = false;
-        ErrorRef error;
-    };
-    const auto unasked = std::make_shared<Plain>();
+    const auto unasked = std::make_shared<Outcome>();
     load(url(*first_), unasked, [&] { return unasked->ended(); });
     ASSERT_TRUE(unasked->error);
     EXPECT_EQ(unasked->error->code(), NSURLErrorServerCertificateUntrusted);
@@ -211,7 +209,7 @@ TEST_F(ServerTrustTest, AChallengedLoadLeavesNothingToTheNextOnItsThread)
     // Plain http on the same handle afterwards.
     testsupport::clearProxyVariables();
     const testsupport::LocalServer clear{testsupport::echoServerCommand()};
-    const auto plain = std::make_shared<Plain>();
+    const auto plain = std::make_shared<Outcome>();
     load("http://127.0.0.1:" + std::to_string(clear.port()) + "/echo", plain, [&] { return plain->ended(); });
     EXPECT_TRUE(plain->finished);
     EXPECT_FALSE(plain->error);
