@@ -9,14 +9,17 @@
 #include "QMFoundation/Keychain/QMInternetPasswordKeychainItem.h"
 #include "QMFoundation/Keychain/QMKeychain.h"
 
+#include "Platform/FileSystem/FileManager.h"
 #include "Platform/Foundation/URL.h"
+#include "Platform/Security/SecItem.h"
+#include "Platform/Security/Wipe.h"
 
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 #include <string>
+#include <string_view>
+#include <sys/stat.h>
 #include <vector>
 
 using namespace platform;
@@ -24,6 +27,10 @@ using namespace platform;
 namespace keychaintool {
 
 namespace {
+
+// git's store writes a line of a few hundred bytes per credential; a file
+// far beyond that is not one, and reading must stop somewhere (/dev/zero).
+constexpr std::size_t kMaximumCredentialsFileSize = 16 << 20;
 
 // The files git's credential store reads when none is named, in its order.
 std::vector<std::string> defaultCredentialFiles()
@@ -70,36 +77,74 @@ struct Tally {
     return true;
 }
 
+// Where the keychain to import into is, for queries the item classes do not
+// make.
+struct Destination {
+    QMKeychainRef keychain;
+    SecKeychainRef reference;
+    bool isExplicit = false;
+};
+
+// Whether the item a duplicate add ran into holds `password`: only then is the
+// line's password in the keychain.
+[[nodiscard]] bool holdsPassword(const Destination& destination, const URL& url, const std::string& password,
+                                 OSStatus* status)
+{
+    Dictionary attributes = QMInternetPasswordKeychainItem::attributesForURL(url);
+    attributes.set(kSecClass, kSecClassInternetPassword);
+    Dictionary query = primaryKeyQuery(attributes);
+    restrictTo(query, destination.reference, destination.isExplicit);
+    query.set(kSecReturnData, true);
+    Value result;
+    *status = SecItemCopyMatching(query, &result);
+    const auto* stored = result.data();
+    return *status == errSecSuccess && stored != nullptr &&
+           std::string_view(reinterpret_cast<const char*>(stored->data()), stored->size()) == password;
+}
+
 // Stores the credentials of one file. False when the keychain failed, which
 // ends the import (the failure is reported).
-bool importFile(const Command& command, const std::string& path, const std::string& text,
-                const QMKeychainRef& keychain, Tally* tally)
+bool importFile(const Command& command, const std::string& path, std::string_view text,
+                const Destination& destination, Tally* tally)
 {
-    std::istringstream lines(text);
-    std::string line;
     int number = 0;
-    while (std::getline(lines, line)) {
+    while (!text.empty()) {
         ++number;
+        const auto end = text.find('\n');
+        const std::string_view line = text.substr(0, end);
+        text = end == std::string_view::npos ? std::string_view() : text.substr(end + 1);
         if (line.empty()) {
             continue;
         }
-        auto url = URL::fromString(line);
-        std::fill(line.begin(), line.end(), '\0');
+        std::string lineText(line);
+        const auto url = URL::fromString(lineText);
+        security::wipe(lineText);
+        const std::string where = path + ", line " + std::to_string(number) + ": ";
         ErrorRef error;
         if (!isStorable(url, &error)) {
-            fail(command, path + ", line " + std::to_string(number) + ": " + error->localizedDescription() +
-                              "; not imported");
+            fail(command, where + error->localizedDescription() + "; not imported");
             ++tally->rejected;
             continue;
         }
         // Keyed as the responder looks the URL up; the password in the URL
         // is not an attribute.
-        const auto item = QMInternetPasswordKeychainItem::addInternetPasswordToKeychain(keychain, *url,
+        const auto item = QMInternetPasswordKeychainItem::addInternetPasswordToKeychain(destination.keychain, *url,
                                                                                          url->password(), &error);
         if (item) {
             ++tally->added;
         } else if (error && error->code() == errSecDuplicateItem) {
-            ++tally->present;
+            // The line may hold a newer password than the keychain: it is not
+            // stored then, and its file must stay.
+            OSStatus status = errSecSuccess;
+            if (holdsPassword(destination, *url, *url->password(), &status)) {
+                ++tally->present;
+            } else if (status == errSecSuccess || status == errSecItemNotFound) {
+                fail(command, where + "the keychain holds another password for it; not imported "
+                                      "(add-internet-password -U replaces the keychain's)");
+                ++tally->rejected;
+            } else {
+                return report(command, status) == kExitSuccess;
+            }
         } else {
             const int status = report(command, error ? static_cast<OSStatus>(error->code()) : errSecParam);
             return status == kExitSuccess;
@@ -108,16 +153,36 @@ bool importFile(const Command& command, const std::string& path, const std::stri
     return true;
 }
 
-std::optional<std::string> readWhole(const std::string& path, int* error)
+// A credentials file others can read has shown them its passwords; moving
+// them into the keychain does not take that back, so the user is told.
+void warnIfReadableByOthers(const Command& command, const std::string& path)
 {
-    std::ifstream file(path, std::ios::binary);
-    if (!file) {
-        *error = errno;
-        return std::nullopt;
+    struct stat status {};
+    if (::stat(path.c_str(), &status) == 0 && (status.st_mode & (S_IRGRP | S_IROTH)) != 0) {
+        char mode[8];
+        std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(status.st_mode & 07777));
+        fail(command, "warning: " + path + " could be read by other users (mode " + mode +
+                          "): they may know its passwords; consider changing them");
     }
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
+}
+
+// Removes a file whose every line is in the keychain. Only a regular file
+// goes: removing a symbolic link would leave the passwords in the file it
+// names, and a pipe or device holds no passwords to remove.
+[[nodiscard]] bool removeImported(const Command& command, const std::string& path)
+{
+    struct stat status {};
+    if (::lstat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
+        fail(command, "not removed " + path + ": not a regular file" +
+                          (S_ISLNK(status.st_mode) ? " but a symbolic link; remove the file it names yourself" : ""));
+        return false;
+    }
+    if (std::remove(path.c_str()) != 0) {
+        fail(command, "cannot remove " + path + ": " + std::strerror(errno));
+        return false;
+    }
+    print(stdout, "removed " + path + "\n");
+    return true;
 }
 
 }  // namespace
@@ -135,25 +200,30 @@ int importGitCredentials(const Command& command, const Options& options)
     if (const int unlocked = ensureUnlocked(command, keychainRef, input); unlocked != kExitSuccess) {
         return unlocked;
     }
-    const auto keychain = isExplicit ? QMKeychain::keychainWithKeychainRef(keychainRef) : QMKeychain::defaultKeychain();
+    const Destination destination{
+        isExplicit ? QMKeychain::keychainWithKeychainRef(keychainRef) : QMKeychain::defaultKeychain(), keychainRef,
+        isExplicit};
 
     Tally tally;
     bool foundAny = false;
     std::vector<std::string> imported;
     for (const auto& path : files) {
-        int error = 0;
-        auto text = readWhole(path, &error);
-        if (!text) {
-            if (named || error != ENOENT) {
-                fail(command, "cannot read " + path + ": " + std::strerror(error));
+        ErrorRef error;
+        auto contents = FileManager::contentsAtPath(path, kMaximumCredentialsFileSize, &error);
+        if (!contents) {
+            if (named || error->code() != ENOENT) {
+                fail(command, "cannot read " + path + ": " + std::strerror(static_cast<int>(error->code())));
                 return kExitFailure;
             }
             continue;
         }
+        security::WipedWhenDone contentsWiped(contents);
         foundAny = true;
+        warnIfReadableByOthers(command, path);
         const int rejectedBefore = tally.rejected;
-        const bool stored = importFile(command, path, *text, keychain, &tally);
-        std::fill(text->begin(), text->end(), '\0');
+        const bool stored = importFile(
+            command, path, std::string_view(reinterpret_cast<const char*>(contents->data()), contents->size()),
+            destination, &tally);
         if (!stored) {
             return kExitFailure;
         }
@@ -167,18 +237,14 @@ int importGitCredentials(const Command& command, const Options& options)
     }
     print(stdout, "added " + std::to_string(tally.added) + ", skipped " + std::to_string(tally.present) +
                       " already present, rejected " + std::to_string(tally.rejected) + "\n");
+    bool removedAll = true;
     if (options.removeFile) {
         // Only a file whose every line is in the keychain now goes.
         for (const auto& path : imported) {
-            if (std::remove(path.c_str()) == 0) {
-                print(stdout, "removed " + path + "\n");
-            } else {
-                fail(command, "cannot remove " + path + ": " + std::strerror(errno));
-                return kExitFailure;
-            }
+            removedAll = removeImported(command, path) && removedAll;
         }
     }
-    return tally.rejected == 0 ? kExitSuccess : kExitFailure;
+    return tally.rejected == 0 && removedAll ? kExitSuccess : kExitFailure;
 }
 
 }  // namespace keychaintool

@@ -130,25 +130,6 @@ std::optional<std::int64_t> parsePort(const std::string& text)
     return true;
 }
 
-// The query that names exactly the stored item with the same primary key as
-// `attributes`: every key attribute, with the store's "" or 0 where unset.
-Dictionary primaryKeyQuery(const Dictionary& attributes)
-{
-    const bool internet = attributes.get(kSecClass) == Value(kSecClassInternetPassword);
-    Dictionary query{{kSecClass, attributes.get(kSecClass)}};
-    const std::vector<std::pair<std::string_view, Value>> keys =
-        internet ? std::vector<std::pair<std::string_view, Value>>{{kSecAttrAccount, ""}, {kSecAttrSecurityDomain, ""},
-                                                                   {kSecAttrServer, ""}, {kSecAttrProtocol, 0},
-                                                                   {kSecAttrAuthenticationType, 0},
-                                                                   {kSecAttrPort, 0}, {kSecAttrPath, ""}}
-                 : std::vector<std::pair<std::string_view, Value>>{{kSecAttrAccount, ""}, {kSecAttrService, ""}};
-    for (const auto& [key, unset] : keys) {
-        const Value given = attributes.get(key);
-        query.set(key, given.isNothing() ? unset : given);
-    }
-    return query;
-}
-
 // What an item command works on: the attributes its options name, in the
 // keychain they name.
 struct ItemTarget {

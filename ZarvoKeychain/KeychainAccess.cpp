@@ -28,6 +28,23 @@ SecKeychainRef targetKeychain(const Options& options, bool* isExplicit)
     return keychain;
 }
 
+Dictionary primaryKeyQuery(const Dictionary& attributes)
+{
+    const bool internet = attributes.get(kSecClass) == Value(kSecClassInternetPassword);
+    Dictionary query{{kSecClass, attributes.get(kSecClass)}};
+    const std::vector<std::pair<std::string_view, Value>> keys =
+        internet ? std::vector<std::pair<std::string_view, Value>>{{kSecAttrAccount, ""}, {kSecAttrSecurityDomain, ""},
+                                                                   {kSecAttrServer, ""}, {kSecAttrProtocol, 0},
+                                                                   {kSecAttrAuthenticationType, 0},
+                                                                   {kSecAttrPort, 0}, {kSecAttrPath, ""}}
+                 : std::vector<std::pair<std::string_view, Value>>{{kSecAttrAccount, ""}, {kSecAttrService, ""}};
+    for (const auto& [key, unset] : keys) {
+        const Value given = attributes.get(key);
+        query.set(key, given.isNothing() ? unset : given);
+    }
+    return query;
+}
+
 void restrictTo(Dictionary& query, const SecKeychainRef& keychain, bool isExplicit)
 {
     if (isExplicit) {

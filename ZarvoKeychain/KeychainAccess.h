@@ -16,6 +16,10 @@ struct Options;
 // keychain; `isExplicit` tells whether one was named.
 platform::SecKeychainRef targetKeychain(const Options& options, bool* isExplicit);
 
+// The query that names exactly the stored item with the same primary key as
+// `attributes` (which hold kSecClass): every key attribute, with the store's
+// "" or 0 where unset.
+platform::Dictionary primaryKeyQuery(const platform::Dictionary& attributes);
 // Limits `query` to `keychain` when it was named; the default keychain is
 // searched through the search list.
 void restrictTo(platform::Dictionary& query, const platform::SecKeychainRef& keychain, bool isExplicit);

@@ -12,6 +12,7 @@
 namespace {
 
 using ::testing::HasSubstr;
+using ::testing::IsEmpty;
 using ::testing::Not;
 using testsupport::ProgramResult;
 
@@ -68,7 +69,7 @@ TEST_F(ImportGitCredentialsTest, SkipsWhatIsPresentAndNamesRejectedLinesWithoutT
                                      "not a url secret-one\n"
                                      "gopher://jo:secret-two@h\n"
                                      "https://secret-three@h\n"
-                                     "https://jo:second@h\n");
+                                     "https://jo:first@h\n");
     const auto run = tool({"import-git-credentials", file});
     EXPECT_EQ(run.exitStatus, 1);
     EXPECT_EQ(run.standardOutput, "added 1, skipped 1 already present, rejected 3\n");
@@ -79,9 +80,64 @@ TEST_F(ImportGitCredentialsTest, SkipsWhatIsPresentAndNamesRejectedLinesWithoutT
     EXPECT_EQ(answer("Password for 'https://jo@h': "), "first");  // present items keep their password
 
     // Nothing else rejected: importing again adds nothing and skips the one.
-    const auto again = tool({"import-git-credentials", write("creds2", "https://jo:other@h\n")});
+    const auto again = tool({"import-git-credentials", write("creds2", "https://jo:first@h\n")});
     EXPECT_EQ(again.exitStatus, 0);
     EXPECT_EQ(again.standardOutput, "added 0, skipped 1 already present, rejected 0\n");
+}
+
+TEST_F(ImportGitCredentialsTest, APasswordOtherThanTheKeychainsIsNeitherStoredNorRemoved)
+{
+    ASSERT_EQ(tool({"add-internet-password", "--url", "https://jo@h"}, "in-keychain").exitStatus, 0);
+    const auto file = write(".git-credentials", "https://al:fine@h\nhttps://jo:secret-newer@h\n");
+    const auto run = tool({"import-git-credentials", "--remove"});
+    EXPECT_EQ(run.exitStatus, 1);
+    EXPECT_EQ(run.standardOutput, "added 1, skipped 0 already present, rejected 1\n");
+    EXPECT_THAT(run.standardError, HasSubstr("line 2: the keychain holds another password"));
+    EXPECT_THAT(run.standardError, Not(HasSubstr("secret")));
+    EXPECT_TRUE(std::filesystem::exists(file));  // the only copy of the newer password
+    EXPECT_EQ(answer("Password for 'https://jo@h': "), "in-keychain");
+}
+
+TEST_F(ImportGitCredentialsTest, ReadsOnlyFilesAndRemovesOnlyRegularOnes)
+{
+    const auto folder = home() + "/folder";
+    std::filesystem::create_directory(folder);
+    auto run = tool({"import-git-credentials", "--remove", folder});
+    EXPECT_EQ(run.exitStatus, 1);
+    EXPECT_THAT(run.standardError, HasSubstr("Is a directory"));
+    EXPECT_TRUE(std::filesystem::exists(folder));
+
+    // An endless file ends at a bound instead of filling memory.
+    run = tool({"import-git-credentials", "/dev/zero"});
+    EXPECT_EQ(run.exitStatus, 1);
+    EXPECT_THAT(run.standardError, HasSubstr("cannot read /dev/zero"));
+
+    // Removing a link would leave the passwords in the file it names.
+    const auto target = write("dotfiles/git-credentials", "https://jo:a@h\n");
+    const auto link = home() + "/.git-credentials";
+    std::filesystem::create_symlink(target, link);
+    run = tool({"import-git-credentials", "--remove"});
+    EXPECT_EQ(run.exitStatus, 1);
+    EXPECT_EQ(run.standardOutput, "added 1, skipped 0 already present, rejected 0\n");
+    EXPECT_THAT(run.standardError, HasSubstr("not removed " + link));
+    EXPECT_TRUE(std::filesystem::is_symlink(link));
+    EXPECT_TRUE(std::filesystem::exists(target));
+}
+
+TEST_F(ImportGitCredentialsTest, WarnsThatAFileOthersCouldReadMayHaveGivenAwayItsPasswords)
+{
+    const auto file = write("creds", "https://jo:a@h\n");
+    std::filesystem::permissions(file, std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+    auto run = tool({"import-git-credentials", file});
+    EXPECT_EQ(run.exitStatus, 0);
+    EXPECT_THAT(run.standardError, IsEmpty());
+
+    std::filesystem::permissions(file, std::filesystem::perms::group_read | std::filesystem::perms::others_read,
+                                 std::filesystem::perm_options::add);
+    run = tool({"import-git-credentials", "--remove", file});
+    EXPECT_EQ(run.exitStatus, 0);
+    EXPECT_THAT(run.standardError, HasSubstr(file + " could be read by other users (mode 0644)"));
+    EXPECT_FALSE(std::filesystem::exists(file));
 }
 
 TEST_F(ImportGitCredentialsTest, RemovesOnlyFilesWhoseEveryLineWasStored)
