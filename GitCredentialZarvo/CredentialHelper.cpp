@@ -301,8 +301,13 @@ private:
             return kExitDone;
         }
         const auto status = static_cast<OSStatus>(error->code());
+        // A refused keychain is named, with what is wrong with it and how to
+        // mend it: git shows this line at every fetch until it is mended.
         *errors_ += std::string(kProgram) + ": " +
-                    SecCopyErrorMessageString(status).value_or("keychain error " + std::to_string(status)) + "\n";
+                    (status == errSecUnprotectedKeychain
+                         ? SecKeychainCopyRefusalReason()
+                         : SecCopyErrorMessageString(status).value_or("keychain error " + std::to_string(status))) +
+                    "\n";
         return kExitFailed;
     }
 

@@ -17,6 +17,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 using namespace platform;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
@@ -289,6 +291,22 @@ TEST_F(CredentialHelperTest, WorksOnAKeychainNamedByAnOption)
                                 "protocol=https\nhost=h\nusername=jo\npassword=p\n");
     EXPECT_EQ(missing.status, 1);
     EXPECT_THAT(missing.errors, HasSubstr("git-credential-zarvo: "));
+}
+
+TEST_F(CredentialHelperTest, NamesTheKeychainItRefusesAndWhy)
+{
+    ASSERT_EQ(helper("store", "protocol=https\nhost=h\nusername=jo\npassword=p\n").status, 0);
+    ASSERT_EQ(::chmod(defaultKeychainPath().c_str(), 0644), 0);
+    for (const auto* operation : {"get", "store", "erase"}) {
+        SCOPED_TRACE(operation);
+        const auto run = helper(operation, "protocol=https\nhost=h\nusername=jo\npassword=p\n");
+        EXPECT_EQ(run.status, 1);
+        EXPECT_EQ(run.output, "");
+        // git shows this line at every fetch: the user must be able to act on it.
+        EXPECT_THAT(run.errors, HasSubstr(defaultKeychainPath()));
+        EXPECT_THAT(run.errors, HasSubstr("0644"));
+        EXPECT_EQ(std::count(run.errors.begin(), run.errors.end(), '\n'), 1);
+    }
 }
 
 TEST_F(CredentialHelperTest, ALockedKeychainIsLeftLockedAndAnswersNothing)
