@@ -15,6 +15,7 @@
 #include "Platform/Security/Wipe.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -158,7 +159,7 @@ bool importFile(const Command& command, const std::string& path, std::string_vie
 void warnIfReadableByOthers(const Command& command, const std::string& path)
 {
     struct stat status {};
-    if (::stat(path.c_str(), &status) == 0 && (status.st_mode & (S_IRGRP | S_IROTH)) != 0) {
+    if (::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) && (status.st_mode & (S_IRGRP | S_IROTH)) != 0) {
         char mode[8];
         std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(status.st_mode & 07777));
         fail(command, "warning: " + path + " could be read by other users (mode " + mode +
