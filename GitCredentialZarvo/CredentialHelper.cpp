@@ -63,6 +63,9 @@ std::optional<std::string> parseArguments(const std::vector<std::string>& argume
             }
             invocation->keychainPath = arguments[index];
         } else if (argument.rfind("--keychain=", 0) == 0) {
+            if (argument.size() == 11) {
+                return "--keychain needs the path of a keychain";
+            }
             invocation->keychainPath = argument.substr(11);
         } else if (!argument.empty() && argument[0] == '-') {
             return "unknown option " + argument;
@@ -301,13 +304,15 @@ private:
             return kExitDone;
         }
         const auto status = static_cast<OSStatus>(error->code());
-        // A refused keychain is named, with what is wrong with it and how to
-        // mend it: git shows this line at every fetch until it is mended.
-        *errors_ += std::string(kProgram) + ": " +
-                    (status == errSecUnprotectedKeychain
-                         ? SecKeychainCopyRefusalReason()
-                         : SecCopyErrorMessageString(status).value_or("keychain error " + std::to_string(status))) +
-                    "\n";
+        // A keychain refused or missing is named (refused, with its fault and
+        // how to mend it): git shows this line at every fetch until then.
+        std::string message = status == errSecUnprotectedKeychain
+                                  ? SecKeychainCopyRefusalReason()
+                                  : SecCopyErrorMessageString(status).value_or("keychain error " + std::to_string(status));
+        if (status == errSecNoSuchKeychain && keychain_->path()) {
+            message += " (" + *keychain_->path() + ")";
+        }
+        *errors_ += std::string(kProgram) + ": " + message + "\n";
         return kExitFailed;
     }
 

@@ -291,6 +291,11 @@ TEST_F(CredentialHelperTest, WorksOnAKeychainNamedByAnOption)
                                 "protocol=https\nhost=h\nusername=jo\npassword=p\n");
     EXPECT_EQ(missing.status, 1);
     EXPECT_THAT(missing.errors, HasSubstr("git-credential-zarvo: "));
+    EXPECT_THAT(missing.errors, HasSubstr(sandboxPath("missing")));  // which of the user's keychains
+
+    const auto empty = helper(std::vector<std::string>{"--keychain=", "get"}, "protocol=https\nhost=h\n");
+    EXPECT_EQ(empty.status, 1);
+    EXPECT_THAT(empty.errors, HasSubstr("needs the path of a keychain"));
 }
 
 TEST_F(CredentialHelperTest, NamesTheKeychainItRefusesAndWhy)
