@@ -103,9 +103,9 @@ struct Destination {
            std::string_view(reinterpret_cast<const char*>(stored->data()), stored->size()) == password;
 }
 
-// Stores the credentials of one file. False when the keychain failed, which
-// ends the import (the failure is reported).
-bool importFile(const Command& command, const std::string& path, std::string_view text,
+// Stores the credentials of one file. Anything but kExitSuccess is the exit
+// status of a keychain failure, already reported, which ends the import.
+int importFile(const Command& command, const std::string& path, std::string_view text,
                 const Destination& destination, Tally* tally)
 {
     int number = 0;
@@ -144,14 +144,13 @@ bool importFile(const Command& command, const std::string& path, std::string_vie
                                       "(add-internet-password -U replaces the keychain's)");
                 ++tally->rejected;
             } else {
-                return report(command, status) == kExitSuccess;
+                return report(command, status);
             }
         } else {
-            const int status = report(command, error ? static_cast<OSStatus>(error->code()) : errSecParam);
-            return status == kExitSuccess;
+            return report(command, error ? static_cast<OSStatus>(error->code()) : errSecParam);
         }
     }
-    return true;
+    return kExitSuccess;
 }
 
 // A credentials file others can read has shown them its passwords; moving
@@ -222,11 +221,11 @@ int importGitCredentials(const Command& command, const Options& options)
         foundAny = true;
         warnIfReadableByOthers(command, path);
         const int rejectedBefore = tally.rejected;
-        const bool stored = importFile(
+        const int stored = importFile(
             command, path, std::string_view(reinterpret_cast<const char*>(contents->data()), contents->size()),
             destination, &tally);
-        if (!stored) {
-            return kExitFailure;
+        if (stored != kExitSuccess) {
+            return stored;
         }
         if (tally.rejected == rejectedBefore) {
             imported.push_back(path);

@@ -162,6 +162,10 @@ TEST_F(ImportGitCredentialsTest, FailsClearlyWithoutAFile)
     EXPECT_THAT(run.standardError, HasSubstr("cannot read"));
     run = tool({"import-git-credentials", "--bogus"});
     EXPECT_EQ(run.exitStatus, 2);
+    // A keychain that is not there ends the import with that command's status.
+    run = tool({"import-git-credentials", "-k", home() + "/missing.keychain-db", write("creds", "https://jo:p@h\n")});
+    EXPECT_EQ(run.exitStatus, 7);
+    EXPECT_EQ(run.standardOutput, "");
 }
 
 TEST_F(ImportGitCredentialsTest, ALockedKeychainTakesItsPasswordFromTheFirstLine)
