@@ -27,8 +27,13 @@ std::optional<CredentialRequest> readCredentialRequest(std::string_view input, s
     while (!input.empty()) {
         ++number;
         const auto end = input.find('\n');
-        const std::string_view line = input.substr(0, end);
+        std::string_view line = input.substr(0, end);
         input = end == std::string_view::npos ? std::string_view() : input.substr(end + 1);
+        // git's own reader takes CR LF for a line end too, so no value it
+        // hands on ends in CR.
+        if (!line.empty() && line.back() == '\r') {
+            line.remove_suffix(1);
+        }
         if (line.empty()) {
             break;
         }

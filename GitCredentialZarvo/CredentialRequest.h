@@ -1,5 +1,6 @@
 // CredentialRequest: the attributes git hands a credential helper on standard
-// input, one "key=value" a line, up to an empty line or the end of input.
+// input, one "key=value" a line (ended by LF or CR LF), up to an empty line
+// or the end of input.
 //
 // Reading is strict about the shape of the input and lenient about its
 // content: a line without "=", with a NUL byte, with bytes that are not UTF-8

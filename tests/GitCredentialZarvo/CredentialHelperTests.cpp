@@ -82,6 +82,16 @@ TEST(CredentialRequestTest, TheEndOfInputEndsTheLastLine)
     EXPECT_TRUE(readCredentialRequest("", &problem));
 }
 
+TEST(CredentialRequestTest, TakesCarriageReturnLineFeedAsALineEndAsGitDoes)
+{
+    std::string problem;
+    const auto request = readCredentialRequest("protocol=https\r\nhost=example.com\r\n\r\nuser=late\r\n", &problem);
+    ASSERT_TRUE(request) << problem;
+    EXPECT_EQ(request->value("protocol"), "https");
+    EXPECT_EQ(request->value("host"), "example.com");
+    EXPECT_EQ(request->value("user"), std::nullopt);
+}
+
 TEST(CredentialRequestTest, RefusesMalformedLinesNamingOnlyTheLine)
 {
     const struct {
