@@ -220,7 +220,7 @@ private:
     // an ID object, and one would cost as much again as the fault. Written
     // once, before the object is shared, and never changed: a later ID goes
     // into objectID_, which readers look at first.
-    const std::string* partsStore_ = nullptr;  // interned (ManagedObjectID::permanentID)
+    const std::string* partsStore_ = nullptr;  // interned (InternedStoreIdentifier)
     std::int64_t partsKey_ = 0;
     // The ID object, when one was set or made from the parts (idLock()).
     mutable ManagedObjectIDRef objectID_;

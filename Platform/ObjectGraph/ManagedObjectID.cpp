@@ -46,13 +46,10 @@ const std::string& ManagedObjectID::emptyStoreIdentifier()
     return empty;
 }
 
-const std::string* ManagedObjectID::internedStoreIdentifier(const std::string& identifier)
+InternedStoreIdentifier::InternedStoreIdentifier(const std::string& identifier)
 {
-    // Nearly every call names the store of the call before (a fetch makes
-    // its IDs in a row): that needs no lock.
-    thread_local const std::string* last = nullptr;
-    if (last != nullptr && *last == identifier) {
-        return last;
+    if (identifier.empty()) {
+        return;
     }
     struct Interned {
         std::mutex lock;
@@ -61,8 +58,7 @@ const std::string* ManagedObjectID::internedStoreIdentifier(const std::string& i
     // Never destroyed: IDs may be made and compared while statics are torn down.
     static auto* interned = new Interned;
     std::lock_guard guard(interned->lock);
-    last = &*interned->identifiers.insert(identifier).first;
-    return last;
+    text_ = &*interned->identifiers.insert(identifier).first;
 }
 
 ManagedObjectIDRef ManagedObjectID::temporaryID(const EntityDescription& entity)
@@ -71,13 +67,10 @@ ManagedObjectIDRef ManagedObjectID::temporaryID(const EntityDescription& entity)
                                              nextTemporaryKey.fetch_add(1, std::memory_order_relaxed), true);
 }
 
-ManagedObjectIDRef ManagedObjectID::permanentID(const EntityDescription& entity,
-                                                const std::shared_ptr<const std::string>& storeIdentifier,
+ManagedObjectIDRef ManagedObjectID::permanentID(const EntityDescription& entity, InternedStoreIdentifier store,
                                                 std::int64_t primaryKey)
 {
-    // An absent and an empty identifier both mean no store: one key for both.
-    const bool named = storeIdentifier && !storeIdentifier->empty();
-    return fromParts(entity, named ? internedStoreIdentifier(*storeIdentifier) : nullptr, primaryKey);
+    return fromParts(entity, store.text(), primaryKey);
 }
 
 ManagedObjectIDRef ManagedObjectID::fromParts(const EntityDescription& entity, const std::string* store,

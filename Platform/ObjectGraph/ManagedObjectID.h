@@ -36,7 +36,7 @@ class ManagedObjectID;
 // table of a context and a fault's own ID (kept in parts until someone asks
 // for the ID object) compare these without an ID object. `store` is null for
 // a temporary ID; stores compare by address, as their identifiers are
-// interned (ManagedObjectID::permanentID).
+// interned (InternedStoreIdentifier).
 struct ManagedObjectIDKey {
     const EntityDescription* entity = nullptr;
     const std::string* store = nullptr;
@@ -49,17 +49,29 @@ struct ManagedObjectIDKey {
 // Immutable, so shared without const (values and collections hold it so).
 using ManagedObjectIDRef = std::shared_ptr<ManagedObjectID>;
 
+// The one copy of a store identifier's text that IDs point at, kept for the
+// rest of the process (a process sees a few stores, 32 digits each), so that
+// equal stores are one address: an ID spends 8 bytes on its store rather
+// than a shared_ptr's 16, and so does a fault. Interning takes a lock, so a
+// store interns its identifier once, when it is set, not once per ID.
+class InternedStoreIdentifier {
+public:
+    InternedStoreIdentifier() = default;  // no store
+    // An empty identifier is no store, like an absent one.
+    explicit InternedStoreIdentifier(const std::string& identifier);
+
+    const std::string* text() const { return text_; }
+
+private:
+    const std::string* text_ = nullptr;
+};
+
 inline constexpr std::string_view kManagedObjectURIScheme = "x-zarvo-object";
 
 class ManagedObjectID final : public Object {
 public:
     static ManagedObjectIDRef temporaryID(const EntityDescription& entity);
-    // The ID keeps a pointer to one copy of the store identifier's text,
-    // kept for the rest of the process (a process sees a few stores, 32
-    // digits each), so that equal stores are one address: an ID spends 8
-    // bytes on its store rather than a shared_ptr's 16, and so does a fault.
-    static ManagedObjectIDRef permanentID(const EntityDescription& entity,
-                                          const std::shared_ptr<const std::string>& storeIdentifier,
+    static ManagedObjectIDRef permanentID(const EntityDescription& entity, InternedStoreIdentifier store,
                                           std::int64_t primaryKey);
 
     const EntityDescription& entity() const { return *entity_; }
@@ -102,8 +114,6 @@ private:
     friend class ManagedObject;  // keeps a fault's ID in parts
 
     static const std::string& emptyStoreIdentifier();
-    // The one copy of `identifier` that IDs point at.
-    static const std::string* internedStoreIdentifier(const std::string& identifier);
     // A permanent ID from the parts of another one (`store` interned).
     static ManagedObjectIDRef fromParts(const EntityDescription& entity, const std::string* store,
                                         std::int64_t primaryKey);

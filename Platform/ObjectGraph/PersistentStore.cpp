@@ -32,7 +32,13 @@ Dictionary PersistentStore::metadata() const
 
 ManagedObjectIDRef PersistentStore::objectIDFor(const EntityDescription& entity, std::int64_t primaryKey) const
 {
-    return ManagedObjectID::permanentID(entity, identifier_, primaryKey);
+    return ManagedObjectID::permanentID(entity, internedIdentifier_, primaryKey);
+}
+
+void PersistentStore::setIdentifier(std::string identifier)
+{
+    identifier_ = std::make_shared<const std::string>(std::move(identifier));
+    internedIdentifier_ = InternedStoreIdentifier(*identifier_);
 }
 
 std::string PersistentStore::makeStoreIdentifier()

@@ -150,13 +150,14 @@ public:
 
 protected:
     explicit PersistentStore(Configuration configuration) : configuration_(std::move(configuration)) {}
-    void setIdentifier(std::string identifier) { identifier_ = std::make_shared<const std::string>(std::move(identifier)); }
+    void setIdentifier(std::string identifier);
     // A new random store identifier: 32 upper-case hex digits.
     static std::string makeStoreIdentifier();
 
 private:
     Configuration configuration_;
     std::shared_ptr<const std::string> identifier_;
+    InternedStoreIdentifier internedIdentifier_;  // what this store's IDs point at
 };
 
 using PersistentStoreRef = std::shared_ptr<PersistentStore>;

@@ -292,31 +292,36 @@ TEST(ManagedObjectIDTest, PermanentURIsNameStoreEntityAndKeyAndParseBack)
 {
     const auto model = readModel(kCompanyModel);
     const EntityDescription& employee = *model->entityNamed("Employee");
-    const auto store = std::make_shared<const std::string>("0123456789ABCDEF0123456789ABCDEF");
-    const auto id = ManagedObjectID::permanentID(employee, store, 42);
+    const std::string store = "0123456789ABCDEF0123456789ABCDEF";
+    const auto id = ManagedObjectID::permanentID(employee, InternedStoreIdentifier(store), 42);
     EXPECT_EQ(id->URIRepresentation().absoluteString(),
               "x-zarvo-object://0123456789ABCDEF0123456789ABCDEF/Employee/p42");
     const auto parts = ManagedObjectID::parseURIRepresentation(id->URIRepresentation());
     ASSERT_TRUE(parts.has_value());
-    EXPECT_EQ(parts->storeIdentifier, *store);
+    EXPECT_EQ(parts->storeIdentifier, store);
     EXPECT_EQ(parts->entityName, "Employee");
     EXPECT_EQ(parts->primaryKey, 42);
 
-    EXPECT_TRUE(id->isEqual(*ManagedObjectID::permanentID(employee, std::make_shared<const std::string>(*store), 42)));
-    EXPECT_FALSE(id->isEqual(*ManagedObjectID::permanentID(employee, store, 43)));
-    EXPECT_FALSE(id->isEqual(*ManagedObjectID::permanentID(*model->entityNamed("Department"), store, 42)));
+    // Interned again from another copy of the text: the same store.
+    const InternedStoreIdentifier again{std::string(store)};
+    EXPECT_EQ(again.text(), InternedStoreIdentifier(store).text());
+    EXPECT_TRUE(id->isEqual(*ManagedObjectID::permanentID(employee, again, 42)));
+    EXPECT_FALSE(id->isEqual(*ManagedObjectID::permanentID(employee, again, 43)));
+    EXPECT_FALSE(id->isEqual(*ManagedObjectID::permanentID(*model->entityNamed("Department"), again, 42)));
 
     // IDs keep one process-wide copy of each store identifier and compare
-    // stores by it: another store's ID differs, whichever was made last, and
-    // an ID made on another thread (as merges see them) equals this one.
-    const auto otherStore = std::make_shared<const std::string>("FEDCBA9876543210FEDCBA9876543210");
-    const auto ofOtherStore = ManagedObjectID::permanentID(employee, otherStore, 42);
+    // stores by it: another store's ID differs, and an ID made on another
+    // thread (as merges see them) equals this one. An empty identifier is
+    // no store at all.
+    const std::string otherStore = "FEDCBA9876543210FEDCBA9876543210";
+    const auto ofOtherStore = ManagedObjectID::permanentID(employee, InternedStoreIdentifier(otherStore), 42);
     EXPECT_FALSE(id->isEqual(*ofOtherStore));
-    EXPECT_EQ(ofOtherStore->storeIdentifier(), *otherStore);
-    EXPECT_EQ(ManagedObjectID::permanentID(employee, store, 42)->storeIdentifier(), *store);
+    EXPECT_EQ(ofOtherStore->storeIdentifier(), otherStore);
+    EXPECT_EQ(id->storeIdentifier(), store);
+    EXPECT_EQ(InternedStoreIdentifier(std::string()).text(), nullptr);
     ManagedObjectIDRef fromThread;
     std::thread([&] {
-        fromThread = ManagedObjectID::permanentID(employee, std::make_shared<const std::string>(*store), 42);
+        fromThread = ManagedObjectID::permanentID(employee, InternedStoreIdentifier(std::string(store)), 42);
     }).join();
     EXPECT_TRUE(id->isEqual(*fromThread));
     EXPECT_EQ(id->hash(), fromThread->hash());
