@@ -257,6 +257,11 @@ public:
 
     int erase(const URL& url, const CredentialRequest& request)
     {
+        // Without the key, a stored password cannot be told from the one the
+        // server rejected: a locked keychain is left as it is.
+        if (isLocked()) {
+            return kExitDone;
+        }
         ErrorRef error;
         const auto candidates = QMInternetPasswordKeychainItem::findAllInternetPasswordsForURL(url, keychain_, &error);
         if (!candidates) {
@@ -296,6 +301,16 @@ public:
     }
 
 private:
+    bool isLocked() const
+    {
+        SecKeychainRef reference = keychain_->keychainRef();
+        if (!reference && SecKeychainCopyDefault(&reference) != errSecSuccess) {
+            return false;  // no keychain: the look-up will say so
+        }
+        SecKeychainStatus status;
+        return SecKeychainGetStatus(reference, &status) == errSecSuccess && status.hasPassword && !status.isUnlocked;
+    }
+
     // Locked keychains and missing items are nothing to say; any other
     // failure gets one line.
     int outcome(const ErrorRef& error)

@@ -344,6 +344,11 @@ TEST_F(CredentialHelperTest, ALockedKeychainIsLeftLockedAndAnswersNothing)
         EXPECT_EQ(run.output, "");
         EXPECT_EQ(run.errors, "");
     }
+    // Not even an erase without a password, which needs no secret to find
+    // its item: the unlocked look-up below still finds it.
+    const auto erase = helper(std::vector<std::string>{"-k", path, "erase"}, "protocol=https\nhost=h\nusername=jo\n");
+    EXPECT_EQ(erase.status, 0);
+    EXPECT_EQ(erase.errors, "");
     SecKeychainStatus state;
     ASSERT_EQ(SecKeychainGetStatus(keychain, &state), errSecSuccess);
     EXPECT_FALSE(state.isUnlocked);
