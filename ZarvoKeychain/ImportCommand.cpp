@@ -75,6 +75,14 @@ struct Tally {
     if (!url->password()) {
         return refuseValue("no password", error);
     }
+    // git reads a password or user name as one line, from the helper and
+    // from the responder alike: one with a line break or NUL in it (a "%0A")
+    // could be stored but never given back.
+    const std::string_view lineEnds("\n\r\0", 3);
+    if (url->user()->find_first_of(lineEnds) != std::string::npos ||
+        url->password()->find_first_of(lineEnds) != std::string::npos) {
+        return refuseValue("the user name or password holds a line break or NUL, which git cannot be given", error);
+    }
     return true;
 }
 

@@ -69,15 +69,18 @@ TEST_F(ImportGitCredentialsTest, SkipsWhatIsPresentAndNamesRejectedLinesWithoutT
                                      "not a url secret-one\n"
                                      "gopher://jo:secret-two@h\n"
                                      "https://secret-three@h\n"
-                                     "https://jo:first@h\n");
+                                     "https://jo:first@h\n"
+                                     "https://al:secret%0Afour@h2\n");
     const auto run = tool({"import-git-credentials", file});
     EXPECT_EQ(run.exitStatus, 1);
-    EXPECT_EQ(run.standardOutput, "added 1, skipped 1 already present, rejected 3\n");
+    EXPECT_EQ(run.standardOutput, "added 1, skipped 1 already present, rejected 4\n");
     EXPECT_THAT(run.standardError, HasSubstr("line 2: not a URL"));
     EXPECT_THAT(run.standardError, HasSubstr("line 3: the scheme"));
     EXPECT_THAT(run.standardError, HasSubstr("line 4: no password"));
+    EXPECT_THAT(run.standardError, HasSubstr("line 6: the user name or password holds a line break"));
     EXPECT_THAT(run.standardError, Not(HasSubstr("secret")));
     EXPECT_EQ(answer("Password for 'https://jo@h': "), "first");  // present items keep their password
+    EXPECT_EQ(answer("Password for 'https://al@h2': "), "");
 
     // Nothing else rejected: importing again adds nothing and skips the one.
     const auto again = tool({"import-git-credentials", write("creds2", "https://jo:first@h\n")});
