@@ -334,7 +334,9 @@ void CurlDriver::leaveCurl()
 
 void CurlDriver::afterCurl()
 {
-    std::vector<URLConnectionRef> touched;
+    // The last round's list, for its room; a round that a delegate runs
+    // inside this one makes a list of its own.
+    std::vector<URLConnectionRef> touched = std::move(spareTouched_);
     // A redirect goes back to curl, which then asks for a time-out at once.
     do {
         serveDueTimeouts();
@@ -347,6 +349,8 @@ void CurlDriver::afterCurl()
     } while (timeoutDue_);
     markBusy(!running_.empty());
     deliverEvents(touched);
+    touched.clear();
+    spareTouched_ = std::move(touched);
 }
 
 void CurlDriver::serveDueTimeouts()

@@ -102,6 +102,7 @@ private:
     std::vector<std::function<void()>> deferred_;
     std::unordered_map<curl_socket_t, unsigned> muted_;
     std::vector<CURL*> idleHandles_;
+    std::vector<URLConnectionRef> spareTouched_;
 };
 
 // The run loop of the transport's own thread, which drives the loads whose
