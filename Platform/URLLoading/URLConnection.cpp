@@ -94,6 +94,16 @@ void URLConnection::cancel()
     }
 }
 
+void URLConnection::Event::callOn(URLConnectionDelegate& delegate, const URLConnectionRef& connection) const
+{
+    switch (kind) {
+    case Kind::Response: delegate.connectionDidReceiveResponse(connection, response); break;
+    case Kind::Data: delegate.connectionDidReceiveData(connection, data); break;
+    case Kind::Finish: delegate.connectionDidFinishLoading(connection); break;
+    case Kind::Failure: delegate.connectionDidFailWithError(connection, error); break;
+    }
+}
+
 void URLConnection::deliver(Event event)
 {
     if (isCancelled() || !delegate_) {
@@ -102,12 +112,12 @@ void URLConnection::deliver(Event event)
     if (!delegateQueue_) {
         // Held here: the delegate may cancel, which lets the connection's go.
         const auto delegate = delegate_;
-        event(*delegate, self());
+        event.callOn(*delegate, self());
         return;
     }
     delegateQueue_->addOperationWithBlock([connection = self(), delegate = delegate_, event = std::move(event)] {
         if (!connection->isCancelled()) {
-            event(*delegate, connection);
+            event.callOn(*delegate, connection);
         }
     });
 }

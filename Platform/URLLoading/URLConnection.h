@@ -94,7 +94,16 @@ public:
 private:
     friend class urlloading_internal::Transfer;
     friend class urlloading_internal::CurlDriver;
-    using Event = std::function<void(URLConnectionDelegate&, const URLConnectionRef&)>;
+    // One callback recorded for the delegate: a plain record rather than a
+    // closure, so that recording one allocates nothing beyond a chunk's bytes.
+    struct Event {
+        enum class Kind { Response, Data, Finish, Failure };
+        Kind kind;
+        HTTPURLResponseRef response;  // Response
+        Data data;                    // Data
+        ErrorRef error;               // Failure
+        void callOn(URLConnectionDelegate& delegate, const URLConnectionRef& connection) const;
+    };
 
     URLConnection(URLRequestRef request, URLConnectionDelegateRef delegate);
     URLConnectionRef self();

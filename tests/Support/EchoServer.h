@@ -13,6 +13,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
+#include <cctype>
 #include <cstdlib>
 #include <optional>
 #include <string>
@@ -52,6 +54,20 @@ public:
             }
         }
         return std::nullopt;
+    }
+    // How many fields of that name came, in any letter case.
+    std::size_t count(std::string_view name) const
+    {
+        const auto folded = [](std::string_view text) {
+            std::string lower(text);
+            std::transform(lower.begin(), lower.end(), lower.begin(), [](unsigned char c) { return std::tolower(c); });
+            return lower;
+        };
+        std::size_t found = 0;
+        for (const auto& entry : seen_["headers"]) {
+            found += folded(entry[0].get<std::string>()) == folded(name) ? 1 : 0;
+        }
+        return found;
     }
 
 private:

@@ -112,7 +112,7 @@ void CurlDriver::add(const URLConnectionRef& connection)
         return;
     }
     CURL* easy = connection->transfer_->handle();
-    running_.emplace(easy, connection);
+    running_.emplace_back(easy, connection);
     markBusy(true);
     enterCurl();
     curl_multi_add_handle(multi_, easy);
@@ -126,7 +126,7 @@ void CurlDriver::remove(const URLConnectionRef& connection)
         deferred_.push_back([this, connection] { remove(connection); });
         return;
     }
-    if (!connection->transfer_ || running_.erase(connection->transfer_->handle()) == 0) {
+    if (!connection->transfer_ || !forget(connection->transfer_->handle())) {
         return;
     }
     // A transfer removed before its end may have its sockets closed by curl
@@ -189,7 +189,7 @@ void CurlDriver::watchSocket(CURL* easy, curl_socket_t socket, int what)
         }
         return;
     }
-    socketOwners_[socket] = easy;
+    socketOwners_[socket] = easy;  // an entry kept while parked, so seldom a new one
     if (const auto muted = muted_.find(socket); muted != muted_.end()) {
         muted->second = watchedEvents(what);  // watched again once curl returns
         return;
@@ -222,7 +222,9 @@ void CurlDriver::stopWatching(curl_socket_t socket)
 // again, and curl finds the connection dead then.
 void CurlDriver::park(curl_socket_t socket)
 {
-    socketOwners_.erase(socket);
+    if (const auto found = socketOwners_.find(socket); found != socketOwners_.end()) {
+        found->second = nullptr;
+    }
     muted_.erase(socket);
 }
 
@@ -269,9 +271,15 @@ void CurlDriver::rearmIfCurlStillWaits()
     }
 }
 
+bool CurlDriver::isCurls(curl_socket_t socket) const
+{
+    const auto found = socketOwners_.find(socket);
+    return found != socketOwners_.end() && found->second != nullptr;
+}
+
 void CurlDriver::act(curl_socket_t socket, int events)
 {
-    if (socket != CURL_SOCKET_TIMEOUT && !socketOwners_.contains(socket)) {
+    if (socket != CURL_SOCKET_TIMEOUT && !isCurls(socket)) {
         if (const auto found = sockets_.find(socket); found != sockets_.end()) {
             found->second->setEvents(FileDescriptorSource::None);  // parked
         }
@@ -326,7 +334,9 @@ void CurlDriver::leaveCurl()
 
 void CurlDriver::afterCurl()
 {
-    std::vector<URLConnectionRef> touched;
+    // The last round's list, for its room; a round that a delegate runs
+    // inside this one makes a list of its own.
+    std::vector<URLConnectionRef> touched = std::move(spareTouched_);
     // A redirect goes back to curl, which then asks for a time-out at once.
     do {
         serveDueTimeouts();
@@ -339,6 +349,8 @@ void CurlDriver::afterCurl()
     } while (timeoutDue_);
     markBusy(!running_.empty());
     deliverEvents(touched);
+    touched.clear();
+    spareTouched_ = std::move(touched);
 }
 
 void CurlDriver::serveDueTimeouts()
@@ -360,7 +372,7 @@ void CurlDriver::finishCompletedTransfers(std::vector<URLConnectionRef>& touched
         if (message->msg != CURLMSG_DONE) {
             continue;
         }
-        const auto found = running_.find(message->easy_handle);
+        const auto found = findRunning(message->easy_handle);
         if (found == running_.end()) {
             continue;
         }
@@ -391,7 +403,7 @@ void CurlDriver::deliverEvents(const std::vector<URLConnectionRef>& touched)
         for (auto& event : connection->transfer_->takePendingEvents()) {
             connection->deliver(std::move(event));
         }
-        if (connection->transfer_ && !running_.contains(connection->transfer_->handle())) {
+        if (connection->transfer_ && findRunning(connection->transfer_->handle()) == running_.end()) {
             end(connection);
         }
     }
@@ -405,6 +417,21 @@ void CurlDriver::end(const URLConnectionRef& connection)
     recycle(connection->transfer_->releaseHandle());
     connection->transfer_.reset();
     connection->delegate_.reset();
+}
+
+std::vector<std::pair<CURL*, URLConnectionRef>>::iterator CurlDriver::findRunning(CURL* easy)
+{
+    return std::find_if(running_.begin(), running_.end(), [easy](const auto& entry) { return entry.first == easy; });
+}
+
+bool CurlDriver::forget(CURL* easy)
+{
+    const auto found = findRunning(easy);
+    if (found == running_.end()) {
+        return false;
+    }
+    running_.erase(found);
+    return true;
 }
 
 CURL* CurlDriver::takeHandle()

@@ -59,6 +59,9 @@ private:
     void disarmTimer();
     void rearmIfCurlStillWaits();
 
+    // Whether curl has asked for `socket` to be watched: it is watched and
+    // not parked.
+    bool isCurls(curl_socket_t socket) const;
     void act(curl_socket_t socket, int events);
     void socketAction(curl_socket_t socket, int events);
     void enterCurl();
@@ -69,6 +72,9 @@ private:
     void deliverEvents(const std::vector<URLConnectionRef>& touched);
     void end(const URLConnectionRef& connection);
     void markBusy(bool busy);
+    std::vector<std::pair<CURL*, URLConnectionRef>>::iterator findRunning(CURL* easy);
+    // Takes `easy` off the running transfers; false when it was not one.
+    bool forget(CURL* easy);
     CURL* takeHandle();
     void configureSharedOptions(CURL* easy);
     void recycle(Transfer::ReleasedHandle released);
@@ -76,8 +82,8 @@ private:
     CURLM* multi_;
     RunLoopRef loop_;
     std::unordered_map<curl_socket_t, FileDescriptorSourceRef> sockets_;
-    // The transfer each watched socket was last reported for; a watched
-    // socket without one is a parked connection.
+    // The transfer each watched socket was last reported for; a parked
+    // connection's socket has none (null).
     std::unordered_map<curl_socket_t, CURL*> socketOwners_;
     // The connections' sockets, opened here, open until curl closes them here.
     std::unordered_set<curl_socket_t> connectionSockets_;
@@ -85,7 +91,9 @@ private:
     // curl has a deadline for the timer: it is not a year ahead.
     bool timerArmed_ = false;
     bool busy_ = false;
-    std::unordered_map<CURL*, URLConnectionRef> running_;
+    // The transfers in curl's hands with their connections: a handful per
+    // thread, so a list, which adding and removing one leaves allocated.
+    std::vector<std::pair<CURL*, URLConnectionRef>> running_;
     bool timeoutDue_ = false;
     // Calls into curl in progress: while there are any, handles are added and
     // removed later, from the loop (a trust challenge runs inside curl), and
@@ -94,6 +102,7 @@ private:
     std::vector<std::function<void()>> deferred_;
     std::unordered_map<curl_socket_t, unsigned> muted_;
     std::vector<CURL*> idleHandles_;
+    std::vector<URLConnectionRef> spareTouched_;
 };
 
 // The run loop of the transport's own thread, which drives the loads whose

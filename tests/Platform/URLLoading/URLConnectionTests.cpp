@@ -151,6 +151,38 @@ TEST_F(URLConnectionTest, ACallersUserAgentInAnySpellingReplacesTheTransports)
     EXPECT_FALSE(wire.field("User-Agent"));
 }
 
+// The transport names the encodings it decodes in a field of its own list,
+// shared by the requests that set no field: it must go exactly once, with or
+// without fields of the caller's, and yield to the caller's own.
+TEST_F(URLConnectionTest, AsksOnceForTheEncodingsItDecodesUnlessTheCallerAsks)
+{
+    const auto plain = seen(*load(request(server_.url("/echo"))));
+    ASSERT_TRUE(plain.field("Accept-Encoding"));
+    EXPECT_NE(plain.field("Accept-Encoding")->find("gzip"), std::string::npos);
+    EXPECT_NE(plain.field("Accept-Encoding")->find("deflate"), std::string::npos);
+    EXPECT_EQ(plain.count("Accept-Encoding"), 1U);
+    EXPECT_EQ(plain.count("User-Agent"), 1U);
+
+    auto other = MutableURLRequest::create(*URL::fromString(server_.url("/echo")));
+    other->setValueForHTTPHeaderField("1", "X-Other");
+    const auto withField = seen(*load(other->copy()));
+    EXPECT_EQ(withField.field("Accept-Encoding"), plain.field("Accept-Encoding"));
+    EXPECT_EQ(withField.count("Accept-Encoding"), 1U);
+    EXPECT_EQ(withField.field("X-Other"), "1");
+
+    auto own = MutableURLRequest::create(*URL::fromString(server_.url("/echo")));
+    own->setValueForHTTPHeaderField("identity", "accept-encoding");
+    const auto wire = seen(*load(own->copy()));
+    EXPECT_EQ(wire.field("accept-encoding"), "identity");
+    EXPECT_EQ(wire.count("Accept-Encoding"), 1U);
+
+    // The shared list is not the last request's: a bare request after one
+    // with fields sends none of them.
+    const auto after = seen(*load(request(server_.url("/echo"))));
+    EXPECT_FALSE(after.field("X-Other"));
+    EXPECT_EQ(after.count("Accept-Encoding"), 1U);
+}
+
 TEST_F(URLConnectionTest, SendsEachMethodWithOrWithoutABody)
 {
     for (const char* method : {"GET", "POST", "DELETE", "PATCH"}) {
