@@ -60,7 +60,8 @@ install(FILES ${PROJECT_BINARY_DIR}/qmfoundation.pc DESTINATION ${CMAKE_INSTALL_
 
 # Man pages: scdoc source in docs/man, converted by the default build so that
 # install and package always find them, and gzip-compressed as Debian installs
-# them. The fixed date and gzip -n keep the pages byte-identical from build to build.
+# them. The fixed date and gzip -n keep the pages byte-identical from build to build;
+# a failed conversion leaves no page behind that a later build would take as done.
 find_program(SCDOC scdoc)
 if(NOT SCDOC)
   message(FATAL_ERROR "scdoc converts the man pages: install the Debian package scdoc (scripts/install-deps)")
@@ -74,7 +75,7 @@ foreach(program IN ITEMS zarvo-askpass zarvo-keychain git-credential-zarvo)
   add_custom_command(OUTPUT ${page} ${page}.gz
     COMMAND ${CMAKE_COMMAND} -E make_directory ${PROJECT_BINARY_DIR}/man
     COMMAND ${CMAKE_COMMAND} -E env SOURCE_DATE_EPOCH=${ZARVO_MAN_DATE_EPOCH}
-            sh -c "\"$0\" < \"$1\" > \"$2\"" ${SCDOC} ${source} ${page}
+            sh -c "\"$0\" < \"$1\" > \"$2.new\" && mv \"$2.new\" \"$2\"" ${SCDOC} ${source} ${page}
     COMMAND ${GZIP} -9nkf ${page}
     DEPENDS ${source}
     COMMENT "Converting the man page of ${program}"
