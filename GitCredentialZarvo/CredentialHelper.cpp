@@ -36,9 +36,11 @@ constexpr std::string_view kUsage =
     "usage: git-credential-zarvo [-k keychain | --keychain keychain] (get | store | erase)\n"
     "\n"
     "git's credential helper on the keychain zarvo-askpass answers from. Wire it with\n"
-    "    git config --global credential.helper zarvo\n"
-    "git then runs it with the operation and the credential's attributes on standard\n"
-    "input. Without -k the default keychain is used.\n";
+    "    git config --global credential.helper \"$(command -v git-credential-zarvo)\"\n"
+    "The short form credential.helper zarvo works too while the helper is on PATH,\n"
+    "but git then starts a second git to find it. git runs it with the operation and\n"
+    "the credential's attributes on standard input. Without -k the default keychain\n"
+    "is used.\n";
 
 enum Exit : int {
     kExitDone = 0,

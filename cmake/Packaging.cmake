@@ -58,9 +58,32 @@ endforeach()
 configure_file(cmake/qmfoundation.pc.in ${PROJECT_BINARY_DIR}/qmfoundation.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/qmfoundation.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
-install(FILES
-  docs/man/zarvo-askpass.1 docs/man/zarvo-keychain.1 docs/man/git-credential-zarvo.1
-  DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+# Man pages: scdoc source in docs/man, converted by the default build so that
+# install and package always find them, and gzip-compressed as Debian installs
+# them. The fixed date and gzip -n keep the pages byte-identical from build to build;
+# a failed conversion leaves no page behind that a later build would take as done.
+find_program(SCDOC scdoc)
+if(NOT SCDOC)
+  message(FATAL_ERROR "scdoc converts the man pages: install the Debian package scdoc (scripts/install-deps)")
+endif()
+find_program(GZIP gzip REQUIRED)
+set(ZARVO_MAN_DATE_EPOCH 1767225600)
+set(man_pages)
+foreach(program IN ITEMS zarvo-askpass zarvo-keychain git-credential-zarvo)
+  set(source ${PROJECT_SOURCE_DIR}/docs/man/${program}.1.scd)
+  set(page ${PROJECT_BINARY_DIR}/man/${program}.1)
+  add_custom_command(OUTPUT ${page} ${page}.gz
+    COMMAND ${CMAKE_COMMAND} -E make_directory ${PROJECT_BINARY_DIR}/man
+    COMMAND ${CMAKE_COMMAND} -E env SOURCE_DATE_EPOCH=${ZARVO_MAN_DATE_EPOCH}
+            sh -c "\"$0\" < \"$1\" > \"$2.new\" && mv \"$2.new\" \"$2\"" ${SCDOC} ${source} ${page}
+    COMMAND ${GZIP} -9nkf ${page}
+    DEPENDS ${source}
+    COMMENT "Converting the man page of ${program}"
+    VERBATIM)
+  list(APPEND man_pages ${page})
+  install(FILES ${page}.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+endforeach()
+add_custom_target(man-pages ALL DEPENDS ${man_pages})
 install(FILES scripts/completion/zarvo-keychain.bash
   DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME zarvo-keychain)
 
@@ -72,5 +95,9 @@ set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "askpass responder and git credential help
 set(CPACK_DEBIAN_PACKAGE_SECTION devel)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+# What an outside project needs to link the installed static archives: the
+# -dev packages behind the CMake package's find_dependency calls and the
+# pkg-config file's Requires. The programs' own run-time needs are in Depends.
+set(CPACK_DEBIAN_PACKAGE_SUGGESTS "pkg-config, nlohmann-json3-dev, libpcre2-dev, libsqlite3-dev, libsodium-dev, libssl-dev, libcurl4-openssl-dev | libcurl-dev, uuid-dev, libicu-dev, libmnl-dev, libpugixml-dev")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 include(CPack)

@@ -282,6 +282,8 @@ TEST_F(CredentialHelperTest, UsageAndUnknownOperations)
     EXPECT_EQ(run.status, 1);
     run = helper(std::vector<std::string>{"--help"}, "");
     EXPECT_EQ(run.status, 0);
+    // The form README.md and the man page recommend, and the short one.
+    EXPECT_THAT(run.output, HasSubstr("credential.helper \"$(command -v git-credential-zarvo)\""));
     EXPECT_THAT(run.output, HasSubstr("credential.helper zarvo"));
 }
 

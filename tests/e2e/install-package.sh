@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # The Debian package as users get it: CPack builds it from the build folder,
-# it is unpacked into a scratch root, its man pages are found, its bash
+# it is unpacked into a scratch root, its man pages are found and render
+# without warnings, its bash
 # completion loads, and a small project outside this tree builds and runs
 # against it once through find_package and once through pkg-config; removing
 # the scratch root uninstalls it.
@@ -26,12 +27,16 @@ e2e_on_exit "rm -rf '$root'"
 
 for program in zarvo-askpass zarvo-keychain git-credential-zarvo; do
   [[ -x $prefix/bin/$program ]] || e2e_fail "$program is not installed"
-  MANPATH=$prefix/share/man man -w "$program" >/dev/null || e2e_fail "man -w finds no page for $program"
+  page=$(MANPATH=$prefix/share/man man -w "$program") || e2e_fail "man -w finds no page for $program"
+  # A page that man renders with warnings (a broken source) fails here.
+  warnings=$(MANWIDTH=80 man --warnings -l "$page" 2>&1 >/dev/null) ||
+    e2e_fail "man cannot render the page of $program: $warnings"
+  [[ -z $warnings ]] || e2e_fail "the page of $program renders with warnings: $warnings"
 done
 # shellcheck disable=SC1091
 bash -c "source '$prefix/share/bash-completion/completions/zarvo-keychain' && complete -p zarvo-keychain" \
   >/dev/null || e2e_fail "the bash completion does not load"
-e2e_say "ok: programs, man pages and completion are installed"
+e2e_say "ok: programs, man pages and completion are installed; the pages render without warnings"
 
 # An application of its own, outside this tree.
 flags=()
