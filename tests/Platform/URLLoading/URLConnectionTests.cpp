@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <condition_variable>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -43,23 +44,36 @@ public:
     void connectionDidFinishLoading(const URLConnectionRef&) override { record("finish"); }
     void connectionDidFailWithError(const URLConnectionRef&, const ErrorRef& failure) override
     {
-        std::lock_guard lock(mutex);
-        error = failure;
-        events.push_back("fail");
+        {
+            std::lock_guard lock(mutex);
+            error = failure;
+            events.push_back("fail");
+        }
+        changed.notify_all();
     }
 
     void record(const char* event)
     {
-        std::lock_guard lock(mutex);
-        events.push_back(event);
-        if (onEvent) {
-            onEvent(event);
+        {
+            std::lock_guard lock(mutex);
+            events.push_back(event);
+            if (onEvent) {
+                onEvent(event);
+            }
         }
+        changed.notify_all();
     }
     bool ended()
     {
         std::lock_guard lock(mutex);
-        return !events.empty() && (events.back() == "finish" || events.back() == "fail");
+        return endedLocked();
+    }
+    // For a load whose delegate runs on another thread: true once it heard
+    // the end, false when `limit` passed first.
+    bool waitUntilEnded(std::chrono::seconds limit)
+    {
+        std::unique_lock lock(mutex);
+        return changed.wait_for(lock, limit, [this] { return endedLocked(); });
     }
     std::string text()
     {
@@ -67,7 +81,10 @@ public:
         return std::string(body.begin(), body.end());
     }
 
+    bool endedLocked() const { return !events.empty() && (events.back() == "finish" || events.back() == "fail"); }
+
     std::mutex mutex;
+    std::condition_variable changed;
     std::vector<std::string> events;
     HTTPURLResponseRef response;
     Data body;
@@ -576,11 +593,7 @@ TEST_F(URLConnectionTest, ADelegateQueueGetsEveryCallbackInOrder)
     const auto connection = URLConnection::create(request(server_.url("/chunked")), recorder, false);
     connection->setDelegateQueue(queue);
     connection->start();
-    const Date limit = Date::now().dateByAddingTimeInterval(30);
-    while (!recorder->ended() && Date::now() < limit) {
-        queue->waitUntilAllOperationsAreFinished();
-        std::this_thread::yield();
-    }
+    ASSERT_TRUE(recorder->waitUntilEnded(std::chrono::seconds(30)));
     queue->waitUntilAllOperationsAreFinished();
     EXPECT_EQ(recorder->events, (std::vector<std::string>{"response", "data", "finish"}));
     EXPECT_EQ(recorder->text(), "alpha beta gamma");
