@@ -310,7 +310,7 @@ private:
             return false;  // no keychain: the look-up will say so
         }
         SecKeychainStatus status;
-        return SecKeychainGetStatus(reference, &status) == errSecSuccess && status.hasPassword && !status.isUnlocked;
+        return SecKeychainGetStatus(reference, &status) == errSecSuccess && !status.isUnlocked;  // never without a password
     }
 
     // Locked keychains and missing items are nothing to say; any other

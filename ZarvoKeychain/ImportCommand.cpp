@@ -86,23 +86,15 @@ struct Tally {
     return true;
 }
 
-// Where the keychain to import into is, for queries the item classes do not
-// make.
-struct Destination {
-    QMKeychainRef keychain;
-    SecKeychainRef reference;
-    bool isExplicit = false;
-};
-
 // Whether the item a duplicate add ran into holds `password`: only then is the
 // line's password in the keychain.
-[[nodiscard]] bool holdsPassword(const Destination& destination, const URL& url, const std::string& password,
+[[nodiscard]] bool holdsPassword(const QMKeychainRef& keychain, const URL& url, const std::string& password,
                                  OSStatus* status)
 {
     Dictionary attributes = QMInternetPasswordKeychainItem::attributesForURL(url);
     attributes.set(kSecClass, kSecClassInternetPassword);
     Dictionary query = primaryKeyQuery(attributes);
-    restrictTo(query, destination.reference, destination.isExplicit);
+    restrictTo(query, keychain->keychainRef(), !keychain->isDefaultKeychain());
     query.set(kSecReturnData, true);
     Value result;
     *status = SecItemCopyMatching(query, &result);
@@ -114,7 +106,7 @@ struct Destination {
 // Stores the credentials of one file. Anything but kExitSuccess is the exit
 // status of a keychain failure, already reported, which ends the import.
 int importFile(const Command& command, const std::string& path, std::string_view text,
-                const Destination& destination, Tally* tally)
+                const QMKeychainRef& keychain, Tally* tally)
 {
     int number = 0;
     while (!text.empty()) {
@@ -125,9 +117,8 @@ int importFile(const Command& command, const std::string& path, std::string_view
         if (line.empty()) {
             continue;
         }
-        std::string lineText(line);
-        const auto url = URL::fromString(lineText);
-        security::wipe(lineText);
+        // A view into the file's bytes, which are wiped once read.
+        const auto url = URL::fromString(line);
         const std::string where = path + ", line " + std::to_string(number) + ": ";
         ErrorRef error;
         if (!isStorable(url, &error)) {
@@ -137,7 +128,7 @@ int importFile(const Command& command, const std::string& path, std::string_view
         }
         // Keyed as the responder looks the URL up; the password in the URL
         // is not an attribute.
-        const auto item = QMInternetPasswordKeychainItem::addInternetPasswordToKeychain(destination.keychain, *url,
+        const auto item = QMInternetPasswordKeychainItem::addInternetPasswordToKeychain(keychain, *url,
                                                                                          url->password(), &error);
         if (item) {
             ++tally->added;
@@ -145,7 +136,7 @@ int importFile(const Command& command, const std::string& path, std::string_view
             // The line may hold a newer password than the keychain: it is not
             // stored then, and its file must stay.
             OSStatus status = errSecSuccess;
-            if (holdsPassword(destination, *url, *url->password(), &status)) {
+            if (holdsPassword(keychain, *url, *url->password(), &status)) {
                 ++tally->present;
             } else if (status == errSecSuccess || status == errSecItemNotFound) {
                 fail(command, where + "the keychain holds another password for it; not imported "
@@ -208,9 +199,7 @@ int importGitCredentials(const Command& command, const Options& options)
     if (const int unlocked = ensureUnlocked(command, keychainRef, input); unlocked != kExitSuccess) {
         return unlocked;
     }
-    const Destination destination{
-        isExplicit ? QMKeychain::keychainWithKeychainRef(keychainRef) : QMKeychain::defaultKeychain(), keychainRef,
-        isExplicit};
+    const auto keychain = isExplicit ? QMKeychain::keychainWithKeychainRef(keychainRef) : QMKeychain::defaultKeychain();
 
     Tally tally;
     bool foundAny = false;
@@ -231,7 +220,7 @@ int importGitCredentials(const Command& command, const Options& options)
         const int rejectedBefore = tally.rejected;
         const int stored = importFile(
             command, path, std::string_view(reinterpret_cast<const char*>(contents->data()), contents->size()),
-            destination, &tally);
+            keychain, &tally);
         if (stored != kExitSuccess) {
             return stored;
         }

@@ -271,7 +271,7 @@ void CurlDriver::rearmIfCurlStillWaits()
     }
 }
 
-bool CurlDriver::isCurls(curl_socket_t socket) const
+bool CurlDriver::isWatchedForCurl(curl_socket_t socket) const
 {
     const auto found = socketOwners_.find(socket);
     return found != socketOwners_.end() && found->second != nullptr;
@@ -279,7 +279,7 @@ bool CurlDriver::isCurls(curl_socket_t socket) const
 
 void CurlDriver::act(curl_socket_t socket, int events)
 {
-    if (socket != CURL_SOCKET_TIMEOUT && !isCurls(socket)) {
+    if (socket != CURL_SOCKET_TIMEOUT && !isWatchedForCurl(socket)) {
         if (const auto found = sockets_.find(socket); found != sockets_.end()) {
             found->second->setEvents(FileDescriptorSource::None);  // parked
         }

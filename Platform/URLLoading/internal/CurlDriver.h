@@ -61,7 +61,7 @@ private:
 
     // Whether curl has asked for `socket` to be watched: it is watched and
     // not parked.
-    bool isCurls(curl_socket_t socket) const;
+    bool isWatchedForCurl(curl_socket_t socket) const;
     void act(curl_socket_t socket, int events);
     void socketAction(curl_socket_t socket, int events);
     void enterCurl();
