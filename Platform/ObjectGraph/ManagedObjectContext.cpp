@@ -883,15 +883,11 @@ void ManagedObjectContext::takeChildChanges(const std::vector<ManagedObjectRef>&
             object = ManagedObject::makeWithID(entity, std::move(id));
             registerObject(object);
         }
-        // Attributes as they are; relationships hold the child's objects
-        // until the loop below puts this context's in their place.
+        // Attributes as they are; relationships are emptied here and filled
+        // with this context's objects by the loop below.
         object->values_.copyFrom(child->values_);
         for (const auto& relationship : entity.relationships()) {
             object->values_[relationship->index()] = Value();
-        }
-        if (object->committed_.size() != entity.properties().size()) {
-            // Nothing committed yet (committedValue): the first save fills it.
-            object->committed_.clear();
         }
         object->fault_ = false;
         object->inserted_ = true;

@@ -615,6 +615,7 @@ OSStatus finishWrite(KeychainFile& file, OSStatus status)
 OSStatus insertItem(KeychainFile& file, const Query& query, std::int64_t* row)
 {
     std::optional<Data> stored;
+    security::WipedWhenDone storedWiped(stored);  // also when a step throws
     if (query.data) {
         Data sealed;
         if (const OSStatus status = sealForRow(file, query, query.attributes, *query.data, &sealed);
@@ -649,11 +650,7 @@ OSStatus insertItem(KeychainFile& file, const Query& query, std::int64_t* row)
     } else {
         insert.bindNull(index);
     }
-    const OSStatus status = stepToCompletion(insert);
-    if (stored) {
-        security::wipe(*stored);
-    }
-    if (status != errSecSuccess) {
+    if (const OSStatus status = stepToCompletion(insert); status != errSecSuccess) {
         return status;
     }
     *row = sqlite3_last_insert_rowid(file.database());
@@ -677,6 +674,7 @@ OSStatus updateRow(KeychainFile& file, const Query& query, const Query& changes,
         changed.push_back(attribute);
     }
     std::optional<Data> stored;
+    security::WipedWhenDone storedWiped(stored);  // also when a step throws
     bool rewriteSecret = false;
     if (changes.data) {
         Data sealed;
@@ -716,11 +714,7 @@ OSStatus updateRow(KeychainFile& file, const Query& query, const Query& changes,
         update.bindSecret(index++, *stored);
     }
     update.bindInteger(index, row.id);
-    const OSStatus status = stepToCompletion(update);
-    if (stored) {
-        security::wipe(*stored);
-    }
-    return status;
+    return stepToCompletion(update);
 }
 
 // How many more items a query may touch after `touched`; nothing for no limit.
