@@ -326,6 +326,11 @@ void ObjectDeleter::operator()(Object* object) const
     delete object;
 }
 
+void ObjectDeleter::runDestructionHooks(Object& object)
+{
+    object.runDestructionHooks();
+}
+
 std::string Object::className() const
 {
     int status = 0;

@@ -11,7 +11,7 @@ HTTPURLResponse::HTTPURLResponse(URL url, std::int64_t statusCode, std::string h
 
 HTTPURLResponseRef HTTPURLResponse::create(URL url, std::int64_t statusCode, std::string httpVersion, Dictionary headerFields)
 {
-    return HTTPURLResponseRef(new HTTPURLResponse(std::move(url), statusCode, std::move(httpVersion), std::move(headerFields)));
+    return makeObject<HTTPURLResponse>(std::move(url), statusCode, std::move(httpVersion), std::move(headerFields));
 }
 
 std::optional<std::string> HTTPURLResponse::valueForHTTPHeaderField(std::string_view field) const

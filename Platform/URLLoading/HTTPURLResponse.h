@@ -38,6 +38,7 @@ public:
     std::string description() const override;
 
 private:
+    template <class> friend struct ObjectAllocator;
     HTTPURLResponse(URL url, std::int64_t statusCode, std::string httpVersion, Dictionary headerFields);
 
     URL url_;

@@ -31,7 +31,7 @@ URLConnection::~URLConnection() = default;
 
 URLConnectionRef URLConnection::create(URLRequestRef request, URLConnectionDelegateRef delegate, bool startImmediately)
 {
-    URLConnectionRef connection(new URLConnection(std::move(request), std::move(delegate)));
+    auto connection = makeObject<URLConnection>(std::move(request), std::move(delegate));
     if (startImmediately) {
         connection->start();
     }

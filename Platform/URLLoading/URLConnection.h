@@ -94,6 +94,7 @@ public:
 private:
     friend class urlloading_internal::Transfer;
     friend class urlloading_internal::CurlDriver;
+    template <class> friend struct ObjectAllocator;
     // One callback recorded for the delegate: a plain record rather than a
     // closure, so that recording one allocates nothing beyond a chunk's bytes.
     struct Event {

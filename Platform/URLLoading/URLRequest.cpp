@@ -13,12 +13,12 @@ URLRequest::URLRequest(URL url, URLRequestCachePolicy cachePolicy, double timeou
 
 URLRequestRef URLRequest::create(URL url, URLRequestCachePolicy cachePolicy, double timeoutInterval)
 {
-    return URLRequestRef(new URLRequest(std::move(url), cachePolicy, timeoutInterval));
+    return makeObject<URLRequest>(std::move(url), cachePolicy, timeoutInterval);
 }
 
 MutableURLRequestRef MutableURLRequest::create(URL url, URLRequestCachePolicy cachePolicy, double timeoutInterval)
 {
-    return MutableURLRequestRef(new MutableURLRequest(std::move(url), cachePolicy, timeoutInterval));
+    return makeObject<MutableURLRequest>(std::move(url), cachePolicy, timeoutInterval);
 }
 
 std::optional<std::string> URLRequest::valueForHTTPHeaderField(std::string_view field) const

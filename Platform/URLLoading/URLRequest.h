@@ -77,6 +77,7 @@ public:
     std::string description() const override;
 
 protected:
+    template <class> friend struct ObjectAllocator;
     URLRequest(URL url, URLRequestCachePolicy cachePolicy, double timeoutInterval);
     void copyFields(const URLRequest& other);
 
@@ -108,6 +109,7 @@ public:
 
 private:
     friend class URLRequest;
+    template <class> friend struct ObjectAllocator;
     using URLRequest::URLRequest;
 };
 

@@ -29,9 +29,8 @@ QMHTTPAPIRequestOperationRef QMHTTPAPIRequestOperation::create(std::optional<pla
                                                                std::optional<platform::Dictionary> headers,
                                                                std::optional<platform::Data> body)
 {
-    return QMHTTPAPIRequestOperationRef(new QMHTTPAPIRequestOperation(std::move(baseURL), std::move(path), std::move(method),
-                                                                      std::move(params), std::move(headers), std::move(body)),
-                                        platform::ObjectDeleter());
+    return platform::makeObject<QMHTTPAPIRequestOperation>(std::move(baseURL), std::move(path), std::move(method), std::move(params),
+                                                           std::move(headers), std::move(body));
 }
 
 void QMHTTPAPIRequestOperation::start()

@@ -106,6 +106,7 @@ public:
     bool automaticallyNotifiesObserversForKey(std::string_view key) const override;
 
 protected:
+    template <class> friend struct platform::ObjectAllocator;
     QMHTTPAPIRequestOperation(std::optional<platform::URL> baseURL, std::optional<std::string> path,
                               std::optional<std::string> method, std::optional<platform::Dictionary> params,
                               std::optional<platform::Dictionary> headers, std::optional<platform::Data> body);

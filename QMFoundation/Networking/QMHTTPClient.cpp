@@ -53,7 +53,7 @@ QMHTTPClient::QMHTTPClient(QMHTTPRequestRef request, QMHTTPAuthRef auth)
 
 QMHTTPClientRef QMHTTPClient::create(QMHTTPRequestRef request, QMHTTPAuthRef auth)
 {
-    return QMHTTPClientRef(new QMHTTPClient(std::move(request), std::move(auth)), platform::ObjectDeleter());
+    return platform::makeObject<QMHTTPClient>(std::move(request), std::move(auth));
 }
 
 QMHTTPClientRef QMHTTPClient::clientWithRequest(QMHTTPRequestRef request, QMHTTPAuthRef auth)

@@ -84,6 +84,7 @@ public:
     std::string className() const override { return "QMHTTPClient"; }
 
 protected:
+    template <class> friend struct platform::ObjectAllocator;
     QMHTTPClient(QMHTTPRequestRef request, QMHTTPAuthRef auth);
 
     // The platform request for `request` and `auth`, as the banner describes

@@ -27,9 +27,8 @@ QMHTTPJSONAPIRequestOperationRef QMHTTPJSONAPIRequestOperation::create(std::opti
                                                                        std::optional<platform::Dictionary> params,
                                                                        std::optional<platform::Dictionary> headers)
 {
-    return QMHTTPJSONAPIRequestOperationRef(new QMHTTPJSONAPIRequestOperation(std::move(baseURL), std::move(path), std::move(method),
-                                                                              std::move(params), std::move(headers)),
-                                            platform::ObjectDeleter());
+    return platform::makeObject<QMHTTPJSONAPIRequestOperation>(std::move(baseURL), std::move(path), std::move(method),
+                                                               std::move(params), std::move(headers));
 }
 
 QMHTTPJSONAPIRequestOperation::Encoded QMHTTPJSONAPIRequestOperation::encode(const std::optional<std::string>& method,

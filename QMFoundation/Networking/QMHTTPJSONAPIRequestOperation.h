@@ -33,6 +33,7 @@ public:
     std::string className() const override { return "QMHTTPJSONAPIRequestOperation"; }
 
 protected:
+    template <class> friend struct platform::ObjectAllocator;
     QMHTTPJSONAPIRequestOperation(std::optional<platform::URL> baseURL, std::optional<std::string> path,
                                   std::optional<std::string> method, std::optional<platform::Dictionary> params,
                                   std::optional<platform::Dictionary> headers);

@@ -11,7 +11,7 @@ QMHTTPRequestRef QMHTTPRequest::create(std::optional<platform::URL> URL, std::op
                                        std::optional<platform::Dictionary> params, std::optional<platform::Data> data,
                                        std::optional<platform::Dictionary> headers)
 {
-    QMHTTPRequestRef request(new QMHTTPRequest(), platform::ObjectDeleter());
+    auto request = platform::makeObject<QMHTTPRequest>();
     request->URL_ = std::move(URL);
     request->method_ = method ? std::move(method) : std::optional<std::string>("GET");
     request->params_ = std::move(params);

@@ -71,6 +71,7 @@ public:
     bool automaticallyNotifiesObserversForKey(std::string_view key) const override;
 
 protected:
+    template <class> friend struct platform::ObjectAllocator;
     QMHTTPRequest() = default;
 
 private:

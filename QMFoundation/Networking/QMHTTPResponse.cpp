@@ -16,7 +16,7 @@ constexpr const char* kAssertionSourceFile = "QMFoundation/QMHTTPResponse";
 QMHTTPResponseRef QMHTTPResponse::create(std::int64_t status, std::optional<platform::Dictionary> headers,
                                          std::optional<platform::Data> body)
 {
-    QMHTTPResponseRef response(new QMHTTPResponse(), platform::ObjectDeleter());
+    auto response = platform::makeObject<QMHTTPResponse>();
     response->status_ = status;
     response->headers_ = std::move(headers);
     response->body_ = std::move(body);

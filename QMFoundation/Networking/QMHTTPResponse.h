@@ -53,6 +53,7 @@ public:
     bool automaticallyNotifiesObserversForKey(std::string_view key) const override;
 
 protected:
+    template <class> friend struct platform::ObjectAllocator;
     QMHTTPResponse() = default;
 
 private:

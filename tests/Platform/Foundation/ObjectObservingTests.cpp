@@ -498,17 +498,26 @@ TEST(DestructionHooks, RunOnceInOrderBeforeTheAssociationsAreReleased)
     EXPECT_EQ(ran, (std::vector<std::string>{"one again:still here", "two"}));
 }
 
-TEST(DestructionHooks, SeeTheWholeObjectWhenTheFactoryUsedTheObjectDeleter)
+TEST(DestructionHooks, SeeTheWholeObjectWhenTheFactoryUsedTheObjectDeleterOrMakeObject)
 {
     std::string seenByDeleterHook;
+    std::vector<std::string> seenByMadeObjectHook;
     std::string seenByDestructorHook;
     std::shared_ptr<Person> whole(new Person, ObjectDeleter());
     whole->setDestructionHook("name", [&](Object& object) { seenByDeleterHook = object.valueForKey("fullName").description(); });
+    auto made = makeObject<Person>();
+    std::weak_ptr<Person> weakMade = made;
+    made->setDestructionHook("name", [&](Object& object) {
+        seenByMadeObjectHook.push_back(object.valueForKey("fullName").description());
+        EXPECT_TRUE(weakMade.expired());
+    });
     auto plain = std::make_shared<Person>();
     plain->setDestructionHook("name", [&](Object& object) { seenByDestructorHook = object.className(); });
     whole.reset();
+    made.reset();
     plain.reset();
     EXPECT_EQ(seenByDeleterHook, "Ada Lovelace");
+    EXPECT_EQ(seenByMadeObjectHook, std::vector<std::string>{"Ada Lovelace"});  // once, while whole
     // From ~Object only the root part is left.
     EXPECT_EQ(seenByDestructorHook, "Object");
 }
