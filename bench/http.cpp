@@ -5,7 +5,10 @@
 //    handle, in alternating rounds: the ratio of the medians per request.
 // 2. 2,000 QMHTTPAPIRequestOperations run from 8 threads (an operation
 //    queue of width 8) against libcurl's multi interface with 8 transfers at
-//    a time on reused handles: the ratio of the throughputs.
+//    a time on reused handles: the ratio of the throughputs. Beside them, the
+//    same requests from 8 threads that each block in `curl_easy_perform` on
+//    a reused handle: what a blocking `start` costs with no layer of ours,
+//    the floor for the operations.
 #include "Platform/Foundation/OperationQueue.h"
 #include "QMFoundation/Networking/QMHTTPAPIRequestOperation.h"
 #include "QMFoundation/Networking/QMHTTPClient.h"
@@ -21,6 +24,7 @@
 #include <chrono>
 #include <cstdio>
 #include <string>
+#include <thread>
 #include <vector>
 
 using namespace platform;
@@ -31,7 +35,7 @@ constexpr int kRequestsPerRound = 100;
 constexpr int kRounds = 20;
 constexpr int kConcurrentRequests = 2000;
 constexpr int kWidth = 8;
-constexpr int kConcurrentRounds = 5;
+constexpr int kConcurrentRounds = 15;
 
 using Clock = std::chrono::steady_clock;
 
@@ -54,6 +58,7 @@ double processCPUMicroseconds()
 // CPU microseconds per request of each side's rounds, summed.
 double operationsCPU = 0;
 double multiCPU = 0;
+double blockingCPU = 0;
 
 std::size_t discard(char*, std::size_t size, std::size_t count, void*)
 {
@@ -159,6 +164,31 @@ double multiRound(CURLM* multi, const std::array<CURL*, kWidth>& handles)
     return kConcurrentRequests / (elapsed / 1e6);
 }
 
+// Requests per second, `kWidth` threads each blocking in libcurl on a handle
+// of its own.
+double blockingThreadsRound(const std::array<CURL*, kWidth>& handles)
+{
+    const double cpu = processCPUMicroseconds();
+    const auto start = Clock::now();
+    std::vector<std::thread> threads;
+    threads.reserve(kWidth);
+    for (CURL* easy : handles) {
+        threads.emplace_back([easy] {
+            for (int index = 0; index < kConcurrentRequests / kWidth; ++index) {
+                if (curl_easy_perform(easy) != CURLE_OK) {
+                    std::exit(2);
+                }
+            }
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    const double elapsed = microsecondsSince(start);
+    blockingCPU += (processCPUMicroseconds() - cpu) / kConcurrentRequests;
+    return kConcurrentRequests / (elapsed / 1e6);
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -191,6 +221,11 @@ int main(int argc, char** argv)
     const auto [operations, multiBaseline] = bench::pairedMedians([&] { return operationsRound(base); },
                                                                   [&] { return multiRound(multi, handles); },
                                                                   kConcurrentRounds, 1);
+    // The floor, paired with the baseline again so that both ratios come from
+    // rounds run side by side.
+    const auto [blocking, blockingBaseline] = bench::pairedMedians([&] { return blockingThreadsRound(handles); },
+                                                                   [&] { return multiRound(multi, handles); },
+                                                                   kConcurrentRounds, 1);
     for (CURL* handle : handles) {
         curl_easy_cleanup(handle);
     }
@@ -199,8 +234,10 @@ int main(int argc, char** argv)
     std::printf("  QMHTTPAPIRequestOperation on a queue of %d  %8.0f requests/s\n", kWidth, operations);
     std::printf("  libcurl multi, %d transfers (baseline)      %8.0f requests/s\n", kWidth, multiBaseline);
     std::printf("  ratio                                      %8.2f  (target >= 0.8)\n", operations / multiBaseline);
+    std::printf("  floor: %d threads blocking in libcurl      %8.0f requests/s, ratio %.2f to its own baseline rounds\n",
+                kWidth, blocking, blocking / blockingBaseline);
     const int rounds = kConcurrentRounds + 1;  // the warm-up round is counted too
-    std::printf("  CPU of this process per request: operations %.1f us, multi %.1f us\n", operationsCPU / rounds,
-                multiCPU / rounds);
+    std::printf("  CPU of this process per request: operations %.1f us, floor %.1f us, multi %.1f us\n",
+                operationsCPU / rounds, blockingCPU / rounds, multiCPU / (2 * rounds));
     return 0;
 }
