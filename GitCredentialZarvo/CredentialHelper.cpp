@@ -1,6 +1,7 @@
 #include "GitCredentialZarvo/CredentialHelper.h"
 
 #include "GitCredentialZarvo/CredentialRequest.h"
+#include "GitCredentialZarvo/KeptAttributes.h"
 
 #include "QMFoundation/Keychain/QMGenericPasswordKeychainItem.h"
 #include "QMFoundation/Keychain/QMInternetPasswordKeychainItem.h"
@@ -17,20 +18,17 @@
 #include <string_view>
 
 using namespace platform;
+using gitcredential::keptAttributesAccount;
+using gitcredential::kKeptAttributesMark;
+using gitcredential::kKeptAttributesService;
 
 namespace {
 
 constexpr std::string_view kProgram = "git-credential-zarvo";
 
 // Attributes newer versions of git send with a password and want back with
-// it. They live in a generic password of this service whose account names
-// the internet password, so the refresh token is as well protected as the
-// password itself (a comment attribute would not be encrypted).
-constexpr std::string_view kKeptAttributesService = "git-credential-zarvo";
+// it (see KeptAttributes.h for where they are kept).
 constexpr std::string_view kKeptAttributes[] = {"password_expiry_utc", "oauth_refresh_token"};
-// The comment of an internet password that has kept attributes. Most have
-// none, and this mark spares their look-ups a second query.
-constexpr std::string_view kKeptAttributesMark = "git-credential-zarvo: has kept attributes";
 
 constexpr std::string_view kUsage =
     "usage: git-credential-zarvo [-k keychain | --keychain keychain] (get | store | erase)\n"
@@ -134,18 +132,6 @@ std::optional<URL> urlForRequest(const CredentialRequest& request, std::string* 
         return std::nullopt;
     }
     return url;
-}
-
-// The account of the kept attributes of an internet password: the item's
-// own key attributes, so an item found without a user name still finds them.
-std::string keptAttributesAccount(const QMInternetPasswordKeychainItem& item)
-{
-    std::string account = item.protocol().value_or("") + "://" +
-                          stringByURLEncodingString(item.account().value_or("")) + "@" + item.host().value_or("");
-    if (const auto port = item.port()) {
-        account += ":" + std::to_string(*port);
-    }
-    return account + item.path().value_or("");
 }
 
 // The kept attributes of the request, one "key=value" line each, in a fixed
@@ -349,11 +335,7 @@ private:
 
     QMGenericPasswordKeychainItemRef keptAttributesItem(const QMInternetPasswordKeychainItem& item)
     {
-        if (item.comment() != kKeptAttributesMark) {
-            return nullptr;
-        }
-        return QMGenericPasswordKeychainItem::findGenericPasswordItemForAccount(
-            keptAttributesAccount(item), std::string(kKeptAttributesService), keychain_);
+        return gitcredential::keptAttributesItem(item, keychain_);
     }
 
     // The stored kept attributes: a secret for the caller to wipe.

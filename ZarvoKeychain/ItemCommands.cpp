@@ -7,6 +7,7 @@
 #include "ZarvoKeychain/PasswordInput.h"
 #include "ZarvoKeychain/ToolOutput.h"
 
+#include "GitCredentialZarvo/KeptAttributes.h"
 #include "QMFoundation/Keychain/QMInternetPasswordKeychainItem.h"
 #include "QMFoundation/Keychain/QMKeychain.h"
 
@@ -228,6 +229,15 @@ int findPassword(ItemKind kind, const Command& command, const Options& options)
     return kExitSuccess;
 }
 
+// An internet password stored by git-credential-zarvo may have kept
+// attributes beside it (an OAuth refresh token among them), which must not
+// outlive it. They are in the keychain the password was found in.
+QMGenericPasswordKeychainItemRef keptAttributesOf(const Dictionary& item)
+{
+    const auto password = QMInternetPasswordKeychainItem::create(nullptr, item);
+    return gitcredential::keptAttributesItem(*password, password->keychain());
+}
+
 int deletePassword(ItemKind kind, const Command& command, const Options& options)
 {
     ItemTarget target;
@@ -243,16 +253,25 @@ int deletePassword(ItemKind kind, const Command& command, const Options& options
     query.set(kSecReturnRef, true);
     Value result;
     OSStatus status = SecItemCopyMatching(query, &result);
-    if (status == errSecSuccess) {
-        // Exactly the first match goes, never a whole set of them.
-        const auto& item = *result.dictionary();
-        status = SecItemDelete({{kSecClass, item.get(kSecClass)}, {kSecValueRef, item.get(kSecValueRef)}});
-        if (status == errSecSuccess) {
-            print(stdout, "deleted:\n");
-            printItem(item, false);
-        }
+    if (status != errSecSuccess) {
+        return report(command, status);
     }
-    return report(command, status);
+    // Exactly the first match goes, never a whole set of them.
+    const auto& item = *result.dictionary();
+    const auto kept = kind == ItemKind::internet ? keptAttributesOf(item) : nullptr;
+    status = SecItemDelete({{kSecClass, item.get(kSecClass)}, {kSecValueRef, item.get(kSecValueRef)}});
+    if (status != errSecSuccess) {
+        return report(command, status);
+    }
+    print(stdout, "deleted:\n");
+    printItem(item, false);
+    if (kept) {
+        if (ErrorRef error; !kept->destroy(&error)) {
+            return complain(command, error);
+        }
+        print(stdout, "and the attributes git-credential-zarvo kept with it\n");
+    }
+    return kExitSuccess;
 }
 
 }  // namespace

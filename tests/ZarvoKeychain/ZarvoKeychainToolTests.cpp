@@ -111,6 +111,27 @@ TEST_F(ZarvoKeychainToolTest, OutcomesHaveDistinctExitStatuses)
     EXPECT_EQ(tool({"delete-generic-password", "-s", "svc"}).exitStatus, 3);
 }
 
+TEST_F(ZarvoKeychainToolTest, DeletingAnInternetPasswordDeletesWhatGitsHelperKeptWithIt)
+{
+    const auto stored = testsupport::runProgram(testsupport::builtProgram("git-credential-zarvo"), {"store"}, environment(),
+                                                "protocol=https\nhost=h\nusername=jo\npassword=p\n"
+                                                "oauth_refresh_token=refresh-secret\n");
+    ASSERT_EQ(stored.exitStatus, 0) << stored.standardError;
+    ASSERT_EQ(tool({"find-generic-password", "-s", "git-credential-zarvo"}).exitStatus, 0);
+
+    const auto deleted = tool({"delete-internet-password", "-s", "h", "-a", "jo"});
+    EXPECT_EQ(deleted.exitStatus, 0) << deleted.standardError;
+    EXPECT_NE(deleted.standardOutput.find("and the attributes git-credential-zarvo kept with it"), std::string::npos);
+    EXPECT_EQ(deleted.standardOutput.find("refresh-secret"), std::string::npos);
+    EXPECT_EQ(tool({"find-generic-password", "-s", "git-credential-zarvo"}).exitStatus, 3);
+
+    // A password the helper kept nothing for is deleted alone, and says so.
+    ASSERT_EQ(tool({"add-internet-password", "--url", "https://al@h"}, "q").exitStatus, 0);
+    const auto plain = tool({"delete-internet-password", "-s", "h", "-a", "al"});
+    EXPECT_EQ(plain.exitStatus, 0);
+    EXPECT_EQ(plain.standardOutput.find("kept"), std::string::npos);
+}
+
 TEST_F(ZarvoKeychainToolTest, BadUsageIsRefusedBeforeAnythingIsWritten)
 {
     for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{
