@@ -20,6 +20,21 @@ from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 
 connections = 0
 connections_lock = threading.Lock()
+# Clients of /held: how many came, and how many of them hung up.
+held = {"came": 0, "hung up": 0}
+held_changed = threading.Condition()
+
+
+def wait_for_held(key, count):
+    with held_changed:
+        held_changed.wait_for(lambda: held[key] >= count, timeout=30)
+        return held[key]
+
+
+def note_held(key):
+    with held_changed:
+        held[key] += 1
+        held_changed.notify_all()
 
 
 class Handler(BaseHTTPRequestHandler):
@@ -129,6 +144,17 @@ class Handler(BaseHTTPRequestHandler):
             body = query.get("body", [""])[0].encode()
             kind = query.get("type", ["application/json"])[0]
             self.reply(int(query.get("status", ["200"])[0]), body, [("Content-Type", kind)])
+        elif path == "/held":
+            # No answer, ever: the request is held until the client hangs up.
+            note_held("came")
+            while self.connection.recv(4096):
+                pass
+            note_held("hung up")
+            self.close_connection = True
+        elif path in ("/held/came", "/held/hung-up"):
+            # Answers once that many clients of /held came (or hung up).
+            key = "came" if path.endswith("came") else "hung up"
+            self.reply(200, str(wait_for_held(key, int(query["count"][0]))).encode())
         elif path == "/connections":
             with connections_lock:
                 count = connections
