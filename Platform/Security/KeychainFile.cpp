@@ -222,23 +222,38 @@ std::optional<std::string> directoryFault(const std::string& directory, const st
     return std::nullopt;
 }
 
+// Calls `visit(directory, ownDirectory)` for the keychain's own directory and
+// then each one above it, up to "/", while it returns true; true when it did
+// for all of them.
+template <typename Visit>
+bool everyDirectoryUpward(std::string directory, const Visit& visit)
+{
+    for (bool ownDirectory = true;; ownDirectory = false) {
+        if (!visit(directory, ownDirectory)) {
+            return false;
+        }
+        if (directory == "/") {
+            return true;
+        }
+        directory = directoryOf(directory);
+    }
+}
+
 // Whether another user could replace a file in `directory` or anything
 // above it, up to "/" (see directoryFault).
 OSStatus checkDirectories(const std::string& keychainPath, std::string directory)
 {
-    for (bool ownDirectory = true;; ownDirectory = false) {
+    OSStatus status = errSecSuccess;
+    everyDirectoryUpward(std::move(directory), [&](const std::string& each, bool ownDirectory) {
         struct stat information {};
-        if (::stat(directory.c_str(), &information) != 0) {
-            return statusForErrno(errno);
+        if (::stat(each.c_str(), &information) != 0) {
+            status = statusForErrno(errno);
+        } else if (const auto fault = directoryFault(each, information, ownDirectory)) {
+            status = refuse(keychainPath, *fault);
         }
-        if (const auto fault = directoryFault(directory, information, ownDirectory)) {
-            return refuse(keychainPath, *fault);
-        }
-        if (directory == "/") {
-            return errSecSuccess;
-        }
-        directory = directoryOf(directory);
-    }
+        return status == errSecSuccess;
+    });
+    return status;
 }
 
 // An absolute path without "." or ".." parts, empty parts or a final "/":
@@ -276,17 +291,10 @@ bool isSafeRealPath(const std::string& path, const struct stat& file)
         information.st_dev != file.st_dev || information.st_ino != file.st_ino) {
         return false;
     }
-    std::string directory = directoryOf(path);
-    for (bool ownDirectory = true;; ownDirectory = false) {
-        if (::lstat(directory.c_str(), &information) != 0 || !S_ISDIR(information.st_mode) ||
-            directoryFault(directory, information, ownDirectory)) {
-            return false;
-        }
-        if (directory == "/") {
-            return true;
-        }
-        directory = directoryOf(directory);
-    }
+    return everyDirectoryUpward(directoryOf(path), [&information](const std::string& directory, bool ownDirectory) {
+        return ::lstat(directory.c_str(), &information) == 0 && S_ISDIR(information.st_mode) &&
+               !directoryFault(directory, information, ownDirectory);
+    });
 }
 
 // The canonical path of an open file, from the kernel's view of it.
