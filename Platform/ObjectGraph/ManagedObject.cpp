@@ -21,7 +21,7 @@ std::vector<ManagedObjectRef> objectsOf(const Value& value, std::string_view key
 {
     std::vector<ManagedObjectRef> objects;
     auto add = [&](const Value& element) {
-        auto object = element.objectAs<ManagedObject>();
+        auto object = ManagedObject::refIn(element);
         if (!object) {
             Exception::raise(NSInvalidArgumentException,
                              "The relationship " + std::string(key) + " takes managed objects only.");
@@ -182,16 +182,13 @@ ManagedObjectRef ManagedObject::makeWithID(const EntityDescription& entity, Mana
     return object;
 }
 
-ManagedObject* ManagedObject::inValue(const Value& value)
+ManagedObjectRef ManagedObject::refIn(const Value& value)
 {
-    const ObjectRef object = value.object();
-    if (!object) {
-        return nullptr;
+    ObjectRef object = value.object();
+    if (object && typeid(*object) == typeid(PlainObject)) {
+        return std::static_pointer_cast<ManagedObject>(std::move(object));
     }
-    if (typeid(*object) == typeid(PlainObject)) {
-        return static_cast<ManagedObject*>(object.get());
-    }
-    return dynamic_cast<ManagedObject*>(object.get());
+    return std::dynamic_pointer_cast<ManagedObject>(std::move(object));
 }
 
 bool ManagedObject::keepIDInParts(const ManagedObjectID& id)
@@ -367,9 +364,9 @@ std::vector<ManagedObjectRef> ManagedObject::storedTargets(const Value& stored)
     if (const Array* array = stored.array()) {
         targets.reserve(array->size());
         for (const auto& element : *array) {
-            targets.push_back(element.objectAs<ManagedObject>());
+            targets.push_back(refIn(element));
         }
-    } else if (auto target = stored.objectAs<ManagedObject>()) {
+    } else if (auto target = refIn(stored)) {
         targets.push_back(std::move(target));
     }
     return targets;
@@ -486,7 +483,7 @@ void ManagedObject::relateTo(const RelationshipDescription& relationship, const 
     if (add && !inverse->isToMany()) {
         // The target can point back at one object only: the one it pointed
         // at before loses it.
-        if (auto previous = target->storedValue(inverse->index()).objectAs<ManagedObject>();
+        if (auto previous = refIn(target->storedValue(inverse->index()));
             previous && previous != self) {
             previous->willChangeValueForKey(relationship.name());
             previous->relateTo(relationship, target, false, false);
@@ -512,7 +509,7 @@ void ManagedObject::setPublicValue(const PropertyDescription& property, const Va
             Exception::raise(NSInvalidArgumentException,
                              "The to-one relationship " + property.name() + " takes one object.");
         }
-        const auto current = storedValue(property.index()).objectAs<ManagedObject>();
+        const auto current = refIn(storedValue(property.index()));
         const auto next = wanted.empty() ? nullptr : wanted.front();
         if (current == next) {
             return;

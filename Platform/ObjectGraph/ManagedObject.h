@@ -71,10 +71,12 @@ public:
     // "NSInternalInconsistencyException" for an unknown name.
     static ManagedObjectRef insertNewObjectForEntityForName(std::string_view entityName, ManagedObjectContext& context);
 
-    // The managed object `value` holds, or null; the value keeps it alive.
-    // Objects of entities without a class of their own, the common case, are
-    // recognised without the cost of a dynamic_cast.
-    static ManagedObject* inValue(const Value& value);
+    // The managed object `value` holds, or null. Objects of entities without a
+    // class of their own, the common case, are recognised without the cost of
+    // a dynamic_cast.
+    static ManagedObjectRef refIn(const Value& value);
+    // The same without a reference of its own: the value keeps it alive.
+    static ManagedObject* inValue(const Value& value) { return refIn(value).get(); }
 
     const EntityDescription& entity() const { return *entity_; }
     // Any thread; see the banner. The same ID object on every call until the

@@ -218,7 +218,7 @@ public:
     {
         ManagedObjectIDRef id = object.objectAs<ManagedObjectID>();
         if (!id) {
-            if (auto managed = object.objectAs<ManagedObject>()) {
+            if (auto managed = ManagedObject::refIn(object)) {
                 id = managed->objectID();
             }
         }

@@ -180,7 +180,7 @@ PredicateRef StoredObjectSource::predicateOverStoredObjects(const PredicateRef& 
     }
     return predicateByReplacingConstants(predicate, [&](const Value& value) {
         ManagedObjectIDRef id = value.objectAs<ManagedObjectID>();
-        if (const auto object = value.objectAs<ManagedObject>()) {
+        if (const auto object = ManagedObject::refIn(value)) {
             id = object->objectID();
         }
         const auto stored = id ? storedObject(*id) : nullptr;
