@@ -3,6 +3,7 @@
 #include "GitCredentialZarvo/CredentialRequest.h"
 #include "GitCredentialZarvo/KeptAttributes.h"
 
+#include "QMFoundation/Keychain/NSError+QMKeychain.h"
 #include "QMFoundation/Keychain/QMGenericPasswordKeychainItem.h"
 #include "QMFoundation/Keychain/QMInternetPasswordKeychainItem.h"
 #include "QMFoundation/Keychain/QMKeychain.h"
@@ -275,10 +276,8 @@ public:
                     continue;
                 }
             }
-            if (const auto kept = keptAttributesItem(*item)) {
-                if (!kept->destroy(&error)) {
-                    return outcome(error);
-                }
+            if (const OSStatus status = gitcredential::deleteKeptAttributes(*item); status != errSecSuccess) {
+                return outcome(keychainErrorFromOSStatus(status));
             }
             if (!item->destroy(&error)) {
                 return outcome(error);
@@ -354,8 +353,8 @@ private:
             if (!marked) {
                 return kExitDone;
             }
-            if (const auto stale = keptAttributesItem(item); stale && !stale->destroy(&error)) {
-                return outcome(error);
+            if (const OSStatus status = gitcredential::deleteKeptAttributes(item); status != errSecSuccess) {
+                return outcome(keychainErrorFromOSStatus(status));
             }
             item.setComment("");
             return item.save(&error) ? kExitDone : outcome(error);

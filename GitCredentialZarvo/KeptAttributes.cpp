@@ -2,6 +2,8 @@
 
 #include "QMFoundation/Strings/NSString+QMURLTranscoding.h"
 
+#include "Platform/Security/SecItem.h"
+
 namespace gitcredential {
 
 std::string keptAttributesAccount(const QMInternetPasswordKeychainItem& item)
@@ -14,13 +16,33 @@ std::string keptAttributesAccount(const QMInternetPasswordKeychainItem& item)
     return account + item.path().value_or("");
 }
 
+bool hasKeptAttributes(const QMInternetPasswordKeychainItem& item)
+{
+    return item.comment() == kKeptAttributesMark;
+}
+
 QMGenericPasswordKeychainItemRef keptAttributesItem(const QMInternetPasswordKeychainItem& item, const QMKeychainRef& keychain)
 {
-    if (item.comment() != kKeptAttributesMark) {
+    if (!hasKeptAttributes(item)) {
         return nullptr;
     }
     return QMGenericPasswordKeychainItem::findGenericPasswordItemForAccount(keptAttributesAccount(item),
                                                                             std::string(kKeptAttributesService), keychain);
+}
+
+platform::OSStatus deleteKeptAttributes(const QMInternetPasswordKeychainItem& item)
+{
+    if (!hasKeptAttributes(item)) {
+        return platform::errSecSuccess;
+    }
+    platform::Dictionary query{{platform::kSecClass, platform::kSecClassGenericPassword},
+                               {platform::kSecAttrService, std::string(kKeptAttributesService)},
+                               {platform::kSecAttrAccount, keptAttributesAccount(item)}};
+    if (const auto& keychain = item.keychain(); keychain && keychain->keychainRef()) {
+        query.set(platform::kSecMatchSearchList, platform::Array{platform::Value(keychain->keychainRef())});
+    }
+    const auto status = platform::SecItemDelete(query);
+    return status == platform::errSecItemNotFound ? platform::errSecSuccess : status;
 }
 
 }  // namespace gitcredential

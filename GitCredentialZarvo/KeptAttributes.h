@@ -15,6 +15,8 @@
 #include "QMFoundation/Keychain/QMInternetPasswordKeychainItem.h"
 #include "QMFoundation/Keychain/QMKeychain.h"
 
+#include "Platform/Security/SecBase.h"
+
 #include <string>
 #include <string_view>
 
@@ -27,7 +29,15 @@ inline constexpr std::string_view kKeptAttributesMark = "git-credential-zarvo: h
 // attributes, so an item found without a user name still finds them.
 std::string keptAttributesAccount(const QMInternetPasswordKeychainItem& item);
 
-// The kept attributes of `item` in `keychain`, or nothing when it has none.
+bool hasKeptAttributes(const QMInternetPasswordKeychainItem& item);
+
+// The kept attributes of `item` in `keychain`, their secret read, or nothing
+// when it has none.
 QMGenericPasswordKeychainItemRef keptAttributesItem(const QMInternetPasswordKeychainItem& item, const QMKeychainRef& keychain);
+
+// Deletes the kept attributes of `item` from the keychain it is in, without
+// reading their secret (so a locked keychain loses them too). Success when
+// it has none.
+platform::OSStatus deleteKeptAttributes(const QMInternetPasswordKeychainItem& item);
 
 }  // namespace gitcredential

@@ -229,15 +229,6 @@ int findPassword(ItemKind kind, const Command& command, const Options& options)
     return kExitSuccess;
 }
 
-// An internet password stored by git-credential-zarvo may have kept
-// attributes beside it (an OAuth refresh token among them), which must not
-// outlive it. They are in the keychain the password was found in.
-QMGenericPasswordKeychainItemRef keptAttributesOf(const Dictionary& item)
-{
-    const auto password = QMInternetPasswordKeychainItem::create(nullptr, item);
-    return gitcredential::keptAttributesItem(*password, password->keychain());
-}
-
 int deletePassword(ItemKind kind, const Command& command, const Options& options)
 {
     ItemTarget target;
@@ -258,18 +249,23 @@ int deletePassword(ItemKind kind, const Command& command, const Options& options
     }
     // Exactly the first match goes, never a whole set of them.
     const auto& item = *result.dictionary();
-    const auto kept = kind == ItemKind::internet ? keptAttributesOf(item) : nullptr;
     status = SecItemDelete({{kSecClass, item.get(kSecClass)}, {kSecValueRef, item.get(kSecValueRef)}});
     if (status != errSecSuccess) {
         return report(command, status);
     }
     print(stdout, "deleted:\n");
     printItem(item, false);
-    if (kept) {
-        if (ErrorRef error; !kept->destroy(&error)) {
-            return complain(command, error);
+    if (kind == ItemKind::internet) {
+        // What git-credential-zarvo kept beside the password (an OAuth
+        // refresh token among it) must not outlive it. It is in the keychain
+        // the password was found in.
+        const auto password = QMInternetPasswordKeychainItem::create(nullptr, item);
+        if (gitcredential::hasKeptAttributes(*password)) {
+            if (status = gitcredential::deleteKeptAttributes(*password); status != errSecSuccess) {
+                return report(command, status);
+            }
+            print(stdout, "and the attributes git-credential-zarvo kept with it\n");
         }
-        print(stdout, "and the attributes git-credential-zarvo kept with it\n");
     }
     return kExitSuccess;
 }

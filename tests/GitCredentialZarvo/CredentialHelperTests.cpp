@@ -361,6 +361,36 @@ TEST_F(CredentialHelperTest, ALockedKeychainIsLeftLockedAndAnswersNothing)
               "username=jo\npassword=before\n");
 }
 
+TEST_F(CredentialHelperTest, ZarvoKeychainDeletesWhatItKeptEvenFromALockedKeychain)
+{
+    const auto path = sandboxPath("kept.keychain-db");
+    const std::string password = "keychain password";
+    SecKeychainRef keychain;
+    ASSERT_EQ(SecKeychainCreate(path.c_str(), static_cast<std::uint32_t>(password.size()), password.data(), false,
+                                nullptr, &keychain),
+              errSecSuccess);
+    ASSERT_EQ(helper(std::vector<std::string>{"-k", path, "store"},
+                     "protocol=https\nhost=h\nusername=jo\npassword=p\noauth_refresh_token=refresh\n")
+                  .status,
+              0);
+    ASSERT_EQ(SecKeychainLock(keychain), errSecSuccess);
+
+    // The tool runs in a process of its own, where the keychain is locked,
+    // and is given no password: deleting needs none.
+    const auto deleted = testsupport::runProgram(testsupport::builtProgram("zarvo-keychain"),
+                                                 {"delete-internet-password", "-k", path, "-s", "h", "-a", "jo"},
+                                                 {{"XDG_DATA_HOME", dataHome()}, {"HOME", dataHome()}}, "");
+    EXPECT_EQ(deleted.exitStatus, 0) << deleted.standardError;
+    EXPECT_THAT(deleted.standardOutput, HasSubstr("kept with it"));
+
+    ASSERT_EQ(SecKeychainUnlock(keychain, static_cast<std::uint32_t>(password.size()), password.data(), true),
+              errSecSuccess);
+    Value result;
+    EXPECT_EQ(SecItemCopyMatching({{kSecClass, kSecClassGenericPassword}, {kSecMatchSearchList, Array{Value(keychain)}}},
+                                  &result),
+              errSecItemNotFound);
+}
+
 // ---- The program ---------------------------------------------------------------
 
 class CredentialHelperProgramTest : public testsupport::KeychainSandbox {
