@@ -115,7 +115,27 @@ TEST(CredentialRequestTest, RefusesMalformedLinesNamingOnlyTheLine)
 
 // ---- Operations on the keychain ----------------------------------------------
 
-class CredentialHelperTest : public testsupport::KeychainSandbox {};
+class CredentialHelperTest : public testsupport::KeychainSandbox {
+protected:
+    static constexpr std::string_view kKeychainPassword = "keychain password";
+
+    // A keychain in the sandbox with kKeychainPassword, unlocked in this
+    // process as a new keychain is.
+    SecKeychainRef keychainWithPassword(const std::string& path) const
+    {
+        SecKeychainRef keychain;
+        EXPECT_EQ(SecKeychainCreate(path.c_str(), static_cast<std::uint32_t>(kKeychainPassword.size()),
+                                    kKeychainPassword.data(), false, nullptr, &keychain),
+                  errSecSuccess);
+        return keychain;
+    }
+
+    static OSStatus unlock(const SecKeychainRef& keychain)
+    {
+        return SecKeychainUnlock(keychain, static_cast<std::uint32_t>(kKeychainPassword.size()), kKeychainPassword.data(),
+                                 true);
+    }
+};
 
 TEST_F(CredentialHelperTest, StoresWhatTheResponderFindsAndGetsWhatItStores)
 {
@@ -329,11 +349,7 @@ TEST_F(CredentialHelperTest, NamesTheKeychainItRefusesAndWhy)
 TEST_F(CredentialHelperTest, ALockedKeychainIsLeftLockedAndAnswersNothing)
 {
     const auto path = sandboxPath("locked.keychain-db");
-    const std::string password = "keychain password";
-    SecKeychainRef keychain;
-    ASSERT_EQ(SecKeychainCreate(path.c_str(), static_cast<std::uint32_t>(password.size()), password.data(), false,
-                                nullptr, &keychain),
-              errSecSuccess);
+    const auto keychain = keychainWithPassword(path);
     const std::vector<std::string> store{"-k", path, "store"};
     ASSERT_EQ(helper(store, "protocol=https\nhost=h\nusername=jo\npassword=before\n").status, 0);
     ASSERT_EQ(SecKeychainLock(keychain), errSecSuccess);
@@ -355,8 +371,7 @@ TEST_F(CredentialHelperTest, ALockedKeychainIsLeftLockedAndAnswersNothing)
     ASSERT_EQ(SecKeychainGetStatus(keychain, &state), errSecSuccess);
     EXPECT_FALSE(state.isUnlocked);
 
-    ASSERT_EQ(SecKeychainUnlock(keychain, static_cast<std::uint32_t>(password.size()), password.data(), true),
-              errSecSuccess);
+    ASSERT_EQ(unlock(keychain), errSecSuccess);
     EXPECT_EQ(helper(std::vector<std::string>{"-k", path, "get"}, "protocol=https\nhost=h\n").output,
               "username=jo\npassword=before\n");
 }
@@ -364,11 +379,7 @@ TEST_F(CredentialHelperTest, ALockedKeychainIsLeftLockedAndAnswersNothing)
 TEST_F(CredentialHelperTest, ZarvoKeychainDeletesWhatItKeptEvenFromALockedKeychain)
 {
     const auto path = sandboxPath("kept.keychain-db");
-    const std::string password = "keychain password";
-    SecKeychainRef keychain;
-    ASSERT_EQ(SecKeychainCreate(path.c_str(), static_cast<std::uint32_t>(password.size()), password.data(), false,
-                                nullptr, &keychain),
-              errSecSuccess);
+    const auto keychain = keychainWithPassword(path);
     ASSERT_EQ(helper(std::vector<std::string>{"-k", path, "store"},
                      "protocol=https\nhost=h\nusername=jo\npassword=p\noauth_refresh_token=refresh\n")
                   .status,
@@ -383,8 +394,7 @@ TEST_F(CredentialHelperTest, ZarvoKeychainDeletesWhatItKeptEvenFromALockedKeycha
     EXPECT_EQ(deleted.exitStatus, 0) << deleted.standardError;
     EXPECT_THAT(deleted.standardOutput, HasSubstr("kept with it"));
 
-    ASSERT_EQ(SecKeychainUnlock(keychain, static_cast<std::uint32_t>(password.size()), password.data(), true),
-              errSecSuccess);
+    ASSERT_EQ(unlock(keychain), errSecSuccess);
     Value result;
     EXPECT_EQ(SecItemCopyMatching({{kSecClass, kSecClassGenericPassword}, {kSecMatchSearchList, Array{Value(keychain)}}},
                                   &result),
