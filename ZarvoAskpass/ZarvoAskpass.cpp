@@ -41,7 +41,7 @@ std::shared_ptr<ZarvoAskpass> ZarvoAskpass::create(const std::optional<Arguments
 {
     PLATFORM_PARAMETER_ASSERT(arguments.has_value(), "arguments");
     PLATFORM_PARAMETER_ASSERT(environment.has_value(), "environment");
-    return std::shared_ptr<ZarvoAskpass>(new ZarvoAskpass(*arguments, *environment, std::move(keychain)));
+    return platform::makeObject<ZarvoAskpass>(*arguments, *environment, std::move(keychain));
 }
 
 ZarvoAskpass::ZarvoAskpass(Arguments arguments, Environment environment, QMKeychainRef keychain)

@@ -87,6 +87,7 @@ public:
     std::string className() const override { return "ZarvoAskpass"; }
 
 private:
+    template <class> friend struct platform::ObjectAllocator;
     ZarvoAskpass(Arguments arguments, Environment environment, QMKeychainRef keychain);
 
     std::optional<std::string> environmentValue(std::string_view name) const;

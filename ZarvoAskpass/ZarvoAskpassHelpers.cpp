@@ -78,7 +78,7 @@ std::optional<URL> urlCapturedBy(std::string_view prompt, const RegularExpressio
 
 std::shared_ptr<ZarvoAskpassHelpers> ZarvoAskpassHelpers::sharedInstance()
 {
-    static const std::shared_ptr<ZarvoAskpassHelpers> instance(new ZarvoAskpassHelpers);
+    static const auto instance = platform::makeObject<ZarvoAskpassHelpers>();
     return instance;
 }
 

@@ -36,5 +36,6 @@ public:
     std::string className() const override { return "ZarvoAskpassHelpers"; }
 
 private:
+    template <class> friend struct platform::ObjectAllocator;
     ZarvoAskpassHelpers() = default;
 };

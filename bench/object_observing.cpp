@@ -59,11 +59,11 @@ int main(int argc, char** argv)
 {
     const long iterations = argc > 1 ? std::atol(argv[1]) : 1000000;
 
-    auto direct = std::make_shared<Counter>();
-    auto neverObserved = std::make_shared<Counter>();
-    auto onceObserved = std::make_shared<Counter>();
-    auto observed = std::make_shared<Counter>();
-    auto listener = std::make_shared<Listener>();
+    auto direct = platform::makeObject<Counter>();
+    auto neverObserved = platform::makeObject<Counter>();
+    auto onceObserved = platform::makeObject<Counter>();
+    auto observed = platform::makeObject<Counter>();
+    auto listener = platform::makeObject<Listener>();
     onceObserved->addObserver(listener, "count");
     onceObserved->removeObserver(*listener, "count");
     observed->addObserver(listener, "count", platform::NSKeyValueObservingOptionNew | platform::NSKeyValueObservingOptionOld);

@@ -15,7 +15,7 @@ namespace {
 
 class FuzzModel final : public QMRESTAPIModel {
 public:
-    static std::shared_ptr<FuzzModel> create() { return std::shared_ptr<FuzzModel>(new FuzzModel(), platform::ObjectDeleter()); }
+    static std::shared_ptr<FuzzModel> create() { return platform::makeObject<FuzzModel>(); }
     std::string className() const override { return "FuzzModel"; }
     const platform::PropertyTable& propertyTable() const override
     {
@@ -32,6 +32,7 @@ public:
     }
 
 private:
+    template <class> friend struct platform::ObjectAllocator;
     FuzzModel() = default;
     platform::Value get(const std::string& name) const
     {

@@ -119,7 +119,7 @@ BundleRef Bundle::mainBundle()
         auto found = bundleWithPath(path);
         // Only a directory removed since the search (or no working directory
         // at all) leaves nothing: the bundle is then that path, empty.
-        return found ? found : BundleRef(new Bundle(path, {}), ObjectDeleter());
+        return found ? found : makeObject<Bundle>(path, Dictionary());
     }();
     return bundle;
 }
@@ -134,7 +134,7 @@ BundleRef Bundle::bundleWithPath(std::string_view path)
         return nullptr;
     }
     auto info = readInfoDictionary(normalized);
-    return BundleRef(new Bundle(std::move(normalized), std::move(info)), ObjectDeleter());
+    return makeObject<Bundle>(std::move(normalized), std::move(info));
 }
 
 BundleRef Bundle::bundleWithURL(const URL& url)

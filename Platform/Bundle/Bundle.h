@@ -88,6 +88,7 @@ public:
     std::string description() const override;
 
 private:
+    template <class> friend struct ObjectAllocator;
     Bundle(std::string path, Dictionary info) : path_(std::move(path)), info_(std::move(info)) {}
 
     std::optional<std::string> resolve(std::string_view name, std::string_view extension,

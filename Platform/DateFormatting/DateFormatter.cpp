@@ -77,7 +77,7 @@ struct DateFormatter::Lease {
 
 DateFormatterRef DateFormatter::create()
 {
-    return DateFormatterRef(new DateFormatter(), ObjectDeleter());
+    return makeObject<DateFormatter>();
 }
 
 DateFormatter::~DateFormatter() = default;

@@ -123,6 +123,7 @@ private:
     struct Copy;  // one ICU formatter, lent to one call at a time
     struct Lease;
 
+    template <class> friend struct ObjectAllocator;
     DateFormatter() = default;
 
     template <typename Read>

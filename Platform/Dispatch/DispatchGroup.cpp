@@ -11,7 +11,7 @@ constexpr const char* kAssertionSourceFile = "Platform/Dispatch/DispatchGroup";
 
 DispatchGroupRef DispatchGroup::create()
 {
-    return DispatchGroupRef(new DispatchGroup);
+    return makeObject<DispatchGroup>();
 }
 
 void DispatchGroup::enter()

@@ -42,6 +42,7 @@ public:
     bool waitFor(std::chrono::nanoseconds timeout) { return waitUntil(DispatchClock::now() + timeout); }
 
 private:
+    template <class> friend struct ObjectAllocator;
     DispatchGroup() = default;
 
     std::mutex mutex_;  // guards the fields below

@@ -179,12 +179,12 @@ DispatchQueue::~DispatchQueue() = default;
 
 DispatchQueueRef DispatchQueue::create(std::string label)
 {
-    return DispatchQueueRef(new DispatchQueue(std::move(label), false));
+    return makeObject<DispatchQueue>(std::move(label), false);
 }
 
 DispatchQueueRef DispatchQueue::main()
 {
-    static const auto* main = new DispatchQueueRef(new DispatchQueue("zarvo.main-thread", true));
+    static const auto* main = new DispatchQueueRef(makeObject<DispatchQueue>("zarvo.main-thread", true));
     return *main;
 }
 

@@ -92,6 +92,7 @@ private:
     struct Node;
     struct Slab;
     struct SyncWaiter;
+    template <class> friend struct ObjectAllocator;
     DispatchQueue(std::string label, bool isMain);
 
     void syncInvoke(void (*function)(void*), void* context);

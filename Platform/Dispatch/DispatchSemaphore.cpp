@@ -12,7 +12,7 @@ constexpr const char* kAssertionSourceFile = "Platform/Dispatch/DispatchSemaphor
 DispatchSemaphoreRef DispatchSemaphore::create(long value)
 {
     PLATFORM_PARAMETER_ASSERT(value >= 0, "value >= 0");
-    return DispatchSemaphoreRef(new DispatchSemaphore(value));
+    return makeObject<DispatchSemaphore>(value);
 }
 
 bool DispatchSemaphore::signal()

@@ -35,6 +35,7 @@ public:
     bool signal();
 
 private:
+    template <class> friend struct ObjectAllocator;
     explicit DispatchSemaphore(long value) : value_(value) {}
 
     // Units available; below zero, minus the number of waiting threads.

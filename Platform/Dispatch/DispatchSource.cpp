@@ -231,7 +231,7 @@ void DispatchSource::deliver()
 
 std::shared_ptr<DispatchTimerSource> DispatchTimerSource::create(const DispatchQueueRef& queue)
 {
-    return std::shared_ptr<DispatchTimerSource>(new DispatchTimerSource(queue));
+    return makeObject<DispatchTimerSource>(queue);
 }
 
 DispatchTimerSource::~DispatchTimerSource()
@@ -329,7 +329,7 @@ std::shared_ptr<DispatchFileSource> DispatchFileSource::create(int fd, unsigned 
     if (::fcntl(fd, F_GETFD) < 0) {
         return nullptr;
     }
-    return std::shared_ptr<DispatchFileSource>(new DispatchFileSource(fd, mask, queue));
+    return makeObject<DispatchFileSource>(fd, mask, queue);
 }
 
 DispatchFileSource::~DispatchFileSource()

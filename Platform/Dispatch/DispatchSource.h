@@ -93,6 +93,7 @@ public:
     void setTimer(DispatchTime start, std::chrono::nanoseconds interval, std::chrono::nanoseconds leeway);
 
 private:
+    template <class> friend struct ObjectAllocator;
     explicit DispatchTimerSource(DispatchQueueRef queue) : DispatchSource(std::move(queue)) {}
     void activate() override;
     void deactivate() override;
@@ -129,6 +130,7 @@ public:
 
 private:
     friend class FileWatcher;
+    template <class> friend struct ObjectAllocator;
     DispatchFileSource(int fd, unsigned long mask, DispatchQueueRef queue);
     void activate() override;
     void deactivate() override;

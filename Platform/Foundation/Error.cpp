@@ -23,7 +23,7 @@ Error::Error(std::string domain, std::int64_t code, Dictionary userInfo)
 
 ErrorRef Error::create(std::string domain, std::int64_t code, Dictionary userInfo)
 {
-    return ErrorRef(new Error(std::move(domain), code, std::move(userInfo)));
+    return makeObject<Error>(std::move(domain), code, std::move(userInfo));
 }
 
 ErrorRef Error::posix(int code, std::string_view context)

@@ -52,6 +52,7 @@ public:
     bool isEqual(const Object& other) const override;
 
 private:
+    template <class> friend struct ObjectAllocator;
     Error(std::string domain, std::int64_t code, Dictionary userInfo);
 
     std::string domain_;

@@ -81,7 +81,7 @@ FileHandle::~FileHandle()
 
 FileHandleRef FileHandle::create(int fd, bool closeOnDealloc)
 {
-    return FileHandleRef(new FileHandle(fd, closeOnDealloc));
+    return makeObject<FileHandle>(fd, closeOnDealloc);
 }
 
 FileHandleRef FileHandle::fileHandleForReadingAtPath(const std::string& path)

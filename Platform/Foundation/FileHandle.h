@@ -74,6 +74,7 @@ public:
     void setReadabilityHandler(ReadabilityHandler handler);
 
 private:
+    template <class> friend struct ObjectAllocator;
     FileHandle(int fd, bool closeOnDealloc);
     int descriptorOrRaise(const char* method) const;
     void stopWatchingLocked(std::unique_lock<std::mutex>& lock);

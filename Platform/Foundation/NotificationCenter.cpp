@@ -66,13 +66,13 @@ std::shared_ptr<NotificationCenter> NotificationCenter::defaultCenter()
 
 std::shared_ptr<NotificationCenter> NotificationCenter::create()
 {
-    return std::shared_ptr<NotificationCenter>(new NotificationCenter());
+    return makeObject<NotificationCenter>();
 }
 
 ObjectRef NotificationCenter::addObserverForName(std::optional<std::string> name, const ObjectRef& object,
                                                  const std::shared_ptr<OperationQueue>& queue, Block block)
 {
-    auto observation = std::make_shared<Observation>(std::move(name), object, queue, std::move(block));
+    auto observation = makeObject<Observation>(std::move(name), object, queue, std::move(block));
     std::lock_guard lock(mutex_);
     observations_.push_back(observation);
     return observation;

@@ -68,6 +68,7 @@ public:
 private:
     class Observation;
 
+    template <class> friend struct ObjectAllocator;
     NotificationCenter() = default;
 
     mutable std::mutex mutex_;  // guards `observations_`

@@ -320,17 +320,6 @@ Object::~Object()
     delete sideTable_.load(std::memory_order_acquire);
 }
 
-void ObjectDeleter::operator()(Object* object) const
-{
-    object->runDestructionHooks();
-    delete object;
-}
-
-void ObjectDeleter::runDestructionHooks(Object& object)
-{
-    object.runDestructionHooks();
-}
-
 std::string Object::className() const
 {
     int status = 0;
@@ -563,7 +552,7 @@ void Object::followPathDependencies(const std::string& key)
             if (existing != table.followers.end()) {
                 continue;
             }
-            made = std::make_shared<PathFollower>(*this, dependency);
+            made = makeObject<PathFollower>(*this, dependency);
             table.followers.push_back(made);
             table.followerCount.store(table.followers.size(), std::memory_order_release);
         }

@@ -40,14 +40,28 @@
 //   destruction hooks pays one null pointer: the side table that holds all of
 //   it is allocated on first use.
 //
-// Destruction hooks run once, before the object goes: from ObjectDeleter when
-// the object's factory used it (the object is still whole then), otherwise at
-// the start of ~Object (subclass parts are already destroyed; the hook may only
-// use the Object part: its side table, its address as an identity). In both
-// places no strong reference to the object remains, so weak references to it
-// no longer lock; other threads therefore cannot reach it, and a hook that
-// reaches other objects through weak references never touches an object that
-// is itself being destroyed.
+// Objects are made by makeObject, which puts the object and its reference
+// count in one allocation and runs the destruction hooks while the object is
+// still whole (virtual functions work). A class whose constructor is not
+// public befriends the allocator behind it:
+//
+//   class Task final : public Object {
+//   public:
+//       static TaskRef create() { return makeObject<Task>(); }
+//   private:
+//       template <class> friend struct ObjectAllocator;
+//       Task() = default;
+//   };
+//
+// Destruction hooks run once, before the object goes. An object that was not
+// made by makeObject (one on the stack, or a member) has them run at the start
+// of ~Object instead, when its subclass parts are already destroyed: such a
+// hook may only use the Object part (its side table, its address as an
+// identity). For an object in a shared_ptr no strong reference remains when
+// they run, so weak references to it no longer lock; other threads therefore
+// cannot reach it, and a hook that reaches other objects through weak
+// references never touches an object that is itself being destroyed. A weak
+// reference keeps the object's memory (not the object) until it expires.
 #pragma once
 
 #include "Platform/Foundation/Value.h"
@@ -70,6 +84,8 @@
 namespace platform {
 
 class Object;
+template <class T>
+struct ObjectAllocator;
 
 // What an observer asks to receive in the change dictionary, and when.
 using KeyValueObservingOptions = std::uint32_t;
@@ -231,7 +247,8 @@ protected:
     Object() = default;
 
 private:
-    friend struct ObjectDeleter;
+    template <class>
+    friend struct ObjectAllocator;
     struct SideTable;
     class ChangeScope;
 
@@ -245,14 +262,6 @@ private:
 
     // Allocated on first use, freed by ~Object.
     mutable std::atomic<SideTable*> sideTable_{nullptr};
-};
-
-// The deleter a factory passes to std::shared_ptr so that destruction hooks
-// run while the object is still whole:
-//   return std::shared_ptr<Task>(new Task(...), platform::ObjectDeleter());
-struct ObjectDeleter {
-    void operator()(Object* object) const;
-    static void runDestructionHooks(Object& object);
 };
 
 // The allocator behind makeObject. A class whose constructor is not public
@@ -280,7 +289,7 @@ struct ObjectAllocator {
     void destroy(U* object)
     {
         if constexpr (std::is_base_of_v<Object, U>) {
-            ObjectDeleter::runDestructionHooks(*object);
+            static_cast<Object&>(*object).runDestructionHooks();
         }
         object->~U();
     }
@@ -294,9 +303,9 @@ struct ObjectAllocator {
 
 // Makes an object and its reference count in one allocation, as
 // std::make_shared does, with the destruction hooks run while the object is
-// still whole, as ObjectDeleter runs them. For objects made on one thread and
-// let go on another, as a request's are, every allocation saved is a slow
-// path of malloc saved on both threads.
+// still whole. For objects made on one thread and let go on another, as a
+// request's are, every allocation saved is a slow path of malloc saved on both
+// threads. Every factory makes its objects this way.
 //   return platform::makeObject<Task>(...);
 template <class T, class... Arguments>
 std::shared_ptr<T> makeObject(Arguments&&... arguments)

@@ -341,7 +341,7 @@ const PropertyTable& Operation::propertyTable() const
 
 std::shared_ptr<BlockOperation> BlockOperation::create()
 {
-    return std::shared_ptr<BlockOperation>(new BlockOperation, ObjectDeleter());
+    return makeObject<BlockOperation>();
 }
 
 std::shared_ptr<BlockOperation> BlockOperation::create(std::function<void()> block)

@@ -147,6 +147,7 @@ public:
     void main() override;
 
 private:
+    template <class> friend struct ObjectAllocator;
     BlockOperation() = default;
 
     mutable std::mutex blocksMutex_;  // guards `blocks_`

@@ -57,12 +57,12 @@ OperationQueue::OperationQueue(bool isMain)
 
 OperationQueueRef OperationQueue::create()
 {
-    return OperationQueueRef(new OperationQueue(false), ObjectDeleter());
+    return makeObject<OperationQueue>(false);
 }
 
 OperationQueueRef OperationQueue::mainQueue()
 {
-    static const auto* main = new OperationQueueRef(new OperationQueue(true));
+    static const auto* main = new OperationQueueRef(makeObject<OperationQueue>(true));
     return *main;
 }
 

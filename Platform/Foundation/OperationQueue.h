@@ -93,6 +93,7 @@ public:
 
 private:
     friend class Operation;
+    template <class> friend struct ObjectAllocator;
     explicit OperationQueue(bool isMain);
 
     // Starts every operation that may start now.

@@ -11,7 +11,7 @@ PipeRef Pipe::create()
     if (::pipe2(fds, O_CLOEXEC) != 0) {
         return nullptr;
     }
-    return PipeRef(new Pipe(FileHandle::create(fds[0], true), FileHandle::create(fds[1], true)));
+    return makeObject<Pipe>(FileHandle::create(fds[0], true), FileHandle::create(fds[1], true));
 }
 
 }  // namespace platform

@@ -24,6 +24,7 @@ public:
     const FileHandleRef& fileHandleForWriting() const { return writing_; }
 
 private:
+    template <class> friend struct ObjectAllocator;
     Pipe(FileHandleRef reading, FileHandleRef writing) : reading_(std::move(reading)), writing_(std::move(writing)) {}
 
     const FileHandleRef reading_;

@@ -456,7 +456,7 @@ Timer::Timer(double interval, bool repeats, Block block)
 
 TimerRef Timer::create(double interval, bool repeats, Block block)
 {
-    return TimerRef(new Timer(interval, repeats, std::move(block)));
+    return makeObject<Timer>(interval, repeats, std::move(block));
 }
 
 TimerRef Timer::scheduledTimer(double interval, bool repeats, Block block)
@@ -579,7 +579,7 @@ RunLoopSource::RunLoopSource(std::function<void()> perform) : perform_(std::move
 
 RunLoopSourceRef RunLoopSource::create(std::function<void()> perform)
 {
-    return RunLoopSourceRef(new RunLoopSource(std::move(perform)));
+    return makeObject<RunLoopSource>(std::move(perform));
 }
 
 void RunLoopSource::signal()
@@ -617,7 +617,7 @@ FileDescriptorSource::FileDescriptorSource(int fd, unsigned events, Callback cal
 
 FileDescriptorSourceRef FileDescriptorSource::create(int fd, unsigned events, Callback callback)
 {
-    return FileDescriptorSourceRef(new FileDescriptorSource(fd, events, std::move(callback)));
+    return makeObject<FileDescriptorSource>(fd, events, std::move(callback));
 }
 
 void FileDescriptorSource::markChanged()
@@ -662,7 +662,7 @@ RunLoop::~RunLoop() = default;
 
 RunLoopRef RunLoop::make()
 {
-    return RunLoopRef(new RunLoop);
+    return makeObject<RunLoop>();
 }
 
 RunLoopRef RunLoop::mainRunLoop()

@@ -85,6 +85,7 @@ public:
 
 private:
     friend class RunLoop;
+    template <class> friend struct ObjectAllocator;
     Timer(double interval, bool repeats, Block block);
     // Called by the run loop: fires when due and plans the next date.
     bool fireIfDue(Date now);
@@ -113,6 +114,7 @@ public:
 
 private:
     friend class RunLoop;
+    template <class> friend struct ObjectAllocator;
     explicit RunLoopSource(std::function<void()> perform);
 
     std::function<void()> perform_;
@@ -153,6 +155,7 @@ public:
 
 private:
     friend class RunLoop;
+    template <class> friend struct ObjectAllocator;
     FileDescriptorSource(int fd, unsigned events, Callback callback);
     void markChanged();
 
@@ -203,6 +206,7 @@ public:
 
 private:
     struct State;
+    template <class> friend struct ObjectAllocator;
     RunLoop();
     static RunLoopRef make();
     void sourcesChanged();

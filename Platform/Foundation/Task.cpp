@@ -267,7 +267,7 @@ Task::~Task()
 
 TaskRef Task::create()
 {
-    return TaskRef(new Task, ObjectDeleter());
+    return makeObject<Task>();
 }
 
 std::optional<std::string> Task::launchPath() const

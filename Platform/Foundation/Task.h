@@ -106,6 +106,7 @@ public:
 
 private:
     struct Reaper;
+    template <class> friend struct ObjectAllocator;
     Task() = default;
     // The launch steps. `checkLaunchable` raises the launch failures that
     // need no spawn; it reads the settings and so runs with `mutex_` held.

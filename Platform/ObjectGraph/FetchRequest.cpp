@@ -4,7 +4,7 @@ namespace platform {
 
 std::shared_ptr<FetchRequest> FetchRequest::fetchRequestWithEntityName(std::string entityName)
 {
-    return std::shared_ptr<FetchRequest>(new FetchRequest(std::move(entityName)));
+    return makeObject<FetchRequest>(std::move(entityName));
 }
 
 std::string FetchRequest::description() const

@@ -70,6 +70,7 @@ public:
     std::string description() const override;
 
 private:
+    template <class> friend struct ObjectAllocator;
     explicit FetchRequest(std::string entityName) : entityName_(std::move(entityName)) {}
 
     std::string entityName_;

@@ -12,7 +12,7 @@ namespace platform {
 
 std::shared_ptr<InMemoryStore> InMemoryStore::create(Configuration configuration)
 {
-    return std::shared_ptr<InMemoryStore>(new InMemoryStore(std::move(configuration)));
+    return makeObject<InMemoryStore>(std::move(configuration));
 }
 
 InMemoryStore::InMemoryStore(Configuration configuration)
@@ -58,7 +58,7 @@ const std::map<std::int64_t, std::shared_ptr<InMemoryStore::Row>>& InMemoryStore
 std::shared_ptr<InMemoryStore::Row> InMemoryStore::makeRow(const EntityDescription& entity, std::int64_t primaryKey,
                                                           ObjectSnapshot snapshot) const
 {
-    return std::make_shared<Row>(static_cast<const StoredObjectSource&>(*this), entity, primaryKey, std::move(snapshot));
+    return makeObject<Row>(static_cast<const StoredObjectSource&>(*this), entity, primaryKey, std::move(snapshot));
 }
 
 void InMemoryStore::addRow(const EntityDescription& entity, std::int64_t primaryKey, ObjectSnapshot snapshot)

@@ -43,6 +43,7 @@ public:
     using Row = objectgraph::StoredObject;
 
 protected:
+    template <class> friend struct ObjectAllocator;
     explicit InMemoryStore(Configuration configuration);
 
     // Hooks for a store with a file. `readContents` runs once in `load`; it

@@ -61,7 +61,7 @@ ManagedObjectRef makeInstance(const EntityDescription& entity)
             return object;
         }
     }
-    return std::make_shared<PlainObject>();
+    return makeObject<PlainObject>();
 }
 
 const PropertyDescription& propertyOrRaise(const EntityDescription& entity, std::string_view key)

@@ -84,7 +84,7 @@ ManagedObjectContext::ManagedObjectContext(ManagedObjectContextConcurrencyType t
 
 ManagedObjectContextRef ManagedObjectContext::create(ManagedObjectContextConcurrencyType type)
 {
-    return ManagedObjectContextRef(new ManagedObjectContext(type));
+    return makeObject<ManagedObjectContext>(type);
 }
 
 ManagedObjectContext::~ManagedObjectContext()

@@ -204,6 +204,7 @@ public:
 
 private:
     friend class ManagedObject;
+    template <class> friend struct ObjectAllocator;
     explicit ManagedObjectContext(ManagedObjectContextConcurrencyType type);
 
     void checkAccess(const char* method) const;

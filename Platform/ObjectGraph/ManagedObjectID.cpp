@@ -63,7 +63,7 @@ InternedStoreIdentifier::InternedStoreIdentifier(const std::string& identifier)
 
 ManagedObjectIDRef ManagedObjectID::temporaryID(const EntityDescription& entity)
 {
-    return std::make_shared<ManagedObjectID>(Passkey(), entity, nullptr,
+    return makeObject<ManagedObjectID>(Passkey(), entity, nullptr,
                                              nextTemporaryKey.fetch_add(1, std::memory_order_relaxed), true);
 }
 
@@ -76,7 +76,7 @@ ManagedObjectIDRef ManagedObjectID::permanentID(const EntityDescription& entity,
 ManagedObjectIDRef ManagedObjectID::fromParts(const EntityDescription& entity, const std::string* store,
                                               std::int64_t primaryKey)
 {
-    return std::make_shared<ManagedObjectID>(Passkey(), entity, store, primaryKey, false);
+    return makeObject<ManagedObjectID>(Passkey(), entity, store, primaryKey, false);
 }
 
 URL ManagedObjectID::URIRepresentation() const

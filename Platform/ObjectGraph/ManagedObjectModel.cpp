@@ -175,7 +175,7 @@ AttributeDescription::AttributeDescription(std::string name, AttributeType type,
 std::shared_ptr<AttributeDescription> AttributeDescription::create(std::string name, AttributeType type,
                                                                    Options options)
 {
-    return std::shared_ptr<AttributeDescription>(new AttributeDescription(std::move(name), type, std::move(options)));
+    return makeObject<AttributeDescription>(std::move(name), type, std::move(options));
 }
 
 std::string AttributeDescription::description() const
@@ -197,8 +197,7 @@ RelationshipDescription::RelationshipDescription(std::string name, std::string d
 std::shared_ptr<RelationshipDescription> RelationshipDescription::create(std::string name, std::string destination,
                                                                          Options options)
 {
-    return std::shared_ptr<RelationshipDescription>(
-        new RelationshipDescription(std::move(name), std::move(destination), std::move(options)));
+    return makeObject<RelationshipDescription>(std::move(name), std::move(destination), std::move(options));
 }
 
 std::string RelationshipDescription::description() const
@@ -223,8 +222,8 @@ std::shared_ptr<EntityDescription> EntityDescription::create(std::string name,
                                                              std::vector<RelationshipDescriptionRef> relationships,
                                                              std::string managedObjectClassName)
 {
-    return std::shared_ptr<EntityDescription>(new EntityDescription(
-        std::move(name), std::move(attributes), std::move(relationships), std::move(managedObjectClassName)));
+    return makeObject<EntityDescription>(std::move(name), std::move(attributes), std::move(relationships),
+                                         std::move(managedObjectClassName));
 }
 
 const PropertyDescription* EntityDescription::propertyNamed(std::string_view name) const
@@ -432,7 +431,7 @@ bool ManagedObjectModel::resolveInverses(const std::vector<EntityDescriptionRef>
 // version hashes.
 ManagedObjectModelRef ManagedObjectModel::assemble(std::vector<EntityDescriptionRef> entities)
 {
-    auto model = std::shared_ptr<ManagedObjectModel>(new ManagedObjectModel());
+    auto model = makeObject<ManagedObjectModel>();
     std::set<std::string> entityTexts;
     for (const auto& entity : entities) {
         entity->model_ = model.get();

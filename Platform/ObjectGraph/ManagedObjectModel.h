@@ -119,6 +119,7 @@ public:
     std::string description() const override;
 
 private:
+    template <class> friend struct ObjectAllocator;
     AttributeDescription(std::string name, AttributeType type, Options options);
     AttributeType type_;
     Value default_;
@@ -150,6 +151,7 @@ public:
 
 private:
     friend class ManagedObjectModel;
+    template <class> friend struct ObjectAllocator;
     RelationshipDescription(std::string name, std::string destination, Options options);
     std::string destinationName_;
     std::string inverseName_;
@@ -207,6 +209,7 @@ public:
 
 private:
     friend class ManagedObjectModel;
+    template <class> friend struct ObjectAllocator;
     EntityDescription(std::string name, std::vector<AttributeDescriptionRef> attributes,
                       std::vector<RelationshipDescriptionRef> relationships, std::string className);
 
@@ -263,6 +266,7 @@ public:
     std::string description() const override;
 
 private:
+    template <class> friend struct ObjectAllocator;
     ManagedObjectModel() = default;
 
     // The steps of `create`: each false with an error for a model it refuses.

@@ -11,7 +11,7 @@ std::shared_ptr<PersistentStoreCoordinator> PersistentStoreCoordinator::create(M
     if (!model) {
         Exception::raise(NSInvalidArgumentException, "A coordinator needs a model.");
     }
-    return std::shared_ptr<PersistentStoreCoordinator>(new PersistentStoreCoordinator(std::move(model)));
+    return makeObject<PersistentStoreCoordinator>(std::move(model));
 }
 
 PersistentStoreRef PersistentStoreCoordinator::addPersistentStoreWithType(std::string_view type,

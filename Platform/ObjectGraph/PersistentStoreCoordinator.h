@@ -69,6 +69,7 @@ public:
     std::string className() const override { return "NSPersistentStoreCoordinator"; }
 
 private:
+    template <class> friend struct ObjectAllocator;
     explicit PersistentStoreCoordinator(ManagedObjectModelRef model) : model_(std::move(model)) {}
     [[nodiscard]] PersistentStoreRef storeOrError(ErrorRef* error) const;
 

@@ -242,7 +242,7 @@ SQLiteStore::EntityWriter::~EntityWriter() = default;
 
 std::shared_ptr<SQLiteStore> SQLiteStore::create(Configuration configuration)
 {
-    return std::shared_ptr<SQLiteStore>(new SQLiteStore(std::move(configuration)));
+    return makeObject<SQLiteStore>(std::move(configuration));
 }
 
 SQLiteStore::SQLiteStore(Configuration configuration) : PersistentStore(std::move(configuration)) {}
@@ -785,7 +785,7 @@ public:
         auto snapshot = store_.snapshotForObjectWithID(objectID, &error);
         std::shared_ptr<objectgraph::StoredObject> object;
         if (snapshot) {
-            object = std::make_shared<objectgraph::StoredObject>(*this, objectID.entity(), objectID.primaryKey(),
+            object = makeObject<objectgraph::StoredObject>(*this, objectID.entity(), objectID.primaryKey(),
                                                                  std::move(*snapshot));
         } else if (error && error->code() != NSManagedObjectReferentialIntegrityError && !failure_) {
             failure_ = error;

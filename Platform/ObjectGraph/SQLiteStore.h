@@ -88,6 +88,7 @@ private:
     [[nodiscard]] std::optional<std::vector<ManagedObjectIDRef>> fetchInMemory(const EntityDescription& entity,
                                                                                const FetchRequest& request,
                                                                                ErrorRef* error);
+    template <class> friend struct ObjectAllocator;
     explicit SQLiteStore(Configuration configuration);
 
     Statement& statement(const std::string& sql);

@@ -440,7 +440,7 @@ private:
 
 std::shared_ptr<XMLStore> XMLStore::create(Configuration configuration)
 {
-    return std::shared_ptr<XMLStore>(new XMLStore(std::move(configuration)));
+    return makeObject<XMLStore>(std::move(configuration));
 }
 
 bool XMLStore::readContents(ErrorRef* error)

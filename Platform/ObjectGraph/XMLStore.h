@@ -56,6 +56,7 @@ public:
     std::string className() const override { return "NSXMLStore"; }
 
 private:
+    template <class> friend struct ObjectAllocator;
     explicit XMLStore(Configuration configuration) : InMemoryStore(std::move(configuration)) {}
 
     [[nodiscard]] bool readContents(ErrorRef* error) override;

@@ -830,7 +830,7 @@ PredicateRef Predicate::predicateWithValue(bool value)
 
 std::shared_ptr<const ConstantPredicate> ConstantPredicate::create(bool value)
 {
-    return std::shared_ptr<const ConstantPredicate>(new ConstantPredicate(value));
+    return makeObject<ConstantPredicate>(value);
 }
 
 bool ConstantPredicate::evaluateWithObject(const Value&) const
@@ -867,8 +867,7 @@ std::shared_ptr<const ComparisonPredicate> ComparisonPredicate::create(Expressio
             Exception::raise(NSInvalidArgumentException, "BETWEEN needs two bounds");
         }
     }
-    return std::shared_ptr<const ComparisonPredicate>(
-        new ComparisonPredicate(std::move(left), std::move(right), modifier, type, options & 3u));
+    return makeObject<ComparisonPredicate>(std::move(left), std::move(right), modifier, type, options & 3u);
 }
 
 bool ComparisonPredicate::evaluateWithObject(const Value& object) const
@@ -925,7 +924,7 @@ std::shared_ptr<const CompoundPredicate> CompoundPredicate::create(Type type, st
         (type == Type::Not && subpredicates.size() != 1)) {
         Exception::raise(NSInvalidArgumentException, "A compound predicate needs its subpredicates (NOT exactly one)");
     }
-    return std::shared_ptr<const CompoundPredicate>(new CompoundPredicate(type, std::move(subpredicates)));
+    return makeObject<CompoundPredicate>(type, std::move(subpredicates));
 }
 
 std::shared_ptr<const CompoundPredicate> CompoundPredicate::notPredicate(PredicateRef predicate)

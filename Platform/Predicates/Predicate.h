@@ -115,6 +115,7 @@ public:
     bool isEqual(const Object& other) const override;
 
 private:
+    template <class> friend struct ObjectAllocator;
     explicit ConstantPredicate(bool value) : value_(value) {}
     bool value_;
 };
@@ -148,6 +149,7 @@ public:
     bool isEqual(const Object& other) const override;
 
 private:
+    template <class> friend struct ObjectAllocator;
     ComparisonPredicate(Expression left, Expression right, Modifier modifier, Operator type, unsigned options);
 
     Expression left_;
@@ -176,6 +178,7 @@ public:
     bool isEqual(const Object& other) const override;
 
 private:
+    template <class> friend struct ObjectAllocator;
     CompoundPredicate(Type type, std::vector<PredicateRef> subpredicates);
 
     Type type_;

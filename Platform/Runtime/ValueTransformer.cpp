@@ -21,7 +21,7 @@ Guarded<TransformersByName>& transformersByName()
 
 ValueTransformerRef ValueTransformer::create()
 {
-    return ValueTransformerRef(new ValueTransformer(), ObjectDeleter());
+    return makeObject<ValueTransformer>();
 }
 
 const Class* ValueTransformer::transformedValueClass() const

@@ -73,6 +73,7 @@ public:
     static ValueTransformerRef valueTransformerForName(std::string_view name);
 
 protected:
+    template <class> friend struct ObjectAllocator;
     ValueTransformer() = default;
 };
 

@@ -57,7 +57,7 @@ OSStatus forgetKeyOf(const SecKeychainRef& keychain, bool keychainOnly = false)
 
 std::shared_ptr<SecKeychain> SecKeychain::create(std::string path)
 {
-    return std::shared_ptr<SecKeychain>(new SecKeychain(absolutePath(std::move(path))));
+    return makeObject<SecKeychain>(absolutePath(std::move(path)));
 }
 
 std::string SecKeychain::description() const
@@ -74,7 +74,7 @@ bool SecKeychain::isEqual(const Object& other) const
 std::shared_ptr<SecKeychainItem> SecKeychainItem::create(std::string keychainPath, std::string fileIdentity,
                                                          std::int64_t row)
 {
-    return std::shared_ptr<SecKeychainItem>(new SecKeychainItem(std::move(keychainPath), std::move(fileIdentity), row));
+    return makeObject<SecKeychainItem>(std::move(keychainPath), std::move(fileIdentity), row);
 }
 
 bool SecKeychainItem::isEqual(const Object& other) const

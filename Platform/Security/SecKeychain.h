@@ -55,6 +55,7 @@ public:
     bool isEqual(const Object& other) const override;
 
 private:
+    template <class> friend struct ObjectAllocator;
     explicit SecKeychain(std::string path) : path_(std::move(path)) {}
 
     std::string path_;
@@ -77,6 +78,7 @@ public:
     bool isEqual(const Object& other) const override;
 
 private:
+    template <class> friend struct ObjectAllocator;
     SecKeychainItem(std::string keychainPath, std::string fileIdentity, std::int64_t row)
         : keychainPath_(std::move(keychainPath)), fileIdentity_(std::move(fileIdentity)), row_(row) {}
 

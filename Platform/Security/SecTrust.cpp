@@ -122,7 +122,7 @@ SecTrustRef SecTrustCreateWithCertificates(std::vector<Data> certificates, std::
     if (certificates.empty()) {
         return nullptr;
     }
-    return std::make_shared<SecTrust>(std::move(certificates), std::move(host));
+    return makeObject<SecTrust>(std::move(certificates), std::move(host));
 }
 
 OSStatus SecTrustEvaluate(const SecTrustRef& trust, SecTrustResultType* result)

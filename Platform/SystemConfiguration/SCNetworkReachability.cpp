@@ -262,7 +262,7 @@ void TargetListener::networkMayHaveChanged()
 
 SCNetworkReachabilityRef SCNetworkReachabilityCreateWithName(std::string_view name)
 {
-    return std::make_shared<SCNetworkReachability>(std::string(name), std::nullopt);
+    return makeObject<SCNetworkReachability>(std::string(name), std::nullopt);
 }
 
 SCNetworkReachabilityRef SCNetworkReachabilityCreateWithAddress(const sockaddr* address)
@@ -278,7 +278,7 @@ SCNetworkReachabilityRef SCNetworkReachabilityCreateWithAddress(const sockaddr* 
     } else {
         return nullptr;
     }
-    return std::make_shared<SCNetworkReachability>(std::string(), storage);
+    return makeObject<SCNetworkReachability>(std::string(), storage);
 }
 
 bool SCNetworkReachabilityGetFlags(const SCNetworkReachabilityRef& target, SCNetworkReachabilityFlags* flags)

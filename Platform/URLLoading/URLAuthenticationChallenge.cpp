@@ -14,7 +14,7 @@ URLProtectionSpace::URLProtectionSpace(std::string host, int port, std::string p
 
 URLCredentialRef URLCredential::credentialForTrust(SecTrustRef trust)
 {
-    return URLCredentialRef(new URLCredential(std::move(trust)));
+    return makeObject<URLCredential>(std::move(trust));
 }
 
 URLAuthenticationChallenge::URLAuthenticationChallenge(URLProtectionSpace protectionSpace,

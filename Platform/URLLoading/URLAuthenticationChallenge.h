@@ -67,6 +67,7 @@ public:
     std::string className() const override { return "NSURLCredential"; }
 
 private:
+    template <class> friend struct ObjectAllocator;
     explicit URLCredential(SecTrustRef trust) : trust_(std::move(trust)) {}
     SecTrustRef trust_;
 };

@@ -47,7 +47,7 @@ void URLRequest::copyFields(const URLRequest& other)
 
 URLRequestRef URLRequest::copy() const
 {
-    std::shared_ptr<URLRequest> copied(new URLRequest(url_, cachePolicy_, timeoutInterval_));
+    auto copied = makeObject<URLRequest>(url_, cachePolicy_, timeoutInterval_);
     copied->copyFields(*this);
     return copied;
 }

@@ -150,9 +150,8 @@ std::shared_ptr<QMCommandOperation> QMCommandOperation::create(std::optional<std
                                                                Arguments arguments, Delegate delegate)
 {
     // Destruction hooks (the observation centre's clean-up) run while the command is still whole.
-    return std::shared_ptr<QMCommandOperation>(
-        new QMCommandOperation(std::move(launchPath), std::move(workingDirectory), std::move(arguments), std::move(delegate)),
-        platform::ObjectDeleter());
+    return platform::makeObject<QMCommandOperation>(std::move(launchPath), std::move(workingDirectory), std::move(arguments),
+                                                    std::move(delegate));
 }
 
 std::shared_ptr<QMCommandOperation> QMCommandOperation::commandWithLaunchPath(std::optional<std::string> launchPath,

@@ -179,6 +179,7 @@ public:
                                 const platform::Dictionary& change, void* context) override;
 
 protected:
+    template <class> friend struct platform::ObjectAllocator;
     QMCommandOperation(std::optional<std::string> launchPath, std::optional<std::string> workingDirectory,
                        Arguments arguments, Delegate delegate);
 

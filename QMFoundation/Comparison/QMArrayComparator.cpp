@@ -60,7 +60,7 @@ QMArrayComparatorRef QMArrayComparator::create(std::optional<Array> leftArray, s
 {
     PLATFORM_PARAMETER_ASSERT(leftArray.has_value(), "leftArray");
     PLATFORM_PARAMETER_ASSERT(rightArray.has_value(), "rightArray");
-    return QMArrayComparatorRef(new QMArrayComparator(std::move(*leftArray), std::move(*rightArray), std::move(comparator)));
+    return platform::makeObject<QMArrayComparator>(std::move(*leftArray), std::move(*rightArray), std::move(comparator));
 }
 
 std::size_t QMArrayComparator::indexOfObject(const Value& object, const Array& array) const

@@ -116,6 +116,7 @@ private:
         std::size_t finalIndex;
     };
 
+    template <class> friend struct platform::ObjectAllocator;
     QMArrayComparator(platform::Array leftArray, platform::Array rightArray, Comparator comparator);
 
     // The lowest index of `array` whose element denotes `object`, searched by

@@ -5,7 +5,7 @@ using platform::Value;
 
 QMTimerRef QMTimer::timer()
 {
-    QMTimerRef timer(new QMTimer());
+    auto timer = platform::makeObject<QMTimer>();
     timer->start();
     return timer;
 }

@@ -41,6 +41,7 @@ public:
     const platform::PropertyTable& propertyTable() const override;
 
 private:
+    template <class> friend struct platform::ObjectAllocator;
     QMTimer() = default;
 
     platform::Date startDate_;

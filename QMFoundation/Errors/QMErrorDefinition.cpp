@@ -16,7 +16,7 @@ constexpr const char* kAssertionSourceFile = "QMFoundation/QMErrorDefinition";
 QMErrorDefinitionRef QMErrorDefinition::errorDefinitionWithDefinition(std::optional<Dictionary> definition)
 {
     PLATFORM_PARAMETER_ASSERT(definition.has_value(), "errorDefinition");
-    return QMErrorDefinitionRef(new QMErrorDefinition(std::move(*definition)));
+    return platform::makeObject<QMErrorDefinition>(std::move(*definition));
 }
 
 std::optional<std::string> QMErrorDefinition::stringEntry(std::string_view key) const

@@ -51,6 +51,7 @@ public:
     const platform::PropertyTable& propertyTable() const override;
 
 private:
+    template <class> friend struct platform::ObjectAllocator;
     explicit QMErrorDefinition(platform::Dictionary definition) : definition_(std::move(definition)) {}
 
     std::optional<std::string> stringEntry(std::string_view key) const;

@@ -14,13 +14,13 @@ constexpr const char* kAssertionSourceFile = "QMFoundation/QMErrorManager";
 
 QMErrorManagerRef QMErrorManager::sharedManager()
 {
-    static const QMErrorManagerRef shared(new QMErrorManager());
+    static const auto shared = platform::makeObject<QMErrorManager>();
     return shared;
 }
 
 QMErrorManagerRef QMErrorManager::manager()
 {
-    return QMErrorManagerRef(new QMErrorManager());
+    return platform::makeObject<QMErrorManager>();
 }
 
 void QMErrorManager::addErrorDefinitions(const std::optional<Array>& errorDefinitions,

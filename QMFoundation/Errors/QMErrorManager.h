@@ -59,6 +59,7 @@ public:
     std::string className() const override { return "QMErrorManager"; }
 
 private:
+    template <class> friend struct platform::ObjectAllocator;
     QMErrorManager() = default;
 
     mutable std::mutex tableMutex_;  // guards errorDefinitionsByDomain_

@@ -7,7 +7,7 @@ using namespace platform;
 QMGenericPasswordKeychainItemRef QMGenericPasswordKeychainItem::create(QMKeychainRef keychain,
                                                                        const std::optional<Dictionary>& attributes)
 {
-    return QMGenericPasswordKeychainItemRef(new QMGenericPasswordKeychainItem(std::move(keychain), attributes));
+    return platform::makeObject<QMGenericPasswordKeychainItem>(std::move(keychain), attributes);
 }
 
 Value QMGenericPasswordKeychainItem::keychainItemTypeRef()

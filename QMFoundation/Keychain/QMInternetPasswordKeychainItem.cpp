@@ -25,7 +25,7 @@ constexpr ProtocolEntry kProtocolTable[] = {
 QMInternetPasswordKeychainItemRef QMInternetPasswordKeychainItem::create(QMKeychainRef keychain,
                                                                          const std::optional<Dictionary>& attributes)
 {
-    return QMInternetPasswordKeychainItemRef(new QMInternetPasswordKeychainItem(std::move(keychain), attributes));
+    return platform::makeObject<QMInternetPasswordKeychainItem>(std::move(keychain), attributes);
 }
 
 Value QMInternetPasswordKeychainItem::keychainItemTypeRef()

@@ -19,18 +19,18 @@ constexpr std::string_view kSupportedProtocols[] = {"ftp", "ftps", "http", "http
 
 QMKeychainRef QMKeychain::defaultKeychain()
 {
-    static const QMKeychainRef keychain(new QMKeychain(nullptr));
+    static const auto keychain = platform::makeObject<QMKeychain>(nullptr);
     return keychain;
 }
 
 QMKeychainRef QMKeychain::create()
 {
-    return QMKeychainRef(new QMKeychain(nullptr));
+    return platform::makeObject<QMKeychain>(nullptr);
 }
 
 QMKeychainRef QMKeychain::keychainWithKeychainRef(SecKeychainRef keychainRef)
 {
-    return QMKeychainRef(new QMKeychain(std::move(keychainRef)));
+    return platform::makeObject<QMKeychain>(std::move(keychainRef));
 }
 
 QMKeychain::QMKeychain(SecKeychainRef keychainRef) : keychainRef_(std::move(keychainRef))

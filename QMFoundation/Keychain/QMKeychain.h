@@ -103,6 +103,7 @@ public:
     const platform::PropertyTable& propertyTable() const override;
 
 private:
+    template <class> friend struct platform::ObjectAllocator;
     explicit QMKeychain(platform::SecKeychainRef keychainRef);
     QMKeychainRef self();
 

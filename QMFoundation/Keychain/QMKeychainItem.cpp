@@ -12,7 +12,7 @@ using namespace platform;
 
 QMKeychainItemRef QMKeychainItem::create(QMKeychainRef keychain, const std::optional<Dictionary>& attributes)
 {
-    return QMKeychainItemRef(new QMKeychainItem(std::move(keychain), attributes));
+    return platform::makeObject<QMKeychainItem>(std::move(keychain), attributes);
 }
 
 QMKeychainItem::QMKeychainItem(QMKeychainRef keychain, const std::optional<Dictionary>& attributes)

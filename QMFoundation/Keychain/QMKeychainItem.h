@@ -98,6 +98,7 @@ public:
     const platform::PropertyTable& propertyTable() const override;
 
 protected:
+    template <class> friend struct platform::ObjectAllocator;
     QMKeychainItem(QMKeychainRef keychain, const std::optional<platform::Dictionary>& attributes);
 
     // The class-dependent operations for an explicit item class; the

@@ -93,13 +93,13 @@ bool sendInMemoryFile(int socket, const std::string& datagram)
 const DDASLLoggerRef& DDASLLogger::sharedInstance()
 {
     // Never destroyed: the flush at exit may still reach it.
-    static const auto* const instance = new DDASLLoggerRef(new DDASLLogger(kJournalSocketPath), platform::ObjectDeleter());
+    static const auto* const instance = new DDASLLoggerRef(platform::makeObject<DDASLLogger>(kJournalSocketPath));
     return *instance;
 }
 
 DDASLLoggerRef DDASLLogger::makeWithJournalSocket(const std::string& journalSocketPath)
 {
-    return DDASLLoggerRef(new DDASLLogger(journalSocketPath), platform::ObjectDeleter());
+    return platform::makeObject<DDASLLogger>(journalSocketPath);
 }
 
 DDASLLogger::DDASLLogger(const std::string& journalSocketPath) : identifier_(platform::ProcessInfo::processName())

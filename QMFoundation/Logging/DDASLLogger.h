@@ -45,6 +45,7 @@ public:
     static DDASLLoggerRef makeWithJournalSocket(const std::string& journalSocketPath);
 
 private:
+    template <class> friend struct platform::ObjectAllocator;
     explicit DDASLLogger(const std::string& journalSocketPath);
 
     bool sendToJournal(const DDLogMessage& logMessage, const std::string& text, int priority);

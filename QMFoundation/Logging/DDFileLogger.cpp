@@ -51,7 +51,7 @@ DDFileLoggerRef DDFileLogger::create(DDLogFileManagerRef logFileManager)
     if (!logFileManager) {
         logFileManager = DDLogFileManagerDefault::create();
     }
-    return DDFileLoggerRef(new DDFileLogger(std::move(logFileManager)));
+    return platform::makeObject<DDFileLogger>(std::move(logFileManager));
 }
 
 DDFileLogger::DDFileLogger(DDLogFileManagerRef logFileManager) : logFileManager_(std::move(logFileManager))

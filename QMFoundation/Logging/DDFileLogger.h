@@ -84,6 +84,7 @@ public:
     static int exceptionCount();
 
 private:
+    template <class> friend struct platform::ObjectAllocator;
     explicit DDFileLogger(DDLogFileManagerRef logFileManager);
 
     // All on the logger queue.

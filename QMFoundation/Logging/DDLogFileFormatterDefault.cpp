@@ -4,7 +4,7 @@
 
 DDLogFileFormatterDefaultRef DDLogFileFormatterDefault::create(platform::DateFormatterRef dateFormatter)
 {
-    return DDLogFileFormatterDefaultRef(new DDLogFileFormatterDefault(std::move(dateFormatter)));
+    return platform::makeObject<DDLogFileFormatterDefault>(std::move(dateFormatter));
 }
 
 DDLogFileFormatterDefault::DDLogFileFormatterDefault(platform::DateFormatterRef dateFormatter)

@@ -32,6 +32,7 @@ public:
     std::string className() const override { return "DDLogFileFormatterDefault"; }
 
 private:
+    template <class> friend struct platform::ObjectAllocator;
     explicit DDLogFileFormatterDefault(platform::DateFormatterRef dateFormatter);
 
     // One of the two: the caller's formatter, or the default timestamp.

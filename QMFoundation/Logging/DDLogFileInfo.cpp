@@ -56,7 +56,7 @@ ComparisonResult reverseCompare(std::optional<Date> mine, std::optional<Date> th
 
 DDLogFileInfoRef DDLogFileInfo::logFileWithPath(std::string filePath)
 {
-    return DDLogFileInfoRef(new DDLogFileInfo(std::move(filePath)));
+    return platform::makeObject<DDLogFileInfo>(std::move(filePath));
 }
 
 const std::string& DDLogFileInfo::fileName() const

@@ -82,6 +82,7 @@ public:
     static bool isArchivedFileName(const std::string& fileName);
 
 private:
+    template <class> friend struct platform::ObjectAllocator;
     explicit DDLogFileInfo(std::string filePath) : filePath_(std::move(filePath)) {}
     // Sets the attribute; false with the error when the system refused.
     [[nodiscard]] bool setAttribute(std::string_view name, platform::ErrorRef* error);

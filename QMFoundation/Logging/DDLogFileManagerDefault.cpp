@@ -63,8 +63,7 @@ Creation createEmptyFile(const std::string& path)
 
 DDLogFileManagerDefaultRef DDLogFileManagerDefault::create(std::optional<std::string> logsDirectory)
 {
-    return DDLogFileManagerDefaultRef(
-        new DDLogFileManagerDefault(logsDirectory ? std::move(*logsDirectory) : defaultLogsDirectory()));
+    return platform::makeObject<DDLogFileManagerDefault>(logsDirectory ? std::move(*logsDirectory) : defaultLogsDirectory());
 }
 
 std::string DDLogFileManagerDefault::defaultLogsDirectory()

@@ -78,6 +78,7 @@ public:
 
 protected:
     // For subclasses that listen to the logger's optional calls.
+    template <class> friend struct platform::ObjectAllocator;
     explicit DDLogFileManagerDefault(std::string logsDirectory) : logsDirectory_(std::move(logsDirectory)) {}
 
 private:

@@ -9,6 +9,5 @@ DDLoggerNode::DDLoggerNode(DDLoggerRef logger, platform::DispatchQueueRef logger
 
 DDLoggerNodeRef DDLoggerNode::nodeWithLogger(DDLoggerRef logger, platform::DispatchQueueRef loggerQueue, int logLevel)
 {
-    return DDLoggerNodeRef(new DDLoggerNode(std::move(logger), std::move(loggerQueue), logLevel),
-                           platform::ObjectDeleter());
+    return platform::makeObject<DDLoggerNode>(std::move(logger), std::move(loggerQueue), logLevel);
 }

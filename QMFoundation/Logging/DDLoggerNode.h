@@ -23,6 +23,7 @@ public:
     int logLevel() const { return logLevel_; }
 
 private:
+    template <class> friend struct platform::ObjectAllocator;
     DDLoggerNode(DDLoggerRef logger, platform::DispatchQueueRef loggerQueue, int logLevel);
 
     const DDLoggerRef logger_;

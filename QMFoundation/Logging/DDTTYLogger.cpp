@@ -58,7 +58,7 @@ iovec piece(const char* text, std::size_t length)
 const DDTTYLoggerRef& DDTTYLogger::sharedInstance()
 {
     // Never destroyed: the flush at exit may still reach it.
-    static const auto* const instance = new DDTTYLoggerRef(new DDTTYLogger, platform::ObjectDeleter());
+    static const auto* const instance = new DDTTYLoggerRef(platform::makeObject<DDTTYLogger>());
     return *instance;
 }
 

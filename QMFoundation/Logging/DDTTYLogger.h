@@ -82,6 +82,7 @@ public:
     std::string className() const override { return "DDTTYLogger"; }
 
 private:
+    template <class> friend struct platform::ObjectAllocator;
     DDTTYLogger();
 
     // Runs `change` on the logger queue: now when already there, otherwise

@@ -27,8 +27,7 @@ DDTTYLoggerColorProfileRef DDTTYLoggerColorProfile::create(std::optional<DDColor
                                                            std::optional<DDColor> backgroundColor, int flag,
                                                            int context, TerminalKind kind)
 {
-    return DDTTYLoggerColorProfileRef(
-        new DDTTYLoggerColorProfile(foregroundColor, backgroundColor, flag, context, kind), platform::ObjectDeleter());
+    return platform::makeObject<DDTTYLoggerColorProfile>(foregroundColor, backgroundColor, flag, context, kind);
 }
 
 DDTTYLoggerColorProfile::DDTTYLoggerColorProfile(std::optional<DDColor> foregroundColor,

@@ -68,6 +68,7 @@ public:
     std::string className() const override { return "DDTTYLoggerColorProfile"; }
 
 private:
+    template <class> friend struct platform::ObjectAllocator;
     DDTTYLoggerColorProfile(std::optional<DDColor> foregroundColor, std::optional<DDColor> backgroundColor, int flag,
                             int context, ddtty_internal::TerminalKind kind);
 

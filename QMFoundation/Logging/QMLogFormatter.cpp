@@ -26,7 +26,7 @@ std::string_view levelWord(int flag)
 
 QMLogFormatterRef QMLogFormatter::create()
 {
-    return QMLogFormatterRef(new QMLogFormatter());
+    return platform::makeObject<QMLogFormatter>();
 }
 
 QMLogFormatter::QMLogFormatter() : timestamp_(std::string(kTimestampPattern)) {}

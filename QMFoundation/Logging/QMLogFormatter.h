@@ -39,6 +39,7 @@ public:
     std::string className() const override { return "QMLogFormatter"; }
 
 private:
+    template <class> friend struct platform::ObjectAllocator;
     QMLogFormatter();
 
     qmlogging::internal::KeptSecondTimestamp timestamp_;

@@ -35,7 +35,7 @@ const QMLoggerRef& QMLogger::sharedLogger()
 
 QMLoggerRef QMLogger::create()
 {
-    return QMLoggerRef(new QMLogger());
+    return platform::makeObject<QMLogger>();
 }
 
 void QMLogger::setLogLevel(int logLevel)

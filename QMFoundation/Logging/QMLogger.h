@@ -51,6 +51,7 @@ public:
     std::string className() const override { return "QMLogger"; }
 
 private:
+    template <class> friend struct platform::ObjectAllocator;
     QMLogger() = default;
 
     mutable std::mutex fileLoggerLock_;  // guards `fileLogger_`

@@ -4,7 +4,7 @@
 
 QMHTTPBasicAuthRef QMHTTPBasicAuth::create(std::optional<std::string> username, std::optional<std::string> password)
 {
-    QMHTTPBasicAuthRef auth(new QMHTTPBasicAuth(), platform::ObjectDeleter());
+    auto auth = platform::makeObject<QMHTTPBasicAuth>();
     auth->username_ = std::move(username);
     auth->password_ = std::move(password);
     return auth;

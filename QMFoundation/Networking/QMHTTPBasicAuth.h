@@ -26,6 +26,7 @@ public:
     std::string className() const override { return "QMHTTPBasicAuth"; }
 
 protected:
+    template <class> friend struct platform::ObjectAllocator;
     QMHTTPBasicAuth() = default;
 
 private:

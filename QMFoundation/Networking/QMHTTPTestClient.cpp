@@ -7,7 +7,7 @@
 QMHTTPTestClientRef QMHTTPTestClient::create(QMHTTPRequestRef request, QMHTTPResponseRef response, QMHTTPAuthRef auth,
                                              platform::ErrorRef error)
 {
-    QMHTTPTestClientRef client(new QMHTTPTestClient(std::move(request), std::move(auth)), platform::ObjectDeleter());
+    auto client = platform::makeObject<QMHTTPTestClient>(std::move(request), std::move(auth));
     client->setResponse(std::move(response));
     client->setError(std::move(error));
     return client;

@@ -45,5 +45,6 @@ public:
     std::string className() const override { return "QMHTTPTestClient"; }
 
 protected:
+    template <class> friend struct platform::ObjectAllocator;
     QMHTTPTestClient(QMHTTPRequestRef request, QMHTTPAuthRef auth) : QMHTTPClientBase(std::move(request), std::move(auth)) {}
 };

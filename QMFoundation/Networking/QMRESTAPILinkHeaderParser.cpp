@@ -79,8 +79,8 @@ QMRESTAPILinkHeaderParserRef QMRESTAPILinkHeaderParser::parserWithHeaderFields(
     PLATFORM_PARAMETER_ASSERT_AT_LINE(headerFields.has_value(), "headerFields", 32);
     PLATFORM_PARAMETER_ASSERT_AT_LINE(pageParameterName.has_value(), "pageParameterName", 33);
     PLATFORM_PARAMETER_ASSERT_AT_LINE(perPageParameterName.has_value(), "perPageParameterName", 34);
-    QMRESTAPILinkHeaderParserRef parser(
-        new QMRESTAPILinkHeaderParser(std::move(*headerFields), std::move(*pageParameterName), std::move(*perPageParameterName)));
+    auto parser = platform::makeObject<QMRESTAPILinkHeaderParser>(std::move(*headerFields), std::move(*pageParameterName),
+                                                                  std::move(*perPageParameterName));
     parser->nextPageNumber_ = parser->parseNextPageNumberFromHeaderFields(parser->headerFields_);
     parser->prevPageNumber_ = parser->parsePrevPageNumberFromHeaderFields(parser->headerFields_);
     parser->numberOfTotalPages_ = parser->parseNumberOfTotalPagesFromHeaderFields(parser->headerFields_);

@@ -70,6 +70,7 @@ public:
     const platform::PropertyTable& propertyTable() const override;
 
 private:
+    template <class> friend struct platform::ObjectAllocator;
     QMRESTAPILinkHeaderParser(platform::Dictionary headerFields, std::string pageParameterName,
                               std::string perPageParameterName);
 

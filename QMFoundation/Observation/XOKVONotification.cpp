@@ -5,8 +5,8 @@
 std::shared_ptr<XOKVONotification> XOKVONotification::create(platform::ObjectRef observer, platform::ObjectRef target,
                                                              std::string keyPath, platform::Dictionary change)
 {
-    return std::shared_ptr<XOKVONotification>(
-        new XOKVONotification(std::move(observer), std::move(target), std::move(keyPath), std::move(change)));
+    return platform::makeObject<XOKVONotification>(std::move(observer), std::move(target), std::move(keyPath),
+                                                   std::move(change));
 }
 
 XOKVONotification::XOKVONotification(platform::ObjectRef observer, platform::ObjectRef target, std::string keyPath,

@@ -36,6 +36,7 @@ public:
     std::string description() const override;
 
 private:
+    template <class> friend struct platform::ObjectAllocator;
     XOKVONotification(platform::ObjectRef observer, platform::ObjectRef target, std::string keyPath,
                       platform::Dictionary change);
 

@@ -74,7 +74,7 @@ std::vector<platform::ObjectRef> targetObjects(const platform::Value& target)
 
 std::shared_ptr<XOKVONotificationCenter> XOKVONotificationCenter::defaultCenter()
 {
-    static const std::shared_ptr<XOKVONotificationCenter> center(new XOKVONotificationCenter());
+    static const auto center = platform::makeObject<XOKVONotificationCenter>();
     return center;
 }
 

@@ -67,6 +67,7 @@ public:
 private:
     friend class _XOKVONotificationHelper;
 
+    template <class> friend struct platform::ObjectAllocator;
     XOKVONotificationCenter() = default;
 
     std::shared_ptr<XOKVOObservation> addObservation(const platform::ObjectRef& observer,

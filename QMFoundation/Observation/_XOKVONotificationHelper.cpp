@@ -131,7 +131,7 @@ void _XOKVONotificationHelper::joinHelperSet(platform::Object& object)
                          .associatedObject(associationKey,
                                            [&created] {
                                                created = true;
-                                               return platform::Value(std::make_shared<HelperSet>());
+                                               return platform::Value(platform::makeObject<HelperSet>());
                                            })
                          .objectAs<HelperSet>();
     if (!set) {

@@ -16,7 +16,7 @@ bool booleanOfNumber(const Value& value)
 
 std::shared_ptr<NSNumberToBoolTransformer> NSNumberToBoolTransformer::create()
 {
-    return std::shared_ptr<NSNumberToBoolTransformer>(new NSNumberToBoolTransformer(), platform::ObjectDeleter());
+    return platform::makeObject<NSNumberToBoolTransformer>();
 }
 
 const platform::Class* NSNumberToBoolTransformer::transformedValueClass() const

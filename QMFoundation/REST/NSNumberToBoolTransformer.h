@@ -21,5 +21,6 @@ public:
     std::string className() const override { return "NSNumberToBoolTransformer"; }
 
 private:
+    template <class> friend struct platform::ObjectAllocator;
     NSNumberToBoolTransformer() = default;
 };

@@ -14,6 +14,5 @@ NSStringToISO8601DateTransformer::NSStringToISO8601DateTransformer()
 
 std::shared_ptr<NSStringToISO8601DateTransformer> NSStringToISO8601DateTransformer::create()
 {
-    return std::shared_ptr<NSStringToISO8601DateTransformer>(new NSStringToISO8601DateTransformer(),
-                                                             platform::ObjectDeleter());
+    return platform::makeObject<NSStringToISO8601DateTransformer>();
 }

@@ -17,5 +17,6 @@ public:
     std::string className() const override { return "NSStringToISO8601DateTransformer"; }
 
 private:
+    template <class> friend struct platform::ObjectAllocator;
     NSStringToISO8601DateTransformer();
 };

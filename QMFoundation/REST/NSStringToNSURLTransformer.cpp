@@ -9,7 +9,7 @@ PLATFORM_CLASS_REGISTRATION(NSStringToNSURLTransformer) =
 
 std::shared_ptr<NSStringToNSURLTransformer> NSStringToNSURLTransformer::create()
 {
-    return std::shared_ptr<NSStringToNSURLTransformer>(new NSStringToNSURLTransformer(), platform::ObjectDeleter());
+    return platform::makeObject<NSStringToNSURLTransformer>();
 }
 
 const platform::Class* NSStringToNSURLTransformer::transformedValueClass() const

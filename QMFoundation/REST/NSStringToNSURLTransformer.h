@@ -20,5 +20,6 @@ public:
     std::string className() const override { return "NSStringToNSURLTransformer"; }
 
 private:
+    template <class> friend struct platform::ObjectAllocator;
     NSStringToNSURLTransformer() = default;
 };

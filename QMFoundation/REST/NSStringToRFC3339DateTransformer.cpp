@@ -14,6 +14,5 @@ NSStringToRFC3339DateTransformer::NSStringToRFC3339DateTransformer()
 
 std::shared_ptr<NSStringToRFC3339DateTransformer> NSStringToRFC3339DateTransformer::create()
 {
-    return std::shared_ptr<NSStringToRFC3339DateTransformer>(new NSStringToRFC3339DateTransformer(),
-                                                             platform::ObjectDeleter());
+    return platform::makeObject<NSStringToRFC3339DateTransformer>();
 }

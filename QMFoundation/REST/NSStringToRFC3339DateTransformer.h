@@ -17,5 +17,6 @@ public:
     std::string className() const override { return "NSStringToRFC3339DateTransformer"; }
 
 private:
+    template <class> friend struct platform::ObjectAllocator;
     NSStringToRFC3339DateTransformer();
 };

@@ -11,8 +11,7 @@ PLATFORM_CLASS_REGISTRATION(QMOrderedSetToArrayTransformer) =
 
 std::shared_ptr<QMOrderedSetToArrayTransformer> QMOrderedSetToArrayTransformer::create()
 {
-    return std::shared_ptr<QMOrderedSetToArrayTransformer>(new QMOrderedSetToArrayTransformer(),
-                                                           platform::ObjectDeleter());
+    return platform::makeObject<QMOrderedSetToArrayTransformer>();
 }
 
 const platform::Class* QMOrderedSetToArrayTransformer::transformedValueClass() const

@@ -21,5 +21,6 @@ public:
     std::string className() const override { return "QMOrderedSetToArrayTransformer"; }
 
 private:
+    template <class> friend struct platform::ObjectAllocator;
     QMOrderedSetToArrayTransformer() = default;
 };

@@ -70,7 +70,7 @@ bool propertyValuesMatch(const Value& mine, const Value& theirs)
 
 QMRESTAPIModelRef QMRESTAPIModel::create()
 {
-    return QMRESTAPIModelRef(new QMRESTAPIModel(), platform::ObjectDeleter());
+    return platform::makeObject<QMRESTAPIModel>();
 }
 
 QMRESTAPIModel::PropertyMappings QMRESTAPIModel::propertyMappings(const Class& modelClass)

@@ -89,6 +89,7 @@ public:
     std::string description() const override;
 
 protected:
+    template <class> friend struct platform::ObjectAllocator;
     QMRESTAPIModel() = default;
 
     // The registered class of this object; the base class when its own class

@@ -26,9 +26,7 @@ QMRESTAPIModelPropertyMappingRef QMRESTAPIModelPropertyMapping::create(std::opti
     // Applications match these two failures by their lines.
     PLATFORM_PARAMETER_ASSERT_AT_LINE(jsonPropertyName.has_value(), "jsonPropertyName", 42);
     PLATFORM_PARAMETER_ASSERT_AT_LINE(modelPropertyName.has_value(), "modelPropertyName", 43);
-    return QMRESTAPIModelPropertyMappingRef(
-        new QMRESTAPIModelPropertyMapping(std::move(*jsonPropertyName), std::move(*modelPropertyName)),
-        platform::ObjectDeleter());
+    return platform::makeObject<QMRESTAPIModelPropertyMapping>(std::move(*jsonPropertyName), std::move(*modelPropertyName));
 }
 
 QMRESTAPIModelPropertyMappingRef QMRESTAPIModelPropertyMapping::propertyMappingWithJSONPropertyName(

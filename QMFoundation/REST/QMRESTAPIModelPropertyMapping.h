@@ -64,6 +64,7 @@ public:
     std::string description() const override;
 
 private:
+    template <class> friend struct platform::ObjectAllocator;
     QMRESTAPIModelPropertyMapping(std::string jsonPropertyName, std::string modelPropertyName);
 
     std::string jsonPropertyName_;

@@ -23,7 +23,7 @@ QMRESTAPIRequestRef QMRESTAPIRequest::create(QMRESTAPIRequestOperationRef reques
 {
     // Applications match this failure by its line.
     PLATFORM_PARAMETER_ASSERT_AT_LINE(requestOperation != nullptr, "requestOperation", 40);
-    return QMRESTAPIRequestRef(new QMRESTAPIRequest(std::move(requestOperation)), platform::ObjectDeleter());
+    return platform::makeObject<QMRESTAPIRequest>(std::move(requestOperation));
 }
 
 void QMRESTAPIRequest::setRequestOperation(QMRESTAPIRequestOperationRef operation)

@@ -56,6 +56,7 @@ public:
     bool automaticallyNotifiesObserversForKey(std::string_view key) const override;
 
 private:
+    template <class> friend struct platform::ObjectAllocator;
     explicit QMRESTAPIRequest(QMRESTAPIRequestOperationRef requestOperation);
 
     QMRESTAPIRequestOperationRef requestOperation_;

@@ -54,8 +54,7 @@ QMRESTAPIRequestOperationRef QMRESTAPIRequestOperation::create()
 QMRESTAPIRequestOperationRef QMRESTAPIRequestOperation::create(std::optional<platform::URL> url,
                                                                std::optional<std::string> httpMethod)
 {
-    return initialized(QMRESTAPIRequestOperationRef(
-        new QMRESTAPIRequestOperation(std::move(url), std::move(httpMethod)), platform::ObjectDeleter()));
+    return initialized(platform::makeObject<QMRESTAPIRequestOperation>(std::move(url), std::move(httpMethod)));
 }
 
 void QMRESTAPIRequestOperation::prepareRequest()

@@ -15,7 +15,7 @@
 //
 //   static std::shared_ptr<ItemsOperation> create(platform::URL url)
 //   {
-//       return initialized(std::shared_ptr<ItemsOperation>(new ItemsOperation(std::move(url)), platform::ObjectDeleter()));
+//       return initialized(platform::makeObject<ItemsOperation>(std::move(url)));
 //   }
 //
 // Contract:
@@ -126,6 +126,7 @@ public:
                                     const platform::ErrorRef& error) override;
 
 protected:
+    template <class> friend struct platform::ObjectAllocator;
     explicit QMRESTAPIRequestOperation(std::optional<platform::URL> url,
                                        std::optional<std::string> httpMethod = std::nullopt);
 

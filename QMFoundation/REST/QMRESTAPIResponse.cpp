@@ -4,7 +4,7 @@ using platform::Value;
 
 QMRESTAPIResponseRef QMRESTAPIResponse::create()
 {
-    return QMRESTAPIResponseRef(new QMRESTAPIResponse(), platform::ObjectDeleter());
+    return platform::makeObject<QMRESTAPIResponse>();
 }
 
 const platform::PropertyTable& QMRESTAPIResponse::propertyTable() const

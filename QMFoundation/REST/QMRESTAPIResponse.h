@@ -41,6 +41,7 @@ public:
     const platform::PropertyTable& propertyTable() const override;
 
 private:
+    template <class> friend struct platform::ObjectAllocator;
     QMRESTAPIResponse() = default;
 
     std::int64_t statusCode_ = 0;

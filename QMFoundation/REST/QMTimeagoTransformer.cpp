@@ -26,7 +26,7 @@ const platform::DateFormatterRef& relativeDateFormatter()
 
 std::shared_ptr<QMTimeagoTransformer> QMTimeagoTransformer::create()
 {
-    return std::shared_ptr<QMTimeagoTransformer>(new QMTimeagoTransformer(), platform::ObjectDeleter());
+    return platform::makeObject<QMTimeagoTransformer>();
 }
 
 const platform::Class* QMTimeagoTransformer::transformedValueClass() const

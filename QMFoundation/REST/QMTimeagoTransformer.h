@@ -22,5 +22,6 @@ public:
     std::string className() const override { return "QMTimeagoTransformer"; }
 
 private:
+    template <class> friend struct platform::ObjectAllocator;
     QMTimeagoTransformer() = default;
 };

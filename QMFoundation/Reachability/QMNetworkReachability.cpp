@@ -121,7 +121,7 @@ QMNetworkReachabilityRef QMNetworkReachability::initWithNetworkReachability(
     platform::SCNetworkReachabilityRef reachability)
 {
     PLATFORM_PARAMETER_ASSERT_AT_LINE(reachability != nullptr, "reachability", 150);
-    return QMNetworkReachabilityRef(new QMNetworkReachability(std::move(reachability), std::nullopt));
+    return platform::makeObject<QMNetworkReachability>(std::move(reachability), std::nullopt);
 }
 
 QMNetworkReachability::QMNetworkReachability(platform::SCNetworkReachabilityRef reachability,

@@ -107,6 +107,7 @@ public:
     std::string className() const override { return "QMNetworkReachability"; }
 
 private:
+    template <class> friend struct platform::ObjectAllocator;
     QMNetworkReachability(platform::SCNetworkReachabilityRef reachability, std::optional<std::string> host);
 
     const platform::SCNetworkReachabilityRef networkReachability_;

@@ -13,8 +13,7 @@ std::shared_ptr<QMNetworkReachabilityObserver> QMNetworkReachabilityObserver::in
 {
     PLATFORM_PARAMETER_ASSERT_AT_LINE(networkReachability != nullptr, "networkReachability", 30);
     PLATFORM_PARAMETER_ASSERT_AT_LINE(delegate != nullptr, "delegate", 31);
-    return std::shared_ptr<QMNetworkReachabilityObserver>(
-        new QMNetworkReachabilityObserver(networkReachability, delegate));
+    return platform::makeObject<QMNetworkReachabilityObserver>(networkReachability, delegate);
 }
 
 std::shared_ptr<QMNetworkReachabilityObserver> QMNetworkReachabilityObserver::create()

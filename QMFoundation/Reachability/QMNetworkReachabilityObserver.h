@@ -70,6 +70,7 @@ public:
     std::string className() const override { return "QMNetworkReachabilityObserver"; }
 
 private:
+    template <class> friend struct platform::ObjectAllocator;
     QMNetworkReachabilityObserver(const QMNetworkReachabilityRef& networkReachability,
                                   const std::shared_ptr<QMNetworkReachabilityObserving>& delegate);
     // What unregisterObservers does, without the thread check (for going away).

@@ -92,8 +92,7 @@ QMCoreDataStoreRef QMCoreDataStore::storeWithManagedObjectModelURL(
     if (*storeType != platform::NSInMemoryStoreType) {
         PLATFORM_ASSERT(storeURL && storeURL->isFileURL(), "Store URL must be a valid file protocol URL.");
     }
-    return QMCoreDataStoreRef(new QMCoreDataStore(*managedObjectModelURL, *storeType, storeURL, storeOptions),
-                              platform::ObjectDeleter());
+    return platform::makeObject<QMCoreDataStore>(*managedObjectModelURL, *storeType, storeURL, storeOptions);
 }
 
 bool QMCoreDataStore::initialize(platform::ErrorRef* error)

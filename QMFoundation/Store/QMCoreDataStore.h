@@ -122,6 +122,7 @@ public:
     std::string description() const override;
 
 private:
+    template <class> friend struct platform::ObjectAllocator;
     QMCoreDataStore(platform::URL modelURL, std::string storeType, std::optional<platform::URL> storeURL,
                     std::optional<platform::Dictionary> storeOptions);
 

@@ -8,8 +8,7 @@ constexpr const char* kAssertionSourceFile = "QMFoundation/QMCoreDataStoreContex
 
 std::shared_ptr<QMCoreDataStoreContextManager> QMCoreDataStoreContextManager::create()
 {
-    return std::shared_ptr<QMCoreDataStoreContextManager>(new QMCoreDataStoreContextManager(),
-                                                          platform::ObjectDeleter());
+    return platform::makeObject<QMCoreDataStoreContextManager>();
 }
 
 std::vector<platform::ManagedObjectContextRef> QMCoreDataStoreContextManager::allManagedObjectContexts() const

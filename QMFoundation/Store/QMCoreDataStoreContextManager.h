@@ -38,6 +38,7 @@ public:
     std::string className() const override { return "QMCoreDataStoreContextManager"; }
 
 private:
+    template <class> friend struct platform::ObjectAllocator;
     QMCoreDataStoreContextManager() = default;
 
     ContextsByName managedObjectContexts_;

@@ -24,8 +24,7 @@ std::shared_ptr<QMCoreDataStoreContextObserver> QMCoreDataStoreContextObserver::
 {
     PLATFORM_PARAMETER_ASSERT(managedObjectContext != nullptr, "managedObjectContext");
     PLATFORM_PARAMETER_ASSERT(observer != nullptr, "observer");
-    return std::shared_ptr<QMCoreDataStoreContextObserver>(
-        new QMCoreDataStoreContextObserver(managedObjectContext, observer), platform::ObjectDeleter());
+    return platform::makeObject<QMCoreDataStoreContextObserver>(managedObjectContext, observer);
 }
 
 void QMCoreDataStoreContextObserver::addTargetManagedObjectContext(

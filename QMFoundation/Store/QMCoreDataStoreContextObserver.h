@@ -40,6 +40,7 @@ public:
     std::string className() const override { return "QMCoreDataStoreContextObserver"; }
 
 private:
+    template <class> friend struct platform::ObjectAllocator;
     QMCoreDataStoreContextObserver(platform::ManagedObjectContextRef context, platform::ObjectRef observer)
         : managedObjectContext_(std::move(context)), observer_(std::move(observer))
     {

@@ -35,7 +35,7 @@ std::shared_ptr<QMCoreDataStoreDefaults> QMCoreDataStoreDefaults::sharedDefaults
 
 std::shared_ptr<QMCoreDataStoreDefaults> QMCoreDataStoreDefaults::create()
 {
-    return std::shared_ptr<QMCoreDataStoreDefaults>(new QMCoreDataStoreDefaults(), platform::ObjectDeleter());
+    return platform::makeObject<QMCoreDataStoreDefaults>();
 }
 
 platform::BundleRef QMCoreDataStoreDefaults::defaultBundle()

@@ -72,6 +72,7 @@ public:
     std::string className() const override { return "QMCoreDataStoreDefaults"; }
 
 protected:
+    template <class> friend struct platform::ObjectAllocator;
     QMCoreDataStoreDefaults();
 
 private:

@@ -19,7 +19,7 @@ std::shared_ptr<QMCoreDataStoreManager> QMCoreDataStoreManager::sharedManager()
 
 std::shared_ptr<QMCoreDataStoreManager> QMCoreDataStoreManager::create()
 {
-    return std::shared_ptr<QMCoreDataStoreManager>(new QMCoreDataStoreManager(), platform::ObjectDeleter());
+    return platform::makeObject<QMCoreDataStoreManager>();
 }
 
 void QMCoreDataStoreManager::setDefaultStore(const QMCoreDataStoreRef& store)

@@ -32,6 +32,7 @@ public:
     std::string className() const override { return "QMCoreDataStoreManager"; }
 
 private:
+    template <class> friend struct platform::ObjectAllocator;
     QMCoreDataStoreManager() = default;
 
     StoresByName managedStores_;

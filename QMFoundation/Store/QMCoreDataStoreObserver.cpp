@@ -33,7 +33,7 @@ std::vector<platform::ManagedObjectIDRef> objectIDsUnderKey(const platform::Noti
 
 std::shared_ptr<QMCoreDataStoreObserver> QMCoreDataStoreObserver::create()
 {
-    return std::shared_ptr<QMCoreDataStoreObserver>(new QMCoreDataStoreObserver(), platform::ObjectDeleter());
+    return platform::makeObject<QMCoreDataStoreObserver>();
 }
 
 QMCoreDataStoreObserver::~QMCoreDataStoreObserver()

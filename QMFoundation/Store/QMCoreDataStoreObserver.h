@@ -68,6 +68,7 @@ public:
     std::string className() const override { return "QMCoreDataStoreObserver"; }
 
 private:
+    template <class> friend struct platform::ObjectAllocator;
     QMCoreDataStoreObserver() = default;
 
     mutable std::mutex contextObserversMutex_;  // guards `contextObservers_`

@@ -18,7 +18,7 @@ namespace testsupport {
 
 class ChangeRecorder final : public platform::Object {
 public:
-    static std::shared_ptr<ChangeRecorder> create() { return std::shared_ptr<ChangeRecorder>(new ChangeRecorder); }
+    static std::shared_ptr<ChangeRecorder> create() { return platform::makeObject<ChangeRecorder>(); }
 
     void observeValueForKeyPath(const std::string& keyPath, const platform::ObjectRef&, const platform::Dictionary& change,
                                 void*) override
@@ -33,6 +33,7 @@ public:
     }
 
 private:
+    template <class> friend struct platform::ObjectAllocator;
     ChangeRecorder() = default;
     mutable std::mutex mutex_;
     std::vector<std::string> seen_;

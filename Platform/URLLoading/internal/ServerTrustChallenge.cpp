@@ -75,7 +75,7 @@ TrustDecision decideServerTrust(const std::function<void(const URLAuthentication
     if (!trust) {
         return TrustDecision::Reject;
     }
-    const auto challenge = std::make_shared<URLAuthenticationChallenge>(
+    const auto challenge = makeObject<URLAuthenticationChallenge>(
         URLProtectionSpace(host, port, "https", std::string(NSURLAuthenticationMethodServerTrust), trust), sender);
     ask(challenge);
     switch (challenge->answer()) {

@@ -18,8 +18,8 @@ class Sender : public Object {};
 TEST(NotificationCenter, MatchesByNameAndSenderInTheOrderObserversWereAdded)
 {
     auto center = NotificationCenter::create();
-    auto sender = std::make_shared<Sender>();
-    auto other = std::make_shared<Sender>();
+    auto sender = makeObject<Sender>();
+    auto other = makeObject<Sender>();
     std::vector<std::string> heard;
     auto record = [&](std::string who) { return [&heard, who](const Notification&) { heard.push_back(who); }; };
     center->addObserverForName("A", nullptr, nullptr, record("A from anyone"));
@@ -40,7 +40,7 @@ TEST(NotificationCenter, MatchesByNameAndSenderInTheOrderObserversWereAdded)
 TEST(NotificationCenter, HandsTheNotificationOverAsPosted)
 {
     auto center = NotificationCenter::create();
-    auto sender = std::make_shared<Sender>();
+    auto sender = makeObject<Sender>();
     std::optional<Notification> received;
     center->addObserverForName("Changed", nullptr, nullptr, [&](const Notification& notification) { received = notification; });
     center->postNotification({"Changed", sender, Dictionary{{"count", 3}}});
@@ -71,7 +71,7 @@ TEST(NotificationCenter, ObserversMayRemoveAndAddObserversWhileAPostIsDelivered)
     EXPECT_EQ(addedCalls, 1);
 
     center->removeObserver(self);  // twice
-    center->removeObserver(std::make_shared<Sender>());  // not a token
+    center->removeObserver(makeObject<Sender>());  // not a token
     center->removeObserver(nullptr);
 }
 
@@ -92,7 +92,7 @@ TEST(NotificationCenter, AnObserverMayPostAgain)
 TEST(NotificationCenter, TheSenderIsNotKeptAliveAndNothingMatchesItOnceGone)
 {
     auto center = NotificationCenter::create();
-    auto sender = std::make_shared<Sender>();
+    auto sender = makeObject<Sender>();
     std::weak_ptr<Sender> watch = sender;
     int calls = 0;
     center->addObserverForName("A", sender, nullptr, [&](const Notification&) { ++calls; });
@@ -102,7 +102,7 @@ TEST(NotificationCenter, TheSenderIsNotKeptAliveAndNothingMatchesItOnceGone)
     // Senders made now may reuse the address of the one that went; they are
     // still other senders.
     for (int round = 0; round < 64; ++round) {
-        center->postNotificationName("A", std::make_shared<Sender>());
+        center->postNotificationName("A", makeObject<Sender>());
     }
     EXPECT_EQ(calls, 0);
 }

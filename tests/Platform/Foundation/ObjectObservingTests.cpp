@@ -104,9 +104,9 @@ constexpr auto kNewOld = NSKeyValueObservingOptionNew | NSKeyValueObservingOptio
 
 TEST(KeyValueObserving, SettingThroughKeyValueCodingNotifiesWithTheValuesAsked)
 {
-    auto person = std::make_shared<Person>();
-    auto both = std::make_shared<Recorder>();
-    auto bare = std::make_shared<Recorder>();
+    auto person = makeObject<Person>();
+    auto both = makeObject<Recorder>();
+    auto bare = makeObject<Recorder>();
     int context = 0;
     person->addObserver(both, "first", kNewOld, &context);
     person->addObserver(bare, "first");
@@ -126,8 +126,8 @@ TEST(KeyValueObserving, SettingThroughKeyValueCodingNotifiesWithTheValuesAsked)
 
 TEST(KeyValueObserving, NothingIsCarriedAsTheNullObject)
 {
-    auto person = std::make_shared<Person>();
-    auto recorder = std::make_shared<Recorder>();
+    auto person = makeObject<Person>();
+    auto recorder = makeObject<Recorder>();
     person->addObserver(recorder, "nothing", kNewOld);
     person->setValueForKey(Value(), "nothing");
     ASSERT_EQ(recorder->notices.size(), 1u);
@@ -137,8 +137,8 @@ TEST(KeyValueObserving, NothingIsCarriedAsTheNullObject)
 
 TEST(KeyValueObserving, InitialAndPriorNotificationsComeAtRegistrationAndBeforeTheChange)
 {
-    auto person = std::make_shared<Person>();
-    auto recorder = std::make_shared<Recorder>();
+    auto person = makeObject<Person>();
+    auto recorder = makeObject<Recorder>();
     person->addObserver(recorder, "first",
                         kNewOld | NSKeyValueObservingOptionInitial | NSKeyValueObservingOptionPrior);
     ASSERT_EQ(recorder->notices.size(), 1u);
@@ -160,7 +160,7 @@ TEST(KeyValueObserving, InitialAndPriorNotificationsComeAtRegistrationAndBeforeT
                                                        {NSKeyValueChangeNewKey, "Grace"}}));
 
     // Initial without New carries the kind only.
-    auto bare = std::make_shared<Recorder>();
+    auto bare = makeObject<Recorder>();
     person->addObserver(bare, "last", NSKeyValueObservingOptionInitial);
     ASSERT_EQ(bare->notices.size(), 1u);
     EXPECT_EQ(bare->notices[0].change, (Dictionary{{NSKeyValueChangeKindKey, 1}}));
@@ -168,8 +168,8 @@ TEST(KeyValueObserving, InitialAndPriorNotificationsComeAtRegistrationAndBeforeT
 
 TEST(KeyValueObserving, DependentKeysAreNotifiedTransitivelyAfterTheKeyItself)
 {
-    auto person = std::make_shared<Person>();
-    auto recorder = std::make_shared<Recorder>();
+    auto person = makeObject<Person>();
+    auto recorder = makeObject<Recorder>();
     person->addObserver(recorder, "greeting", kNewOld);
     person->addObserver(recorder, "fullName", kNewOld);
     person->addObserver(recorder, "first");
@@ -190,14 +190,14 @@ TEST(KeyValueObserving, DependentKeysAreNotifiedTransitivelyAfterTheKeyItself)
 // depends on them), and with no one else's.
 TEST(KeyValueObserving, ADependencyThroughARelationshipFollowsItsCurrentObject)
 {
-    auto person = std::make_shared<Person>();
-    auto grace = std::make_shared<Person>();
+    auto person = makeObject<Person>();
+    auto grace = makeObject<Person>();
     grace->first = "Grace";
     grace->last = "Hopper";
-    auto alan = std::make_shared<Person>();
+    auto alan = makeObject<Person>();
     alan->first = "Alan";
     alan->last = "Turing";
-    auto recorder = std::make_shared<Recorder>();
+    auto recorder = makeObject<Recorder>();
     person->addObserver(recorder, "partnerName", kNewOld);
     const auto changes = [&] {
         std::vector<std::string> seen;
@@ -234,8 +234,8 @@ TEST(KeyValueObserving, ADependencyThroughARelationshipFollowsItsCurrentObject)
 
 TEST(KeyValueObserving, RemovalMatchesObserverKeyAndContextAndTakesTheMostRecent)
 {
-    auto person = std::make_shared<Person>();
-    auto recorder = std::make_shared<Recorder>();
+    auto person = makeObject<Person>();
+    auto recorder = makeObject<Recorder>();
     int one = 0;
     int two = 0;
     person->addObserver(recorder, "first", 0, &one);
@@ -266,11 +266,11 @@ TEST(KeyValueObserving, RemovalMatchesObserverKeyAndContextAndTakesTheMostRecent
 
 TEST(KeyValueObserving, ObserversMayRemoveAndAddObserversWhileBeingNotified)
 {
-    auto person = std::make_shared<Person>();
-    auto first = std::make_shared<Recorder>();
-    auto second = std::make_shared<Recorder>();
-    auto third = std::make_shared<Recorder>();
-    auto late = std::make_shared<Recorder>();
+    auto person = makeObject<Person>();
+    auto first = makeObject<Recorder>();
+    auto second = makeObject<Recorder>();
+    auto third = makeObject<Recorder>();
+    auto late = makeObject<Recorder>();
     person->addObserver(first, "first");
     person->addObserver(second, "first");
     person->addObserver(third, "first");
@@ -294,9 +294,9 @@ TEST(KeyValueObserving, ObserversMayRemoveAndAddObserversWhileBeingNotified)
 
 TEST(KeyValueObserving, AnObserverThatIsGoneIsSkippedAndForgotten)
 {
-    auto person = std::make_shared<Person>();
-    auto kept = std::make_shared<Recorder>();
-    auto dropped = std::make_shared<Recorder>();
+    auto person = makeObject<Person>();
+    auto kept = makeObject<Recorder>();
+    auto dropped = makeObject<Recorder>();
     person->addObserver(dropped, "first");
     person->addObserver(kept, "first");
     dropped.reset();
@@ -308,8 +308,8 @@ TEST(KeyValueObserving, AnObserverThatIsGoneIsSkippedAndForgotten)
 
 TEST(KeyValueObserving, ChangesMadeByObserversNestInsideTheOuterChange)
 {
-    auto person = std::make_shared<Person>();
-    auto recorder = std::make_shared<Recorder>();
+    auto person = makeObject<Person>();
+    auto recorder = makeObject<Recorder>();
     person->addObserver(recorder, "first", kNewOld);
     person->addObserver(recorder, "last", kNewOld);
     recorder->onNotice = [&](const Notice& notice) {
@@ -337,8 +337,8 @@ TEST(KeyValueObserving, ChangesMadeByObserversNestInsideTheOuterChange)
 
 TEST(KeyValueObserving, AWriteThatThrowsNotifiesNothingAndLeavesNoPendingChange)
 {
-    auto person = std::make_shared<Person>();
-    auto recorder = std::make_shared<Recorder>();
+    auto person = makeObject<Person>();
+    auto recorder = makeObject<Recorder>();
     person->addObserver(recorder, "failing");
     person->addObserver(recorder, "first");
     EXPECT_THROW(person->setValueForKey(1, "failing"), std::runtime_error);
@@ -354,8 +354,8 @@ TEST(KeyValueObserving, AWriteThatThrowsNotifiesNothingAndLeavesNoPendingChange)
 
 TEST(KeyValueObserving, AClassThatNotifiesItselfIsNotNotifiedTwice)
 {
-    auto person = std::make_shared<Person>();
-    auto recorder = std::make_shared<Recorder>();
+    auto person = makeObject<Person>();
+    auto recorder = makeObject<Recorder>();
     person->addObserver(recorder, "manual", NSKeyValueObservingOptionNew);
     person->setValueForKey(5, "manual");
     EXPECT_TRUE(recorder->notices.empty());
@@ -366,9 +366,9 @@ TEST(KeyValueObserving, AClassThatNotifiesItselfIsNotNotifiedTwice)
 
 TEST(KeyValueObserving, ElementChangesCarryKindIndexesAndTheElements)
 {
-    auto person = std::make_shared<Person>();
+    auto person = makeObject<Person>();
     person->items = {"a", "b", "c"};
-    auto recorder = std::make_shared<Recorder>();
+    auto recorder = makeObject<Recorder>();
     person->addObserver(recorder, "items", kNewOld | NSKeyValueObservingOptionPrior);
 
     person->willChange(KeyValueChange::Insertion, {1, 3}, "items");
@@ -393,11 +393,11 @@ TEST(KeyValueObserving, ElementChangesCarryKindIndexesAndTheElements)
 
 TEST(KeyValueObserving, ObservingTheObjectsOfAnArrayObservesEachElement)
 {
-    auto a = std::make_shared<Person>();
-    auto b = std::make_shared<Person>();
-    auto c = std::make_shared<Person>();
+    auto a = makeObject<Person>();
+    auto b = makeObject<Person>();
+    auto c = makeObject<Person>();
     const Array people{a, b, c};
-    auto recorder = std::make_shared<Recorder>();
+    auto recorder = makeObject<Recorder>();
     addObserverToObjectsAtIndexes(people, {0, 1, 2}, recorder, "first", NSKeyValueObservingOptionNew);
 
     b->setValueForKey("Grace", "first");
@@ -419,8 +419,8 @@ TEST(KeyValueObserving, ObservingTheObjectsOfAnArrayObservesEachElement)
 
 TEST(KeyValueObserving, TheRootClassRefusesNotificationsItDoesNotHandle)
 {
-    auto person = std::make_shared<Person>();
-    auto plain = std::make_shared<Person>();  // does not override observeValueForKeyPath
+    auto person = makeObject<Person>();
+    auto plain = makeObject<Person>();  // does not override observeValueForKeyPath
     person->addObserver(plain, "first");
     try {
         person->setValueForKey("Grace", "first");
@@ -430,7 +430,7 @@ TEST(KeyValueObserving, TheRootClassRefusesNotificationsItDoesNotHandle)
     }
     // The failed delivery did not leave the change pending.
     person->removeObserver(*plain, "first");
-    auto recorder = std::make_shared<Recorder>();
+    auto recorder = makeObject<Recorder>();
     person->addObserver(recorder, "first");
     person->setValueForKey("Ada", "first");
     EXPECT_EQ(recorder->notices.size(), 1u);
@@ -438,8 +438,8 @@ TEST(KeyValueObserving, TheRootClassRefusesNotificationsItDoesNotHandle)
 
 TEST(AssociatedObjects, AreHeldStronglyUntilClearedOrTheOwnerGoes)
 {
-    auto owner = std::make_shared<Person>();
-    auto value = std::make_shared<Person>();
+    auto owner = makeObject<Person>();
+    auto value = makeObject<Person>();
     std::weak_ptr<Person> watch = value;
     owner->setAssociatedObject("friend", value);
     value.reset();
@@ -451,7 +451,7 @@ TEST(AssociatedObjects, AreHeldStronglyUntilClearedOrTheOwnerGoes)
     EXPECT_TRUE(watch.expired());
     EXPECT_TRUE(owner->associatedObject("friend").isNothing());
 
-    auto another = std::make_shared<Person>();
+    auto another = makeObject<Person>();
     watch = another;
     owner->setAssociatedObject("friend", another);
     another.reset();
@@ -461,7 +461,7 @@ TEST(AssociatedObjects, AreHeldStronglyUntilClearedOrTheOwnerGoes)
 
 TEST(AssociatedObjects, GetOrMakeMakesOneValueForRacingThreads)
 {
-    auto owner = std::make_shared<Person>();
+    auto owner = makeObject<Person>();
     std::atomic<int> made = 0;
     std::latch start(2);
     ObjectRef seen[2];
@@ -469,7 +469,7 @@ TEST(AssociatedObjects, GetOrMakeMakesOneValueForRacingThreads)
         start.arrive_and_wait();
         seen[slot] = owner->associatedObject("set", [&] {
                              ++made;
-                             return Value(std::make_shared<Person>());
+                             return Value(makeObject<Person>());
                          }).object();
     };
     std::thread left(race, 0);
@@ -483,7 +483,7 @@ TEST(AssociatedObjects, GetOrMakeMakesOneValueForRacingThreads)
 TEST(DestructionHooks, RunOnceInOrderBeforeTheAssociationsAreReleased)
 {
     std::vector<std::string> ran;
-    auto owner = std::make_shared<Person>();
+    auto owner = makeObject<Person>();
     std::weak_ptr<Object> weakOwner = owner;
     owner->setAssociatedObject("kept", "still here");
     owner->setDestructionHook("one", [&](Object& object) {
@@ -498,28 +498,28 @@ TEST(DestructionHooks, RunOnceInOrderBeforeTheAssociationsAreReleased)
     EXPECT_EQ(ran, (std::vector<std::string>{"one again:still here", "two"}));
 }
 
-TEST(DestructionHooks, SeeTheWholeObjectWhenTheFactoryUsedTheObjectDeleterOrMakeObject)
+TEST(DestructionHooks, SeeTheWholeObjectWhenMadeByMakeObject)
 {
-    std::string seenByDeleterHook;
-    std::vector<std::string> seenByMadeObjectHook;
-    std::string seenByDestructorHook;
-    std::shared_ptr<Person> whole(new Person, ObjectDeleter());
-    whole->setDestructionHook("name", [&](Object& object) { seenByDeleterHook = object.valueForKey("fullName").description(); });
+    std::vector<std::string> seen;
     auto made = makeObject<Person>();
     std::weak_ptr<Person> weakMade = made;
     made->setDestructionHook("name", [&](Object& object) {
-        seenByMadeObjectHook.push_back(object.valueForKey("fullName").description());
+        seen.push_back(object.valueForKey("fullName").description());
         EXPECT_TRUE(weakMade.expired());
     });
-    auto plain = std::make_shared<Person>();
-    plain->setDestructionHook("name", [&](Object& object) { seenByDestructorHook = object.className(); });
-    whole.reset();
-    made.reset();
-    plain.reset();
-    EXPECT_EQ(seenByDeleterHook, "Ada Lovelace");
-    EXPECT_EQ(seenByMadeObjectHook, std::vector<std::string>{"Ada Lovelace"});  // once, while whole
+    made.reset();  // the weak reference keeps only the memory: the object goes now
+    EXPECT_EQ(seen, std::vector<std::string>{"Ada Lovelace"});  // once, while whole
+}
+
+TEST(DestructionHooks, SeeOnlyTheRootPartOfAnObjectMadeOtherwise)
+{
+    std::string seen;
+    {
+        Person onTheStack;
+        onTheStack.setDestructionHook("name", [&](Object& object) { seen = object.className(); });
+    }
     // From ~Object only the root part is left.
-    EXPECT_EQ(seenByDestructorHook, "Object");
+    EXPECT_EQ(seen, "Object");
 }
 
 // An observer that counts the calls it takes after its destructor began.
@@ -542,7 +542,7 @@ private:
 
 TEST(KeyValueObservingThreads, ObserversComeAndGoWhileAnotherThreadChangesTheObject)
 {
-    auto person = std::make_shared<Person>();
+    auto person = makeObject<Person>();
     std::atomic<int> callsAfterDeath = 0;
     std::atomic<bool> stop = false;
     std::atomic<int> writes = 0;
@@ -553,7 +553,7 @@ TEST(KeyValueObservingThreads, ObserversComeAndGoWhileAnotherThreadChangesTheObj
     });
     // Keep observers coming and going until the writer has been busy for a while.
     for (int round = 0; round < 300 || writes.load() < 2000; ++round) {
-        auto observer = std::make_shared<GuardedObserver>(callsAfterDeath);
+        auto observer = makeObject<GuardedObserver>(callsAfterDeath);
         person->addObserver(observer, "first", kNewOld);
         person->addObserver(observer, "fullName");
         if (round % 2 == 0) {
@@ -575,8 +575,8 @@ TEST(KeyValueObservingThreads, ObserversComeAndGoWhileAnotherThreadChangesTheObj
 // values are asked for: the test's objects are not themselves thread-safe.)
 TEST(KeyValueObservingThreads, ARelationshipChangesHereWhileItsObjectsChangeOnAnotherThread)
 {
-    auto person = std::make_shared<Person>();
-    const std::vector<std::shared_ptr<Person>> partners{std::make_shared<Person>(), std::make_shared<Person>()};
+    auto person = makeObject<Person>();
+    const std::vector<std::shared_ptr<Person>> partners{makeObject<Person>(), makeObject<Person>()};
     std::atomic<int> callsAfterDeath = 0;
     std::atomic<bool> stop = false;
     std::atomic<int> writes = 0;
@@ -587,7 +587,7 @@ TEST(KeyValueObservingThreads, ARelationshipChangesHereWhileItsObjectsChangeOnAn
         }
     });
     for (int round = 0; round < 300 || writes.load() < 2000; ++round) {
-        auto observer = std::make_shared<GuardedObserver>(callsAfterDeath);
+        auto observer = makeObject<GuardedObserver>(callsAfterDeath);
         person->addObserver(observer, "partnerName");
         person->setValueForKey(Value(partners[round % 2]), "partner");
         person->removeObserver(*observer, "partnerName");

@@ -23,7 +23,7 @@ namespace {
 // thread of its own and returns; the work ends later and says so.
 class DetachedOperation final : public Operation {
 public:
-    static std::shared_ptr<DetachedOperation> create() { return std::shared_ptr<DetachedOperation>(new DetachedOperation); }
+    static std::shared_ptr<DetachedOperation> create() { return platform::makeObject<DetachedOperation>(); }
 
     bool isConcurrent() const override { return true; }
     bool isExecuting() const override { return executing_.load(); }
@@ -45,6 +45,7 @@ public:
     Signal release;
 
 private:
+    template <class> friend struct platform::ObjectAllocator;
     DetachedOperation() = default;
     std::atomic<bool> executing_{false};
     std::atomic<bool> finished_{false};

@@ -30,7 +30,7 @@ public:
 
 PLATFORM_CLASS_REGISTRATION(StaffMember) = ClassDescription("StaffMember")
                                                .superclass("NSManagedObject")
-                                               .factory([] { return std::make_shared<StaffMember>(); });
+                                               .factory([] { return makeObject<StaffMember>(); });
 
 namespace {
 
@@ -229,7 +229,7 @@ TEST_F(ManagedObjectTest, AClassRegisteredAfterItsEntityWasFirstUsedMakesTheLate
     ASSERT_TRUE(context->save());
 
     registerClass(ClassDescription("LateMember").superclass("NSManagedObject").factory([] {
-        return std::make_shared<LateMember>();
+        return makeObject<LateMember>();
     }));
     EXPECT_NE(std::dynamic_pointer_cast<LateMember>(ManagedObject::insertNewObjectForEntityForName("Visitor", *context)),
               nullptr);

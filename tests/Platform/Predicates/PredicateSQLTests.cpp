@@ -22,7 +22,7 @@ class Record final : public Object {
 public:
     static std::shared_ptr<Record> create(std::int64_t pk)
     {
-        auto record = std::shared_ptr<Record>(new Record);
+        auto record = platform::makeObject<Record>();
         record->values.set("pk", pk);
         return record;
     }
@@ -39,6 +39,7 @@ public:
     Dictionary values;
 
 private:
+    template <class> friend struct platform::ObjectAllocator;
     Record() = default;
     static std::function<Value(const Record&)> get(const char* key)
     {

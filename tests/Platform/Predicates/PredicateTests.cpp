@@ -18,7 +18,7 @@ class Employee final : public Object {
 public:
     static std::shared_ptr<Employee> create(std::string name, Value manager = {})
     {
-        auto employee = std::shared_ptr<Employee>(new Employee);
+        auto employee = platform::makeObject<Employee>();
         employee->name_ = std::move(name);
         employee->manager_ = std::move(manager);
         return employee;
@@ -33,6 +33,7 @@ public:
     }
 
 private:
+    template <class> friend struct platform::ObjectAllocator;
     Employee() = default;
     std::string name_;
     Value manager_;

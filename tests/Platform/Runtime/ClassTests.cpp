@@ -25,15 +25,16 @@ namespace {
 
 class ZRTAnimal : public platform::Object {
 public:
-    static std::shared_ptr<ZRTAnimal> create() { return std::shared_ptr<ZRTAnimal>(new ZRTAnimal()); }
+    static std::shared_ptr<ZRTAnimal> create() { return platform::makeObject<ZRTAnimal>(); }
 
 protected:
+    template <class> friend struct platform::ObjectAllocator;
     ZRTAnimal() = default;
 };
 
 class ZRTDog : public ZRTAnimal {
 public:
-    static std::shared_ptr<ZRTDog> create() { return std::shared_ptr<ZRTDog>(new ZRTDog()); }
+    static std::shared_ptr<ZRTDog> create() { return platform::makeObject<ZRTDog>(); }
 };
 
 std::atomic<int> levelledClassLevel{7};
@@ -235,7 +236,7 @@ TEST(ClassOfValues, ObjectsAnswerTheirRegisteredClass)
 
     // No class to fall back on for a class nobody registered.
     class ZRTUnregistered : public platform::Object {};
-    const auto unregistered = std::make_shared<ZRTUnregistered>();
+    const auto unregistered = platform::makeObject<ZRTUnregistered>();
     EXPECT_EQ(platform::classOf(*unregistered), nullptr);
     EXPECT_FALSE(platform::isKindOfClass(Value(unregistered), named("NSObject")));
 }

@@ -24,7 +24,7 @@ public:
     static std::shared_ptr<ZRTDoublingTransformer> create()
     {
         doublersMade.fetch_add(1);
-        return std::shared_ptr<ZRTDoublingTransformer>(new ZRTDoublingTransformer());
+        return platform::makeObject<ZRTDoublingTransformer>();
     }
     const platform::Class* transformedValueClass() const override { return platform::classFromString("NSNumber"); }
     Value transformedValue(const Value& value) const override
@@ -45,7 +45,7 @@ class ZRTOneWayTransformer : public ValueTransformer {
 public:
     static std::shared_ptr<ZRTOneWayTransformer> create()
     {
-        return std::shared_ptr<ZRTOneWayTransformer>(new ZRTOneWayTransformer());
+        return platform::makeObject<ZRTOneWayTransformer>();
     }
     bool allowsReverseTransformation() const override { return false; }
     Value transformedValue(const Value& value) const override { return Value(value.description()); }
@@ -64,7 +64,7 @@ PLATFORM_CLASS_REGISTRATION(ZRTOneWayTransformer) = ClassDescription("ZRTOneWayT
                                                         .factory([] { return ZRTOneWayTransformer::create(); });
 PLATFORM_CLASS_REGISTRATION(ZRTNotATransformer) =
     ClassDescription("ZRTNotATransformer").superclass("NSObject").factory([] {
-        return std::make_shared<ZRTNotATransformer>();
+        return platform::makeObject<ZRTNotATransformer>();
     });
 
 TEST(ValueTransformerBase, IsTheIdentityBothWays)

@@ -118,8 +118,7 @@ public:
     static std::shared_ptr<HookedCommand> create(const std::string& launchPath, Arguments arguments,
                                                  const std::shared_ptr<RecordingDelegate>& delegate)
     {
-        return std::shared_ptr<HookedCommand>(new HookedCommand(launchPath, std::move(arguments), delegate),
-                                              platform::ObjectDeleter());
+        return platform::makeObject<HookedCommand>(launchPath, std::move(arguments), delegate);
     }
 
     std::vector<Call> calls() const
@@ -134,6 +133,7 @@ protected:
     void commandDidTerminate() override { note("didTerminate"); }
 
 private:
+    template <class> friend struct platform::ObjectAllocator;
     HookedCommand(const std::string& launchPath, Arguments arguments, const std::shared_ptr<RecordingDelegate>& delegate)
         : QMCommandOperation(launchPath, std::nullopt, std::move(arguments), delegate), recorder_(delegate)
     {

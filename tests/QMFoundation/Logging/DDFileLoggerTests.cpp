@@ -98,7 +98,7 @@ TEST_F(DDFileLoggerTest, AFormatterThatDropsAMessageWritesNothing)
         }
     };
     const auto logger = makeLogger();
-    logger->setLogFormatter(std::make_shared<Dropping>());
+    logger->setLogFormatter(platform::makeObject<Dropping>());
     settle(logger);
     writeDirectly(logger, "keep");
     writeDirectly(logger, "drop");

@@ -304,7 +304,7 @@ class TaggingFormatter : public DDLogFormatter {
 public:
     static std::shared_ptr<TaggingFormatter> create(std::string prefix)
     {
-        return std::shared_ptr<TaggingFormatter>(new TaggingFormatter(std::move(prefix)), platform::ObjectDeleter());
+        return platform::makeObject<TaggingFormatter>(std::move(prefix));
     }
     std::optional<std::string> formatLogMessage(const DDLogMessage& message) override
     {
@@ -319,6 +319,7 @@ public:
     std::vector<std::string> events;  // written on the logger's queue, read after a flush
 
 private:
+    template <class> friend struct platform::ObjectAllocator;
     explicit TaggingFormatter(std::string prefix) : prefix_(std::move(prefix)) {}
     std::string prefix_;
 };
@@ -460,7 +461,7 @@ class StderrLogger : public DDAbstractLogger {
 public:
     static DDLoggerRef create()
     {
-        return DDLoggerRef(new StderrLogger, platform::ObjectDeleter());
+        return platform::makeObject<StderrLogger>();
     }
     void logMessage(const DDLogMessage& message) override
     {

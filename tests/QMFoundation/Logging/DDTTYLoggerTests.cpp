@@ -71,7 +71,7 @@ void logSync(int flag, const std::string& text, int context = 0, const platform:
 
 class PlainFormatter : public DDLogFormatter {
 public:
-    static DDLogFormatterRef create() { return DDLogFormatterRef(new PlainFormatter, platform::ObjectDeleter()); }
+    static DDLogFormatterRef create() { return platform::makeObject<PlainFormatter>(); }
     std::optional<std::string> formatLogMessage(const DDLogMessage& message) override { return message.logMsg(); }
 };
 

@@ -32,7 +32,7 @@ class RollRecordingManager : public DDLogFileManagerDefault {
 public:
     static std::shared_ptr<RollRecordingManager> make(const std::string& directory)
     {
-        return std::shared_ptr<RollRecordingManager>(new RollRecordingManager(directory));
+        return platform::makeObject<RollRecordingManager>(directory);
     }
 
     bool respondsToDidRollAndArchiveLogFile() const override { return true; }
@@ -53,6 +53,7 @@ public:
     Signal rolled;
 
 private:
+    template <class> friend struct platform::ObjectAllocator;
     explicit RollRecordingManager(const std::string& directory) : DDLogFileManagerDefault(directory) {}
 
     mutable std::mutex mutex_;

@@ -24,7 +24,7 @@ class RecordingLogger : public DDAbstractLogger {
 public:
     static std::shared_ptr<RecordingLogger> create(std::string name = "test.recording")
     {
-        return std::shared_ptr<RecordingLogger>(new RecordingLogger(std::move(name)), platform::ObjectDeleter());
+        return platform::makeObject<RecordingLogger>(std::move(name));
     }
 
     void logMessage(const DDLogMessage& message) override
@@ -87,6 +87,7 @@ public:
     bool addedOnOwnQueue = false;  // read after `added` is raised
 
 private:
+    template <class> friend struct platform::ObjectAllocator;
     explicit RecordingLogger(std::string name) : name_(std::move(name)) {}
 
     const std::string name_;

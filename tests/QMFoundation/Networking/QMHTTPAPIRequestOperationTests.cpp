@@ -34,9 +34,8 @@ public:
                                             std::optional<Dictionary> params = std::nullopt,
                                             std::optional<Dictionary> headers = std::nullopt)
     {
-        return std::shared_ptr<ItemCall>(new ItemCall(std::move(baseURL), std::move(path), std::move(method),
-                                                      std::move(params), std::move(headers)),
-                                         ObjectDeleter());
+        return platform::makeObject<ItemCall>(std::move(baseURL), std::move(path), std::move(method), std::move(params),
+                                              std::move(headers));
     }
 
     std::optional<Dictionary> item;

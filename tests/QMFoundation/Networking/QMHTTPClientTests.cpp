@@ -52,10 +52,11 @@ class ImpatientClient final : public QMHTTPClient {
 public:
     static std::shared_ptr<ImpatientClient> create(QMHTTPRequestRef request)
     {
-        return std::shared_ptr<ImpatientClient>(new ImpatientClient(std::move(request)), ObjectDeleter());
+        return platform::makeObject<ImpatientClient>(std::move(request));
     }
 
 protected:
+    template <class> friend struct platform::ObjectAllocator;
     explicit ImpatientClient(QMHTTPRequestRef request) : QMHTTPClient(std::move(request), nullptr) {}
 
     MutableURLRequestRef URLRequestForRequest(const QMHTTPRequestRef& request, const QMHTTPAuthRef& auth) override

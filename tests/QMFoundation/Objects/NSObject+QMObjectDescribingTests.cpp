@@ -41,7 +41,7 @@ class NSObjectQMObjectDescribingTest : public ::testing::Test {
 protected:
     std::string heading() const { return "Record <" + record->addressString() + ">"; }
 
-    std::shared_ptr<Record> record = std::make_shared<Record>();
+    std::shared_ptr<Record> record = platform::makeObject<Record>();
 };
 
 TEST_F(NSObjectQMObjectDescribingTest, DescribesAttributesInDeclaredOrder)

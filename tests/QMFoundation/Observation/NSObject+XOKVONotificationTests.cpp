@@ -22,8 +22,8 @@ TEST(XOKeyPath, AStringBecomesASetAndAnArrayStaysItself)
 
 TEST(NSObjectXOKVONotification, TheTwoSidesMakeTheSameKindOfObservation)
 {
-    auto person = std::make_shared<Person>();
-    auto watcher = std::make_shared<Watcher>();
+    auto person = makeObject<Person>();
+    auto watcher = makeObject<Watcher>();
     std::vector<std::string> heard;
     const auto asTarget = addObserver(person, watcher, "name", &Watcher::targetDidChange, Value("target side"), 0);
     const auto asObserver = observeTarget(watcher, person, "age", 0, [&](const auto& notification) {
@@ -59,7 +59,7 @@ TEST(NSObjectXOKVONotification, TheTwoSidesMakeTheSameKindOfObservation)
 
 TEST(NSObjectXOKVONotification, AnObservationWithoutObserverLastsUntilTheTargetRemovesIt)
 {
-    auto person = std::make_shared<Person>();
+    auto person = makeObject<Person>();
     int calls = 0;
     const auto token = addObservationKeyPath(person, "name", 0, [&](const auto& notification) {
         EXPECT_EQ(notification->observer(), nullptr);
@@ -68,7 +68,7 @@ TEST(NSObjectXOKVONotification, AnObservationWithoutObserverLastsUntilTheTargetR
     person->setValueForKey("Grace", "name");
     EXPECT_EQ(calls, 1);
 
-    auto stranger = std::make_shared<Watcher>();
+    auto stranger = makeObject<Watcher>();
     stopObservingAllTargets(stranger);  // not involved
     EXPECT_TRUE(token->isValid());
     removeAllObservers(person);
@@ -79,10 +79,10 @@ TEST(NSObjectXOKVONotification, AnObservationWithoutObserverLastsUntilTheTargetR
 
 TEST(NSObjectXOKVONotification, StoppingAllTargetsLeavesOtherObservers)
 {
-    auto person = std::make_shared<Person>();
-    auto other = std::make_shared<Person>();
-    auto watcher = std::make_shared<Watcher>();
-    auto bystander = std::make_shared<Watcher>();
+    auto person = makeObject<Person>();
+    auto other = makeObject<Person>();
+    auto watcher = makeObject<Watcher>();
+    auto bystander = makeObject<Watcher>();
     const auto first = observeTarget(watcher, person, "name", &Watcher::targetDidChange, {}, 0);
     const auto second = observeTarget(watcher, Array{other}, "age", &Watcher::targetDidChange, {}, 0);
     const auto kept = observeTarget(bystander, person, "name", &Watcher::targetDidChange, {}, 0);

@@ -28,8 +28,8 @@ constexpr auto kNewOld = NSKeyValueObservingOptionNew | NSKeyValueObservingOptio
 
 TEST(XOKVONotificationCenter, ABlockReceivesTheNotificationRecord)
 {
-    auto person = std::make_shared<Person>();
-    auto watcher = std::make_shared<Watcher>();
+    auto person = makeObject<Person>();
+    auto watcher = makeObject<Watcher>();
     Notifications received;
     const auto token = center().addObserver(watcher, person, "name", kNewOld, recordInto(received));
     EXPECT_TRUE(token->isValid());
@@ -49,8 +49,8 @@ TEST(XOKVONotificationCenter, ABlockReceivesTheNotificationRecord)
 
 TEST(XOKVONotificationCenter, ASelectorIsSentToTheObserverWithTheUserInformation)
 {
-    auto person = std::make_shared<Person>();
-    auto watcher = std::make_shared<Watcher>();
+    auto person = makeObject<Person>();
+    auto watcher = makeObject<Watcher>();
     const Dictionary userInfo{{"purpose", "test"}};
     center().addObserver(watcher, person, "age", &Watcher::targetDidChange, userInfo, NSKeyValueObservingOptionNew);
 
@@ -65,8 +65,8 @@ TEST(XOKVONotificationCenter, ASelectorIsSentToTheObserverWithTheUserInformation
 
 TEST(XOKVONotificationCenter, ASelectorTheObserverLacksRaises)
 {
-    auto person = std::make_shared<Person>();
-    auto notAWatcher = std::make_shared<Person>("observer");
+    auto person = makeObject<Person>();
+    auto notAWatcher = makeObject<Person>("observer");
     center().addObserver(notAWatcher, person, "age", &Watcher::targetDidChange, {}, 0);
     try {
         person->setValueForKey(1, "age");
@@ -78,8 +78,8 @@ TEST(XOKVONotificationCenter, ASelectorTheObserverLacksRaises)
 
 TEST(XOKVONotificationCenter, InitialAndPriorNotificationsReachTheBlock)
 {
-    auto person = std::make_shared<Person>();
-    auto watcher = std::make_shared<Watcher>();
+    auto person = makeObject<Person>();
+    auto watcher = makeObject<Watcher>();
     Notifications received;
     center().addObserver(watcher, person, "name",
                          kNewOld | NSKeyValueObservingOptionInitial | NSKeyValueObservingOptionPrior,
@@ -98,7 +98,7 @@ TEST(XOKVONotificationCenter, InitialAndPriorNotificationsReachTheBlock)
 
 TEST(XOKVONotificationCenter, ElementChangesCarryKindAndIndexes)
 {
-    auto person = std::make_shared<Person>();
+    auto person = makeObject<Person>();
     Notifications received;
     center().addObserver(nullptr, person, "items", NSKeyValueObservingOptionNew, recordInto(received));
     person->willChange(KeyValueChange::Insertion, {0, 2}, "items");
@@ -113,8 +113,8 @@ TEST(XOKVONotificationCenter, ElementChangesCarryKindAndIndexes)
 
 TEST(XOKVONotificationCenter, KeyPathsMayBeAnArrayAndAreComparedAsSetsOnRemoval)
 {
-    auto person = std::make_shared<Person>();
-    auto watcher = std::make_shared<Watcher>();
+    auto person = makeObject<Person>();
+    auto watcher = makeObject<Watcher>();
     Notifications received;
     const auto token = center().addObserver(watcher, person, Array{"name", "age"}, 0, recordInto(received));
     person->setValueForKey("Grace", "name");
@@ -132,7 +132,7 @@ TEST(XOKVONotificationCenter, KeyPathsMayBeAnArrayAndAreComparedAsSetsOnRemoval)
 
 TEST(XOKVONotificationCenter, AnArrayOfKeyPathsIsTakenAsItStands)
 {
-    auto person = std::make_shared<Person>();
+    auto person = makeObject<Person>();
     Notifications received;
     const auto token = center().addObserver(nullptr, person, Array{"name", "name"}, 0, recordInto(received));
     person->setValueForKey("Grace", "name");
@@ -143,7 +143,7 @@ TEST(XOKVONotificationCenter, AnArrayOfKeyPathsIsTakenAsItStands)
 
 TEST(XOKVONotificationCenter, AnythingButStringsAsKeyPathsIsRefused)
 {
-    auto person = std::make_shared<Person>();
+    auto person = makeObject<Person>();
     for (const auto& keyPath : {Value(5), Value(Array{"name", 3}), Value(Set{"name"})}) {
         try {
             center().addObserver(nullptr, person, keyPath, 0, [](const auto&) {});
@@ -157,10 +157,10 @@ TEST(XOKVONotificationCenter, AnythingButStringsAsKeyPathsIsRefused)
 
 TEST(XOKVONotificationCenter, AnArrayTargetObservesEachElement)
 {
-    auto a = std::make_shared<Person>("a");
-    auto b = std::make_shared<Person>("b");
-    auto c = std::make_shared<Person>("c");
-    auto watcher = std::make_shared<Watcher>();
+    auto a = makeObject<Person>("a");
+    auto b = makeObject<Person>("b");
+    auto c = makeObject<Person>("c");
+    auto watcher = makeObject<Watcher>();
     Notifications received;
     const auto token = center().addObserver(watcher, Array{a, b, c}, "name", NSKeyValueObservingOptionNew,
                                             recordInto(received));
@@ -181,10 +181,10 @@ TEST(XOKVONotificationCenter, AnArrayTargetObservesEachElement)
 
 TEST(XOKVONotificationCenter, RemovingWithOnlyATargetRemovesEveryObserverOfIt)
 {
-    auto person = std::make_shared<Person>();
-    auto other = std::make_shared<Person>();
-    auto first = std::make_shared<Watcher>();
-    auto second = std::make_shared<Watcher>();
+    auto person = makeObject<Person>();
+    auto other = makeObject<Person>();
+    auto first = makeObject<Watcher>();
+    auto second = makeObject<Watcher>();
     const auto one = center().addObserver(first, person, "name", &Watcher::targetDidChange, {}, 0);
     const auto two = center().addObserver(second, person, "age", 0, [](const auto&) {});
     const auto elsewhere = center().addObserver(first, other, "name", &Watcher::targetDidChange, {}, 0);
@@ -199,8 +199,8 @@ TEST(XOKVONotificationCenter, RemovingWithOnlyATargetRemovesEveryObserverOfIt)
 
 TEST(XOKVONotificationCenter, RemovingBySelectorLeavesTheOtherSelectors)
 {
-    auto person = std::make_shared<Person>();
-    auto watcher = std::make_shared<Watcher>();
+    auto person = makeObject<Person>();
+    auto watcher = makeObject<Watcher>();
     const auto one = center().addObserver(watcher, person, "name", &Watcher::targetDidChange, {}, 0);
     const auto two = center().addObserver(watcher, person, "name", &Watcher::otherTargetDidChange, {}, 0);
     const auto block = center().addObserver(watcher, person, "name", 0, [](const auto&) {});
@@ -232,8 +232,8 @@ TEST(XOKVONotificationCenter, RemovingNeedsAnObserverOrATarget)
 
 TEST(XOKVONotificationCenter, TokensMayBeRemovedDuringDeliveryAndTwice)
 {
-    auto person = std::make_shared<Person>();
-    auto watcher = std::make_shared<Watcher>();
+    auto person = makeObject<Person>();
+    auto watcher = makeObject<Watcher>();
     std::shared_ptr<XOKVOObservation> first;
     std::shared_ptr<XOKVOObservation> second;
     int firstCalls = 0;
@@ -257,8 +257,8 @@ TEST(XOKVONotificationCenter, TokensMayBeRemovedDuringDeliveryAndTwice)
 
 TEST(XOKVONotificationCenter, DestroyingTheObserverFirstEndsItsObservations)
 {
-    auto person = std::make_shared<Person>();
-    auto watcher = std::make_shared<Watcher>();
+    auto person = makeObject<Person>();
+    auto watcher = makeObject<Watcher>();
     int calls = 0;
     const auto token = center().addObserver(watcher, person, "name", 0, [&](const auto&) { ++calls; });
     const auto bySelector = center().addObserver(watcher, person, "age", &Watcher::targetDidChange, {}, 0);
@@ -274,8 +274,8 @@ TEST(XOKVONotificationCenter, DestroyingTheObserverFirstEndsItsObservations)
 
 TEST(XOKVONotificationCenter, DestroyingTheTargetFirstEndsItsObservations)
 {
-    auto person = std::make_shared<Person>();
-    auto watcher = std::make_shared<Watcher>();
+    auto person = makeObject<Person>();
+    auto watcher = makeObject<Watcher>();
     std::weak_ptr<XOKVOObservation> helper =
         center().addObserver(watcher, person, "name", &Watcher::targetDidChange, {}, 0);
     const auto kept = center().addObserver(watcher, person, "age", 0, [](const auto&) {});
@@ -288,9 +288,9 @@ TEST(XOKVONotificationCenter, DestroyingTheTargetFirstEndsItsObservations)
 
 TEST(XOKVONotificationCenter, AnArrayTargetGoesWithAnyOfItsObjects)
 {
-    auto a = std::make_shared<Person>("a");
-    auto b = std::make_shared<Person>("b");
-    auto watcher = std::make_shared<Watcher>();
+    auto a = makeObject<Person>("a");
+    auto b = makeObject<Person>("b");
+    auto watcher = makeObject<Watcher>();
     const auto token = center().addObserver(watcher, Array{a, b}, "name", 0, [](const auto&) {});
     b.reset();
     EXPECT_FALSE(token->isValid());
@@ -299,15 +299,15 @@ TEST(XOKVONotificationCenter, AnArrayTargetGoesWithAnyOfItsObjects)
 
 TEST(XOKVONotificationCenter, WithTheUnregisterManuallyBitTheCallerRemovesTheToken)
 {
-    auto person = std::make_shared<ManualPerson>();
-    auto watcher = std::make_shared<ManualWatcher>();
+    auto person = makeObject<ManualPerson>();
+    auto watcher = makeObject<ManualWatcher>();
     int calls = 0;
     const auto options = NSKeyValueObservingOptionNew | XOKVONotificationOptionUnregisterManually;
     const auto byTarget = center().addObserver(watcher, person, "name", options, [&](const auto& notification) {
         ++calls;
         EXPECT_EQ(notification->newValue(), Value("Grace"));
     });
-    auto second = std::make_shared<ManualPerson>();
+    auto second = makeObject<ManualPerson>();
     const auto byObserver = center().addObserver(watcher, second, "name", options, [&](const auto&) { ++calls; });
     person->setValueForKey("Grace", "name");
     EXPECT_EQ(calls, 1);
@@ -331,10 +331,10 @@ TEST(XOKVONotificationCenter, WithTheUnregisterManuallyBitTheCallerRemovesTheTok
 
 TEST(XOKVONotificationCenter, AutomaticRemovalAddedLaterCoversOlderInstancesOfTheClass)
 {
-    auto older = std::make_shared<LatePerson>();
+    auto older = makeObject<LatePerson>();
     const auto manual = center().addObserver(nullptr, older, "name", XOKVONotificationOptionUnregisterManually,
                                              [](const auto&) {});
-    auto newer = std::make_shared<LatePerson>();
+    auto newer = makeObject<LatePerson>();
     const auto automatic = center().addObserver(nullptr, newer, "name", 0, [](const auto&) {});
 
     older.reset();
@@ -345,7 +345,7 @@ TEST(XOKVONotificationCenter, AutomaticRemovalAddedLaterCoversOlderInstancesOfTh
 
 TEST(XOKVONotificationCenter, TheHelperPassesOnNotificationsOfOtherContexts)
 {
-    auto person = std::make_shared<Person>();
+    auto person = makeObject<Person>();
     const auto token = center().addObserver(nullptr, person, "name", 0, [](const auto&) {});
     const auto helper = std::dynamic_pointer_cast<Object>(token);
     ASSERT_TRUE(helper);

@@ -44,10 +44,10 @@ void whileAnotherThreadRuns(Body body, int rounds, int minimum, Work work)
 
 TEST(XOKVONotificationCenterThreads, ObserversGoWhileAnotherThreadChangesTheTarget)
 {
-    auto person = std::make_shared<Person>();
+    auto person = makeObject<Person>();
     std::vector<std::shared_ptr<XOKVOObservation>> tokens;
     whileAnotherThreadRuns([&] { person->setValueForKey("x", "name"); }, 200, 2000, [&](int round) {
-        auto watcher = std::make_shared<Watcher>();
+        auto watcher = makeObject<Watcher>();
         // The block reaches into the watcher through a plain pointer: calling
         // it after the watcher went would touch freed memory.
         auto* raw = watcher.get();
@@ -69,8 +69,8 @@ TEST(XOKVONotificationCenterThreads, ObserversGoWhileAnotherThreadChangesTheTarg
 TEST(XOKVONotificationCenterThreads, ObserverAndTargetGoAtTheSameTimeOnTwoThreads)
 {
     for (int round = 0; round < 200; ++round) {
-        auto person = std::make_shared<Person>();
-        auto watcher = std::make_shared<Watcher>();
+        auto person = makeObject<Person>();
+        auto watcher = makeObject<Watcher>();
         std::weak_ptr<XOKVOObservation> helper = center().addObserver(watcher, person, "name", 0, [](const auto&) {});
         std::weak_ptr<XOKVOObservation> arrayHelper =
             center().addObserver(watcher, Array{person}, "age", &Watcher::targetDidChange, {}, 0);
@@ -92,10 +92,10 @@ TEST(XOKVONotificationCenterThreads, ObserverAndTargetGoAtTheSameTimeOnTwoThread
 
 TEST(XOKVONotificationCenterThreads, ATokenIsRemovedWhileItsTargetGoesOnAnotherThread)
 {
-    auto watcher = std::make_shared<Watcher>();
+    auto watcher = makeObject<Watcher>();
     for (int round = 0; round < 200; ++round) {
-        auto person = std::make_shared<Person>();
-        auto other = std::make_shared<Person>();
+        auto person = makeObject<Person>();
+        auto other = makeObject<Person>();
         const auto token = center().addObserver(watcher, Array{person, other}, "name", 0, [](const auto&) {});
         std::latch start(2);
         std::thread remover([&] {
@@ -116,8 +116,8 @@ TEST(XOKVONotificationCenterThreads, ATokenIsRemovedWhileItsTargetGoesOnAnotherT
 
 TEST(XOKVONotificationCenterThreads, ATokenRemovedOnAnotherThreadStopsTheDeliveries)
 {
-    auto person = std::make_shared<Person>();
-    auto watcher = std::make_shared<Watcher>();
+    auto person = makeObject<Person>();
+    auto watcher = makeObject<Watcher>();
     for (int round = 0; round < 50; ++round) {
         const auto token = center().addObserver(watcher, person, "name", 0, [&](const auto&) { ++watcher->deliveries; });
         std::latch removed(1);
@@ -138,12 +138,12 @@ TEST(XOKVONotificationCenterThreads, ATokenRemovedOnAnotherThreadStopsTheDeliver
 
 TEST(XOKVONotificationCenterThreads, ObservationsComeAndGoFromSeveralThreadsAtOnce)
 {
-    auto person = std::make_shared<Person>();
+    auto person = makeObject<Person>();
     std::latch start(3);
     auto churn = [&] {
         start.arrive_and_wait();
         for (int round = 0; round < 200; ++round) {
-            auto watcher = std::make_shared<Watcher>();
+            auto watcher = makeObject<Watcher>();
             center().addObserver(watcher, person, Array{"name", "age"}, NSKeyValueObservingOptionNew,
                                  [](const auto&) {});
             center().addObserver(watcher, person, "name", &Watcher::targetDidChange, {}, 0);

@@ -36,8 +36,7 @@ public:
     static std::shared_ptr<RecordingOperation> create(const std::string& url,
                                                       std::optional<std::string> method = std::nullopt)
     {
-        return initialized(std::shared_ptr<RecordingOperation>(new RecordingOperation(*URL::fromString(url), std::move(method)),
-                                                               platform::ObjectDeleter()));
+        return initialized(platform::makeObject<RecordingOperation>(*URL::fromString(url), std::move(method)));
     }
 
     // What the test sets before `start`.

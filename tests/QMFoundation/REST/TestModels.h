@@ -44,7 +44,7 @@ class TestRepository : public ValueModel {
 public:
     static std::shared_ptr<TestRepository> create()
     {
-        auto repository = std::shared_ptr<TestRepository>(new TestRepository(), platform::ObjectDeleter());
+        auto repository = platform::makeObject<TestRepository>();
         repository->set("watchers", 7);  // an initial value the mapping must leave alone
         return repository;
     }
@@ -57,21 +57,23 @@ public:
     }
 
 protected:
+    template <class> friend struct platform::ObjectAllocator;
     TestRepository() = default;
 };
 
 class TestFork final : public TestRepository {
 public:
-    static std::shared_ptr<TestFork> create() { return std::shared_ptr<TestFork>(new TestFork(), platform::ObjectDeleter()); }
+    static std::shared_ptr<TestFork> create() { return platform::makeObject<TestFork>(); }
     std::string className() const override { return "TestFork"; }
 
 private:
+    template <class> friend struct platform::ObjectAllocator;
     TestFork() = default;
 };
 
 class TestUser final : public ValueModel {
 public:
-    static std::shared_ptr<TestUser> create() { return std::shared_ptr<TestUser>(new TestUser(), platform::ObjectDeleter()); }
+    static std::shared_ptr<TestUser> create() { return platform::makeObject<TestUser>(); }
     std::string className() const override { return "TestUser"; }
     const platform::PropertyTable& propertyTable() const override
     {
@@ -80,6 +82,7 @@ public:
     }
 
 private:
+    template <class> friend struct platform::ObjectAllocator;
     TestUser() = default;
 };
 
