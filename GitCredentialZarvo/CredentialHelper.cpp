@@ -348,7 +348,7 @@ private:
     int storeKeptAttributes(QMInternetPasswordKeychainItem& item, const std::optional<std::string>& kept)
     {
         ErrorRef error;
-        const bool marked = item.comment() == kKeptAttributesMark;
+        const bool marked = gitcredential::hasKeptAttributes(item);
         if (kept->empty()) {
             if (!marked) {
                 return kExitDone;

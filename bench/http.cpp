@@ -73,6 +73,19 @@ CURL* easyHandle(const std::string& url)
     return easy;
 }
 
+// One handle for each transfer in flight; `quiet` ones run without signals,
+// as the transport's handles do (a blocking transfer otherwise sets and
+// restores SIGPIPE's handler nine times).
+std::array<CURL*, kWidth> easyHandles(const std::string& url, bool quiet)
+{
+    std::array<CURL*, kWidth> handles{};
+    for (auto& handle : handles) {
+        handle = easyHandle(url);
+        curl_easy_setopt(handle, CURLOPT_NOSIGNAL, quiet ? 1L : 0L);
+    }
+    return handles;
+}
+
 double clientRound(const URL& url)
 {
     const auto start = Clock::now();
@@ -214,30 +227,20 @@ int main(int argc, char** argv)
     // gives "http:/127.0.0.1:PORT/item", as applications' calls do.
     const auto base = *URL::fromString(server.url().substr(0, server.url().size() - 1));
     CURLM* multi = curl_multi_init();
-    std::array<CURL*, kWidth> handles{};
-    for (auto& handle : handles) {
-        handle = easyHandle(url.absoluteString());
-    }
+    const auto handles = easyHandles(url.absoluteString(), false);
     const auto [operations, multiBaseline] = bench::pairedMedians([&] { return operationsRound(base); },
                                                                   [&] { return multiRound(multi, handles); },
                                                                   kConcurrentRounds, 1);
     // The floor, paired with the baseline again so that both ratios come from
     // rounds run side by side.
-    // Without signals, as the transport sets its handles: a blocking
-    // transfer otherwise sets and restores SIGPIPE's handler nine times.
-    std::array<CURL*, kWidth> quietHandles{};
-    for (auto& handle : quietHandles) {
-        handle = easyHandle(url.absoluteString());
-        curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
-    }
+    const auto quietHandles = easyHandles(url.absoluteString(), true);
     const auto [blocking, blockingBaseline] = bench::pairedMedians([&] { return blockingThreadsRound(quietHandles); },
                                                                    [&] { return multiRound(multi, handles); },
                                                                    kConcurrentRounds, 1);
-    for (CURL* handle : handles) {
-        curl_easy_cleanup(handle);
-    }
-    for (CURL* handle : quietHandles) {
-        curl_easy_cleanup(handle);
+    for (const auto& each : {handles, quietHandles}) {
+        for (CURL* handle : each) {
+            curl_easy_cleanup(handle);
+        }
     }
     curl_multi_cleanup(multi);
     std::printf("%d GETs, %d at a time, median throughput:\n", kConcurrentRequests, kWidth);

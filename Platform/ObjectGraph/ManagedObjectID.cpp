@@ -64,7 +64,7 @@ InternedStoreIdentifier::InternedStoreIdentifier(const std::string& identifier)
 ManagedObjectIDRef ManagedObjectID::temporaryID(const EntityDescription& entity)
 {
     return makeObject<ManagedObjectID>(Passkey(), entity, nullptr,
-                                             nextTemporaryKey.fetch_add(1, std::memory_order_relaxed), true);
+                                       nextTemporaryKey.fetch_add(1, std::memory_order_relaxed), true);
 }
 
 ManagedObjectIDRef ManagedObjectID::permanentID(const EntityDescription& entity, InternedStoreIdentifier store,

@@ -786,7 +786,7 @@ public:
         std::shared_ptr<objectgraph::StoredObject> object;
         if (snapshot) {
             object = makeObject<objectgraph::StoredObject>(*this, objectID.entity(), objectID.primaryKey(),
-                                                                 std::move(*snapshot));
+                                                           std::move(*snapshot));
         } else if (error && error->code() != NSManagedObjectReferentialIntegrityError && !failure_) {
             failure_ = error;
         }
