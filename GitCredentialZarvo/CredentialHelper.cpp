@@ -79,11 +79,6 @@ std::optional<std::string> parseArguments(const std::vector<std::string>& argume
     return std::nullopt;
 }
 
-bool holdsLineBreakOrNul(std::string_view text)
-{
-    return text.find_first_of(std::string_view("\n\r\0", 3)) != std::string_view::npos;
-}
-
 // A value that is there and not empty; git leaves out what it does not know,
 // and an empty user name names nobody.
 std::optional<std::string> given(const CredentialRequest& request, std::string_view key)

@@ -40,3 +40,11 @@ inline constexpr std::size_t kMaximumRequestLength = 1 << 20;
 // The request in `input`, or nothing with `*problem` set to a one-line
 // description such as "line 3 has no '='".
 std::optional<CredentialRequest> readCredentialRequest(std::string_view input, std::string* problem);
+
+// Whether `text` holds a line break or NUL: git reads a user name or password
+// as one line, from the helper and the responder alike, so such a value could
+// be stored but never given back.
+inline bool holdsLineBreakOrNul(std::string_view text)
+{
+    return text.find_first_of(std::string_view("\n\r\0", 3)) != std::string_view::npos;
+}

@@ -1,5 +1,7 @@
 #include "ZarvoKeychain/ImportCommand.h"
 
+#include "GitCredentialZarvo/CredentialRequest.h"
+
 #include "ZarvoKeychain/CommandOptions.h"
 #include "ZarvoKeychain/KeychainAccess.h"
 #include "ZarvoKeychain/KeychainTool.h"
@@ -75,12 +77,8 @@ struct Tally {
     if (!url->password()) {
         return refuseValue("no password", error);
     }
-    // git reads a password or user name as one line, from the helper and
-    // from the responder alike: one with a line break or NUL in it (a "%0A")
-    // could be stored but never given back.
-    const std::string_view lineEnds("\n\r\0", 3);
-    if (url->user()->find_first_of(lineEnds) != std::string::npos ||
-        url->password()->find_first_of(lineEnds) != std::string::npos) {
+    // A "%0A" in the URL decodes to a line break: see holdsLineBreakOrNul.
+    if (holdsLineBreakOrNul(*url->user()) || holdsLineBreakOrNul(*url->password())) {
         return refuseValue("the user name or password holds a line break or NUL, which git cannot be given", error);
     }
     return true;

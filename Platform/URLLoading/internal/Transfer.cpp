@@ -81,6 +81,12 @@ bool isToken(std::string_view method)
     });
 }
 
+// A request that leaves a handle's method and body as they were.
+bool isBareGET(const URLRequest& request)
+{
+    return !request.httpBody() && request.httpMethod() == "GET";
+}
+
 bool isLoadableScheme(const URL& url)
 {
     return url.scheme() == "http" || url.scheme() == "https";
@@ -169,8 +175,8 @@ bool isBlank(char c)
     return c == ' ' || c == '\t' || c == '\r' || c == '\n';
 }
 
-// Every header line passes through here, most of them twice; a set search
-// per character cost more than the rest of the line's reading.
+// Every header line passes through here; a set search per character cost
+// more than the rest of the line's reading.
 std::string_view trimmed(std::string_view text)
 {
     std::size_t first = 0;
@@ -270,7 +276,7 @@ Transfer::ReleasedHandle Transfer::releaseHandle()
     }
     // A bare GET found the handle as it leaves it; anything else goes back.
     // POSTFIELDS turns the method into POST again, so the GET comes after it.
-    if (methodSet_) {
+    if (!isBareGET(*connection_.originalRequest())) {
         curl_easy_setopt(easy, CURLOPT_POSTFIELDS, nullptr);
         curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(-1));
         curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, nullptr);
@@ -327,7 +333,6 @@ void Transfer::configureMethodAndBody(const URLRequest& request)
     method_ = method;
     // Every handle comes as a bare GET: a new one, a reset one, and one that a
     // transfer gave back (see `releaseHandle`).
-    methodSet_ = request.httpBody() || method != "GET";
     if (const auto& body = request.httpBody()) {
         // The request outlives the transfer, so curl may read the body in place.
         static const char empty = '\0';
@@ -418,7 +423,8 @@ void Transfer::readHeaderLine(std::string_view line)
         statusCode_ = space == std::string_view::npos ? 0 : std::strtoll(std::string(line.substr(space + 1, 3)).c_str(), nullptr, 10);
         return;
     }
-    if (trimmed(line).empty()) {
+    const auto text = trimmed(line);
+    if (text.empty()) {
         // Decided before the body comes, which is dropped only when the
         // redirect is followed: one whose location names nowhere is the
         // answer, delivered as it came.
@@ -429,16 +435,17 @@ void Transfer::readHeaderLine(std::string_view line)
     }
     if (line.starts_with(' ') || line.starts_with('\t')) {
         if (lastField_) {
-            headerFields_[*lastField_].second += " " + std::string(trimmed(line));
+            headerFields_[*lastField_].second += " " + std::string(text);
         }
         return;
     }
-    const auto colon = line.find(':');
+    // Not a continuation, so `text` starts where the line does.
+    const auto colon = text.find(':');
     if (colon == std::string_view::npos || colon == 0) {
-        return;  // the blank line that ends a block, or a line that is not a field
+        return;  // a line that is not a field
     }
-    const auto name = line.substr(0, colon);
-    auto value = std::string(trimmed(line.substr(colon + 1)));
+    const auto name = text.substr(0, colon);
+    auto value = std::string(trimmed(text.substr(colon + 1)));
     const auto known = findField(name);
     if (!known) {
         if (!fieldIndex_.empty()) {

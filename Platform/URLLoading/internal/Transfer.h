@@ -106,8 +106,6 @@ private:
     bool redirecting_ = false;
     long redirects_ = 0;
     std::string method_;
-    // The transfer set its method or body on the handle: not a bare GET.
-    bool methodSet_ = false;
     bool bodyDropped_ = false;
     bool trustCancelled_ = false;
     bool trustChallenged_ = false;
